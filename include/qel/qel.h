@@ -1,0 +1,11 @@
+// QEL: make an application a node of a peer-to-peer overlay network.
+#pragma once
+
+#include <qel/debug.h>
+#include <qel/error.h>
+#include <qel/node.h>
+#include <qel/settings.h>
+#include <qel/stats.h>
+#include <qel/types.h>
+#include <qel/variant.h>
+#include <qel/version.h>

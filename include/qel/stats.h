@@ -1,0 +1,29 @@
+// cQELStats: read-only traffic figures of all nodes in the process.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include <qel/export.h>
+
+namespace qel {
+
+// Rates are per second over the last 500 ms tick of the statistics timer and
+// change only on ticks; counts run from the time the library was loaded and
+// stop at 2147483647. Read on the host's thread.
+class QEL_API cQELStats {
+ public:
+  int32_t InByteSpeed() const;
+  int32_t OutByteSpeed() const;
+  int32_t InPacketRate() const;
+  int32_t OutPacketRate() const;
+  int32_t InPacketCount() const;
+  int32_t OutPacketCount() const;
+  // The library's version, "major.minor.revision".
+  std::string QELVersion() const;
+  // Mean percentage saved by compression over all compressed incoming
+  // messages; 0 when there were none.
+  int16_t AvgCompression() const;
+};
+
+}  // namespace qel

@@ -1,0 +1,51 @@
+// The enumerations and records of QEL's public interface.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace qel {
+
+enum enmSearchType : int32_t { Find_Node = 1, Find_File = 2 };
+
+enum enmRole : int32_t { role_Peer = 0, role_Server = 1, role_Router = 2 };
+
+enum enmFileStatus : int32_t { FS_Transferring = 0, FS_Complete = 1, FS_Canceled = 2 };
+
+enum enmUserOp : int32_t { user_Update = 0, user_Remove = 1 };
+
+enum enmRPCType : int32_t { RPC_INCOMING = 0, RPC_RETURN = 1 };
+
+// Size and MD5 hex digest of a remote file.
+struct typFileInfo {
+  int32_t lngSize = 0;
+  std::string strHash;
+};
+
+// What a node announces about itself.
+struct typNodeInfo {
+  std::string ID;
+  std::string Name;
+  enmRole Role = role_Peer;
+  std::string Descriptor;
+  bool directConn = false;  // connected directly to this node
+  std::string Address;
+  bool sharingFiles = false;
+  std::string activeUser;
+};
+
+// One answer to a search: the node that answered and what it found.
+struct typSearchResult {
+  std::string nodeID;
+  std::string Result;
+};
+
+// A byte range of a file transfer.
+struct typQELRange {
+  int32_t lngStart = 0;
+  int32_t lngEnd = 0;
+  int32_t lngLen = 0;
+  bool isEmpty = false;
+};
+
+}  // namespace qel

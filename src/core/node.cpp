@@ -1,0 +1,187 @@
+#include <qel/node.h>
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+
+#include <qel/error.h>
+
+#include "core/module.h"
+#include "core/new_id.h"
+#include "core/node_access.h"
+#include "core/report.h"
+#include "core/text.h"
+#include "users/user_list.h"
+
+namespace qel {
+namespace {
+
+// The guard every public method passes: makes the node current and keeps its
+// state alive for the rest of the call, even if a handler shuts it down.
+std::shared_ptr<NodeState> Enter(cQEL& self) {
+  Module& module = TheModule();
+  int32_t slot = detail::NodeAccess::SlotIndex(self);
+  module.SwitchSession(slot, true);
+  return module.Slot(slot);
+}
+
+// The OS account running the process, cut to 24 characters as other nodes
+// announce it.
+std::string AccountName() {
+  std::string name;
+  long size = sysconf(_SC_GETPW_R_SIZE_MAX);
+  std::string buffer(size > 0 ? static_cast<size_t>(size) : 16384, '\0');
+  passwd entry{};
+  passwd* found = nullptr;
+  if (getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found) {
+    name = found->pw_name;
+  } else if (const char* user = std::getenv("USER")) {
+    name = user;
+  }
+  return name.substr(0, 24);
+}
+
+int16_t ToInt16(const Variant& value) {
+  int32_t number = value.toInt32();
+  if (number < -32768 || number > 32767)
+    throw QelError(errors::kOverflow, "Initialise", "Overflow");
+  return static_cast<int16_t>(number);
+}
+
+// A table with positions 0 to upper; a negative size is the classic
+// subscript fault.
+std::vector<std::string> MakeTable(int32_t upper) {
+  if (upper < 0)
+    throw QelError(errors::kSubscriptOutOfRange, "Initialise", "Subscript out of range");
+  return std::vector<std::string>(static_cast<size_t>(upper) + 1);
+}
+
+void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenPort, enmRole role,
+                   const std::string& descriptor, const std::string& sharedDir,
+                   const std::string& advancedSettings) {
+  node.EncryptionKey = NewID();
+  node.NodeID = NewID();
+  node.ListenPort = listenPort;
+  node.Name = nodeName;
+  node.Role = role;
+  node.Descriptor = descriptor;
+
+  node.Timeout = 500;
+  node.TTL = 20;
+  node.useEnc = false;
+  node.useComp = false;
+  node.seeSelf = false;
+  node.announceSelf = true;
+  node.maxRoutes = 10;
+  node.confirmMode = false;
+  node.confirmTimeout = 30000;
+  node.confirmRetry = 2;
+  int32_t filePacket = 256;
+  int32_t packetCache = 50;
+
+  if (!advancedSettings.empty()) {
+    cSettings settings;
+    bool loaded = false;
+    try {
+      loaded = settings.LoadXML(advancedSettings);
+    } catch (const QelError&) {
+      loaded = false;  // text that is not a settings text leaves every default
+    }
+    if (loaded) {
+      // Read in this order, each written as soon as it converts: a value of
+      // the wrong type stops here with the earlier keys already set.
+      auto get = [&](const char* key, Variant current) {
+        return settings.GetSetting(key, std::move(current), "Common");
+      };
+      node.Timeout = get("Timeout", node.Timeout).toInt32();
+      node.TTL = get("TTL", node.TTL).toInt32();
+      node.useEnc = get("useEnc", node.useEnc).toBool();
+      node.netPass = get("netPass", node.netPass).toString();
+      node.useComp = get("useComp", node.useComp).toBool();
+      node.seeSelf = get("seeSelf", node.seeSelf).toBool();
+      node.announceSelf = get("announceSelf", node.announceSelf).toBool();
+      node.maxRoutes = ToInt16(get("maxRoutes", node.maxRoutes));
+      node.confirmMode = get("confirmMode", node.confirmMode).toBool();
+      node.confirmTimeout = get("confirmTimeout", node.confirmTimeout).toInt32();
+      node.confirmRetry = get("confirmRetry", node.confirmRetry).toInt32();
+      filePacket = get("filePacket", filePacket).toInt32();
+      packetCache = get("packetCache", packetCache).toInt32();
+    }
+  }
+  if (node.netPass.empty()) node.netPass = "blankey";
+
+  int64_t packetBytes = int64_t{filePacket} * 1024;
+  if (packetBytes > INT32_MAX || packetBytes < INT32_MIN) {
+    throw QelError(errors::kOverflow, "Initialise", "Overflow");
+  }
+  node.FilePacketBytes = static_cast<int32_t>(packetBytes);
+
+  node.RoutingOn = node.maxRoutes >= 1;
+  node.RouteTable = MakeTable(node.maxRoutes);
+  node.PacketCache = MakeTable(packetCache);
+  node.SharedFolders.assign(1, typSharedFolder{});
+  node.SharingFiles = false;
+
+  if (!Trim(sharedDir).empty()) ShareFolder(node, sharedDir);
+}
+
+}  // namespace
+
+cQEL::cQEL() {
+  Module& module = TheModule();
+  if (!module.Initialised) module.Init();
+  module.Debug.CheckDebugMode(UserSettings(), module.LocalAddress);
+  slotIndex = module.AddSlot(this);
+  NodeState& node = module.SwitchSession(slotIndex, module.CurrentSlot >= 1);
+  node.LocalAccount = AccountName();
+  node.ActiveUser = node.LocalAccount;
+  try {
+    SetUser(node.Users, node.LocalAccount, "", node.Name);
+  } catch (...) {
+    ReportCurrentFault(node);
+  }
+}
+
+cQEL::~cQEL() {
+  try {
+    if (slotIndex >= 1) ShutDown();
+  } catch (...) {
+    // A destructor must not throw; there is nobody left to tell.
+  }
+}
+
+void cQEL::Initialise(const std::string& nodeName, int32_t listenPort, enmRole Role,
+                      const std::string& Descriptor, const std::string& sharedDir,
+                      const std::string& advancedSettings) {
+  auto node = Enter(*this);
+  try {
+    ApplySettings(*node, nodeName, listenPort, Role, Descriptor, sharedDir, advancedSettings);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+}
+
+void cQEL::shareFolder(std::string strPath) {
+  auto node = Enter(*this);
+  try {
+    ShareFolder(*node, std::move(strPath));
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+}
+
+void cQEL::switchRole(enmRole Role) {
+  auto node = Enter(*this);
+  node->Role = Role;
+}
+
+void cQEL::ShutDown() {
+  auto node = Enter(*this);
+  int32_t start = slotIndex;
+  slotIndex = -1;
+  TheModule().RemoveSlot(start);
+}
+
+}  // namespace qel

@@ -1,0 +1,24 @@
+#include "net/local_address.h"
+
+#include <gtest/gtest.h>
+
+namespace qel {
+namespace {
+
+TEST(LocalAddressTest, PrefersTheFirstAddressOutsideLoopbackAnd192168) {
+  EXPECT_EQ(ChooseLocalAddress({"192.168.1.4", "10.1.2.3"}), "10.1.2.3");
+  EXPECT_EQ(ChooseLocalAddress({"127.0.0.1", "192.168.0.9", "172.16.0.1", "8.8.8.8"}),
+            "172.16.0.1");
+  EXPECT_EQ(ChooseLocalAddress({"127.0.0.1"}), "127.0.0.1");
+  EXPECT_EQ(ChooseLocalAddress({"192.168.2.2", "127.0.0.1"}), "192.168.2.2");
+  EXPECT_EQ(ChooseLocalAddress({}), "");
+}
+
+TEST(LocalAddressTest, EnvironmentReplacesTheChoice) {
+  // The test runner sets QEL_LOCAL_ADDRESS so that nothing leaves loopback.
+  ASSERT_STREQ(std::getenv("QEL_LOCAL_ADDRESS"), "127.0.0.1");
+  EXPECT_EQ(GetLocalAddress(), "127.0.0.1");
+}
+
+}  // namespace
+}  // namespace qel
