@@ -197,7 +197,9 @@ TEST(FieldRandomTest, RandomOperationsMatchAPlainModel) {
       } else {
         it->Value = text;
       }
-      op = [&] { append ? AppendField(fields, name, value, ",") : SetField(fields, name, value); };
+      op = [&, append] {
+        append ? AppendField(fields, name, value, ",") : SetField(fields, name, value);
+      };
     }
     if (refuse) {
       EXPECT_NE(Refused(fields, op), "no error");
