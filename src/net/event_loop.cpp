@@ -1,0 +1,128 @@
+#include "net/event_loop.h"
+
+#include <chrono>
+
+#include <qel/event_loop.h>
+
+#include "net/asio_context.h"
+
+namespace qel {
+namespace {
+
+struct Loop {
+  // A single-threaded loop: no locking inside Asio's scheduler for handlers,
+  // posts from other threads still work.
+  asio::io_context io{1};
+  asio::executor_work_guard<asio::io_context::executor_type> keepAlive{io.get_executor()};
+  bool stopRequested = false;
+};
+
+Loop& TheLoop() {
+  static Loop* loop = new Loop;  // never destroyed: node objects may outlive statics
+  return *loop;
+}
+
+}  // namespace
+
+asio::io_context& IoContext() {
+  return TheLoop().io;
+}
+
+int64_t TickCount() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+bool RunUntil(const std::function<bool()>& done, int64_t timeoutMs) {
+  auto& io = IoContext();
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (!done()) {
+    auto now = std::chrono::steady_clock::now();
+    if (now >= deadline) return done();
+    io.run_one_until(deadline);
+    if (io.stopped()) io.restart();
+  }
+  return true;
+}
+
+void DoEvents(int32_t lngWaitMs) {
+  auto& io = IoContext();
+  size_t ran = io.poll();
+  if (ran == 0 && lngWaitMs > 0) {
+    ran = io.run_one_for(std::chrono::milliseconds(lngWaitMs));
+    if (ran) io.poll();
+  }
+  if (io.stopped()) io.restart();
+}
+
+void RunEventLoop() {
+  auto& loop = TheLoop();
+  loop.stopRequested = false;
+  while (!loop.stopRequested) {
+    loop.io.run_one();
+    if (loop.io.stopped()) loop.io.restart();
+  }
+  loop.stopRequested = false;
+}
+
+void StopEventLoop() {
+  asio::post(IoContext(), [] { TheLoop().stopRequested = true; });
+}
+
+void Post(std::function<void()> fn) {
+  asio::post(IoContext(), std::move(fn));
+}
+
+struct Timer::Impl : std::enable_shared_from_this<Impl> {
+  explicit Impl(std::function<void()> tick) : timer(IoContext()), onTick(std::move(tick)) {}
+
+  void Arm() {
+    ++generation;
+    timer.expires_after(std::chrono::milliseconds(interval));
+    timer.async_wait([weak = weak_from_this(), gen = generation](const std::error_code& ec) {
+      auto self = weak.lock();
+      if (ec || !self || !self->enabled || gen != self->generation) return;
+      self->Arm();  // re-arm first, so a tick that disables the timer wins
+      auto tick = self->onTick;
+      tick();
+    });
+  }
+
+  asio::steady_timer timer;
+  std::function<void()> onTick;
+  int32_t interval = 1000;
+  bool enabled = false;
+  uint64_t generation = 0;
+};
+
+Timer::Timer(std::function<void()> onTick) : impl_(std::make_shared<Impl>(std::move(onTick))) {}
+
+Timer::~Timer() {
+  impl_->enabled = false;
+  impl_->timer.cancel();
+}
+
+void Timer::SetInterval(int32_t intervalMs) {
+  impl_->interval = intervalMs > 0 ? intervalMs : 1;
+  if (impl_->enabled) impl_->Arm();
+}
+
+int32_t Timer::Interval() const {
+  return impl_->interval;
+}
+
+void Timer::Enable(bool on) {
+  if (on == impl_->enabled) return;
+  impl_->enabled = on;
+  if (on) {
+    impl_->Arm();
+  } else {
+    impl_->timer.cancel();
+  }
+}
+
+bool Timer::Enabled() const {
+  return impl_->enabled;
+}
+
+}  // namespace qel

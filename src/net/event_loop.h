@@ -1,0 +1,36 @@
+// The process-wide Asio loop, its waits and its timers. Only src/net sees Asio.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+namespace qel {
+
+// Milliseconds from a steady clock: the tick count the waits and the
+// confirmation timing measure with.
+int64_t TickCount();
+
+// Runs the loop until done() is true or timeoutMs have passed; returns done().
+// Events of every node run meanwhile, so callers must re-check their state.
+bool RunUntil(const std::function<bool()>& done, int64_t timeoutMs);
+
+// A repeating timer on the loop. Destroying it cancels it.
+class Timer {
+ public:
+  explicit Timer(std::function<void()> onTick);
+  ~Timer();
+  Timer(const Timer&) = delete;
+  Timer& operator=(const Timer&) = delete;
+
+  void SetInterval(int32_t intervalMs);
+  int32_t Interval() const;
+  void Enable(bool on);
+  bool Enabled() const;
+
+ private:
+  struct Impl;
+  std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace qel

@@ -1,0 +1,250 @@
+#include "net/socket.h"
+
+#include <array>
+
+#include "net/asio_context.h"
+
+namespace qel {
+
+using asio::ip::tcp;
+
+struct Socket::Impl : std::enable_shared_from_this<Impl> {
+  Impl() : socket(IoContext()), resolver(IoContext()) {}
+
+  void StartReading() {
+    socket.async_read_some(asio::buffer(readBuffer), [self = shared_from_this(), gen = generation](
+                                                         const std::error_code& ec, size_t n) {
+      if (gen == self->generation) self->OnRead(ec, n);
+    });
+  }
+
+  void OnRead(const std::error_code& ec, size_t n) {
+    if (state != SocketState::Connected) return;  // closed meanwhile
+    if (ec) {
+      CloseNow();
+      if (auto h = handlers.onPeerClosed) h();
+      return;
+    }
+    if (auto& h = handlers.onData) {
+      auto keep = h;  // the handler may replace the handlers or destroy the socket
+      keep(std::string_view(readBuffer.data(), n));
+    }
+    if (state == SocketState::Connected) StartReading();
+  }
+
+  void ScheduleFlush() {
+    if (writing || flushPosted || outgoing.empty()) return;
+    flushPosted = true;
+    // Posted rather than written now, so every message queued in this turn
+    // of the loop joins the same write.
+    asio::post(IoContext(), [self = shared_from_this()] {
+      self->flushPosted = false;
+      self->WriteQueued();
+    });
+  }
+
+  void WriteQueued() {
+    if (writing || outgoing.empty() || state != SocketState::Connected) return;
+    writing = true;
+    // The buffer belongs to this write: a close and reconnect meanwhile must
+    // not free it under the kernel.
+    auto buffer = spare ? std::move(spare) : std::make_shared<std::string>();
+    buffer->swap(outgoing);
+    inflightBytes = buffer->size();
+    asio::async_write(
+        socket, asio::buffer(*buffer),
+        [self = shared_from_this(), buffer, gen = generation](const std::error_code& ec, size_t n) {
+          if (gen != self->generation) return;
+          self->writing = false;
+          self->inflightBytes = 0;
+          buffer->clear();
+          self->spare = buffer;
+          if (ec || self->state != SocketState::Connected) return;  // reads report the break
+          if (auto h = self->handlers.onSent) h(n);
+          self->WriteQueued();
+        });
+  }
+
+  void CloseNow() {
+    const bool wasWriting = writing;
+    ++generation;
+    writing = false;
+    inflightBytes = 0;
+    std::error_code ignored;
+    resolver.cancel();
+    if (socket.is_open() && state == SocketState::Connected && !outgoing.empty() && !wasWriting) {
+      // Best effort for messages queued just before a close: whatever the
+      // kernel takes without blocking still goes out.
+      socket.non_blocking(true, ignored);
+      socket.write_some(asio::buffer(outgoing), ignored);
+    }
+    outgoing.clear();
+    socket.shutdown(tcp::socket::shutdown_both, ignored);
+    socket.close(ignored);
+    state = SocketState::Closed;
+  }
+
+  tcp::socket socket;
+  tcp::resolver resolver;
+  SocketState state = SocketState::Closed;
+  Handlers handlers;
+  std::array<char, 65536> readBuffer;
+  std::string outgoing;
+  std::shared_ptr<std::string> spare;
+  size_t inflightBytes = 0;
+  bool writing = false;
+  uint64_t generation = 0;  // bumped on close: completions of older operations are ignored
+  bool flushPosted = false;
+  uint64_t connectAttempt = 0;
+};
+
+Socket::Socket() : impl_(std::make_shared<Impl>()) {}
+
+Socket::~Socket() {
+  impl_->handlers = {};
+  impl_->CloseNow();
+}
+
+void Socket::SetHandlers(Handlers handlers) {
+  impl_->handlers = std::move(handlers);
+}
+
+void Socket::Connect(const std::string& host, uint16_t port) {
+  impl_->CloseNow();
+  // A socket object may be reused for a new connection: start from a fresh one.
+  impl_->socket = tcp::socket(IoContext());
+  impl_->state = SocketState::Connecting;
+  const uint64_t attempt = ++impl_->connectAttempt;
+  auto fail = [](const std::shared_ptr<Impl>& self, const std::error_code& ec) {
+    self->state = SocketState::Error;
+    if (auto h = self->handlers.onError) h(ec);
+  };
+  impl_->resolver.async_resolve(
+      tcp::v4(), host, std::to_string(port),
+      [self = impl_, attempt, fail](const std::error_code& ec, tcp::resolver::results_type found) {
+        if (attempt != self->connectAttempt || self->state != SocketState::Connecting) return;
+        if (ec) return fail(self, ec);
+        asio::async_connect(
+            self->socket, found,
+            [self, attempt, fail](const std::error_code& ec, const tcp::endpoint&) {
+              if (attempt != self->connectAttempt || self->state != SocketState::Connecting) {
+                return;
+              }
+              if (ec) return fail(self, ec);
+              std::error_code ignored;
+              self->socket.set_option(tcp::no_delay(true), ignored);
+              self->state = SocketState::Connected;
+              self->StartReading();
+              self->ScheduleFlush();
+              if (auto h = self->handlers.onConnected) h();
+            });
+      });
+}
+
+void Socket::Send(std::string_view data) {
+  impl_->outgoing.append(data);
+  impl_->ScheduleFlush();
+}
+
+std::string& Socket::Outgoing() {
+  return impl_->outgoing;
+}
+void Socket::Flush() {
+  impl_->ScheduleFlush();
+}
+size_t Socket::QueuedBytes() const {
+  return impl_->outgoing.size() + impl_->inflightBytes;
+}
+
+void Socket::Close() {
+  ++impl_->connectAttempt;
+  impl_->CloseNow();
+}
+
+SocketState Socket::State() const {
+  return impl_->state;
+}
+
+std::string Socket::RemoteHost() const {
+  std::error_code ec;
+  auto endpoint = impl_->socket.remote_endpoint(ec);
+  return ec ? std::string() : endpoint.address().to_string();
+}
+
+uint16_t Socket::LocalPort() const {
+  std::error_code ec;
+  auto endpoint = impl_->socket.local_endpoint(ec);
+  return ec ? 0 : endpoint.port();
+}
+
+struct Listener::Impl : std::enable_shared_from_this<Impl> {
+  explicit Impl(std::function<void(std::unique_ptr<Socket>)> accept)
+      : acceptor(IoContext()), onAccept(std::move(accept)) {}
+
+  void AcceptNext() {
+    acceptor.async_accept([self = shared_from_this()](const std::error_code& ec, tcp::socket peer) {
+      if (self->state != SocketState::Listening) return;
+      if (!ec) {
+        auto accepted = std::make_unique<Socket>();
+        std::error_code ignored;
+        peer.set_option(tcp::no_delay(true), ignored);
+        accepted->impl_->socket = std::move(peer);
+        accepted->impl_->state = SocketState::Connected;
+        accepted->impl_->StartReading();
+        auto handler = self->onAccept;
+        handler(std::move(accepted));
+      }
+      // Errors such as running out of descriptors must not stop listening.
+      if (self->state == SocketState::Listening) self->AcceptNext();
+    });
+  }
+
+  tcp::acceptor acceptor;
+  std::function<void(std::unique_ptr<Socket>)> onAccept;
+  SocketState state = SocketState::Closed;
+};
+
+Listener::Listener(std::function<void(std::unique_ptr<Socket>)> onAccept)
+    : impl_(std::make_shared<Impl>(std::move(onAccept))) {}
+
+Listener::~Listener() {
+  Close();
+}
+
+std::error_code Listener::Listen(uint16_t port) {
+  Close();
+  std::error_code ec;
+  tcp::endpoint endpoint(tcp::v4(), port);
+  auto& acceptor = impl_->acceptor;
+  acceptor.open(endpoint.protocol(), ec);
+  if (!ec) acceptor.set_option(tcp::acceptor::reuse_address(true), ec);
+  if (!ec) acceptor.bind(endpoint, ec);
+  if (!ec) acceptor.listen(asio::socket_base::max_listen_connections, ec);
+  if (ec) {
+    std::error_code ignored;
+    acceptor.close(ignored);
+    impl_->state = SocketState::Closed;
+    return ec;
+  }
+  impl_->state = SocketState::Listening;
+  impl_->AcceptNext();
+  return {};
+}
+
+void Listener::Close() {
+  std::error_code ignored;
+  impl_->state = SocketState::Closed;
+  impl_->acceptor.close(ignored);
+}
+
+SocketState Listener::State() const {
+  return impl_->state;
+}
+
+uint16_t Listener::LocalPort() const {
+  std::error_code ec;
+  auto endpoint = impl_->acceptor.local_endpoint(ec);
+  return ec ? 0 : endpoint.port();
+}
+
+}  // namespace qel

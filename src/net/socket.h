@@ -1,0 +1,88 @@
+// TCP sockets on the event loop: what the connection layer needs and no more.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+namespace qel {
+
+// The states the connection logic tests, numbered as other nodes' socket
+// facility numbers them; anything above Closed counts as in use.
+enum class SocketState : int32_t {
+  Closed = 0,
+  Listening = 2,
+  Connecting = 6,
+  Connected = 7,
+  Error = 9
+};
+
+// One TCP connection. Handlers run on the loop; a handler may close or
+// destroy the socket. Nothing is raised after Close().
+class Socket {
+ public:
+  struct Handlers {
+    std::function<void()> onConnected;                    // outgoing connect completed
+    std::function<void(std::string_view)> onData;         // bytes arrived
+    std::function<void()> onPeerClosed;                   // the peer closed or the link broke
+    std::function<void(const std::error_code&)> onError;  // a connect failed
+    std::function<void(size_t)> onSent;                   // bytes handed to the kernel
+  };
+
+  Socket();
+  ~Socket();
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+
+  void SetHandlers(Handlers handlers);
+
+  // Starts connecting; the state is Connecting until it ends in Connected
+  // (onConnected) or Error (onError).
+  void Connect(const std::string& host, uint16_t port);
+
+  // Queues bytes. Everything queued during one turn of the loop leaves in one
+  // write; a slow peer only grows its own queue.
+  void Send(std::string_view data);
+  // The queue itself, for callers that serialise straight into it; call
+  // Flush() after appending.
+  std::string& Outgoing();
+  void Flush();
+  size_t QueuedBytes() const;
+
+  // Writes what the kernel takes of the queue at once, then closes.
+  void Close();
+
+  SocketState State() const;
+  std::string RemoteHost() const;
+  uint16_t LocalPort() const;
+
+ private:
+  friend class Listener;
+  struct Impl;
+  std::shared_ptr<Impl> impl_;
+};
+
+// A listening socket. Each incoming connection is accepted and offered to
+// onAccept, which keeps it or lets it go (closing it).
+class Listener {
+ public:
+  explicit Listener(std::function<void(std::unique_ptr<Socket>)> onAccept);
+  ~Listener();
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+
+  // Listens on port (0: any free port) on every IPv4 interface.
+  std::error_code Listen(uint16_t port);
+  void Close();
+  SocketState State() const;
+  uint16_t LocalPort() const;
+
+ private:
+  struct Impl;
+  std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace qel

@@ -1,0 +1,126 @@
+#include "net/socket.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include <qel/event_loop.h>
+
+#include "net/event_loop.h"
+
+namespace qel {
+namespace {
+
+constexpr int64_t kDeadlineMs = 10000;
+
+// A listener on a free loopback port that keeps what it accepts.
+struct Server {
+  std::vector<std::unique_ptr<Socket>> accepted;
+  std::string received;
+  Listener listener{[this](std::unique_ptr<Socket> socket) {
+    Socket* raw = socket.get();
+    raw->SetHandlers({.onData = [this](std::string_view data) { received.append(data); }});
+    accepted.push_back(std::move(socket));
+  }};
+  Server() { EXPECT_FALSE(listener.Listen(0)); }
+  uint16_t Port() const { return listener.LocalPort(); }
+};
+
+TEST(SocketTest, ConnectsSendsBothWaysAndSeesThePeerClose) {
+  Server server;
+  ASSERT_EQ(server.listener.State(), SocketState::Listening);
+  ASSERT_NE(server.Port(), 0);
+
+  Socket client;
+  std::string clientReceived;
+  bool connected = false, closed = false;
+  size_t sent = 0;
+  client.SetHandlers({.onConnected = [&] { connected = true; },
+                      .onData = [&](std::string_view data) { clientReceived.append(data); },
+                      .onPeerClosed = [&] { closed = true; },
+                      .onSent = [&](size_t n) { sent += n; }});
+  client.Connect("127.0.0.1", server.Port());
+  EXPECT_EQ(client.State(), SocketState::Connecting);
+  ASSERT_TRUE(RunUntil([&] { return connected && server.accepted.size() == 1; }, kDeadlineMs));
+  EXPECT_EQ(client.State(), SocketState::Connected);
+  EXPECT_EQ(server.accepted[0]->RemoteHost(), "127.0.0.1");
+
+  // Queued in one turn: arrives complete and in order.
+  for (int i = 0; i < 1000; ++i) client.Send("message " + std::to_string(i) + "\n");
+  std::string expected;
+  for (int i = 0; i < 1000; ++i) expected += "message " + std::to_string(i) + "\n";
+  ASSERT_TRUE(RunUntil([&] { return server.received.size() == expected.size(); }, kDeadlineMs));
+  EXPECT_EQ(server.received, expected);
+  EXPECT_EQ(sent, expected.size());
+
+  server.accepted[0]->Send("reply");
+  ASSERT_TRUE(RunUntil([&] { return clientReceived == "reply"; }, kDeadlineMs));
+
+  server.accepted[0]->Close();
+  ASSERT_TRUE(RunUntil([&] { return closed; }, kDeadlineMs));
+  EXPECT_EQ(client.State(), SocketState::Closed);
+}
+
+TEST(SocketTest, RefusedConnectEndsInError) {
+  uint16_t port;
+  {
+    Server probe;
+    port = probe.Port();
+  }  // nobody listens there now
+  Socket client;
+  bool failed = false;
+  client.SetHandlers({.onError = [&](const std::error_code&) { failed = true; }});
+  client.Connect("127.0.0.1", port);
+  ASSERT_TRUE(RunUntil([&] { return failed; }, kDeadlineMs));
+  EXPECT_EQ(client.State(), SocketState::Error);
+}
+
+TEST(SocketTest, SecondListenerOnAPortInUseFails) {
+  Server first;
+  Listener second{[](std::unique_ptr<Socket>) {}};
+  EXPECT_TRUE(second.Listen(first.Port()));
+  EXPECT_EQ(second.State(), SocketState::Closed);
+}
+
+TEST(SocketTest, AHandlerMayDestroyItsSocket) {
+  Server server;
+  auto client = std::make_unique<Socket>();
+  bool connected = false;
+  client->SetHandlers({.onConnected = [&] { connected = true; },
+                       .onData = [&](std::string_view) { client.reset(); }});
+  client->Connect("127.0.0.1", server.Port());
+  ASSERT_TRUE(RunUntil([&] { return connected && !server.accepted.empty(); }, kDeadlineMs));
+  server.accepted[0]->Send("boom");
+  ASSERT_TRUE(RunUntil([&] { return client == nullptr; }, kDeadlineMs));
+  DoEvents(10);
+}
+
+TEST(EventLoopTest, PostRunsOnTheLoopAndStopEndsRunEventLoop) {
+  int ran = 0;
+  Post([&] { ++ran; });
+  Post([&] {
+    ++ran;
+    StopEventLoop();
+  });
+  RunEventLoop();
+  EXPECT_EQ(ran, 2);
+
+  std::thread other([&] { Post([&] { ++ran; }); });
+  other.join();
+  ASSERT_TRUE(RunUntil([&] { return ran == 3; }, kDeadlineMs));
+}
+
+TEST(EventLoopTest, TimersTickUntilDisabled) {
+  int ticks = 0;
+  Timer timer([&] { ++ticks; });
+  timer.SetInterval(5);
+  timer.Enable(true);
+  ASSERT_TRUE(RunUntil([&] { return ticks >= 3; }, kDeadlineMs));
+  timer.Enable(false);
+  int seen = ticks;
+  DoEvents(30);
+  EXPECT_EQ(ticks, seen);
+}
+
+}  // namespace
+}  // namespace qel
