@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include <qel/export.h>
 #include <qel/types.h>
@@ -51,6 +52,47 @@ class QEL_API cQEL {
   // blank or missing path is ignored silently.
   void shareFolder(std::string strPath);
 
+  // Listens for other nodes on lngPort, or on the port given to Initialise
+  // when lngPort is 0; with both 0, on any free port, which the node then
+  // advertises. Throws QelError -2147221501 when this process already
+  // listens on the port.
+  bool Listen(int32_t lngPort = 0);
+
+  // Connects to strServer ("host:port", or a host, which dials the node's own
+  // listen port), or to the address discovery learned for a node identifier
+  // when isNodeID. Waits up to Timeout ms, running the event loop. With
+  // bMaintain the connection is re-dialled whenever it drops (every 5 s while
+  // it cannot be made).
+  bool Connect(std::string strServer, bool isNodeID = false, bool bMaintain = false);
+
+  // Closes every connection of the process to strServer (or to the address
+  // known for a node identifier), whichever node owns it, and stops
+  // maintaining it. True when one was closed.
+  bool DisconnectFrom(const std::string& strServer, bool isNodeID = false);
+
+  // Stops listening and closes this node's connections.
+  bool DisconnectAll();
+
+  // Describes the nodes of the network. "BROADCAST" asks every node and waits
+  // the full Timeout for answers (element 0 of the result is empty); a node
+  // identifier gives one element, from the cache when bUseCached and known,
+  // otherwise by asking it and waiting up to Timeout ms.
+  std::vector<typNodeInfo> GetNodeInfo(const std::string& strDestination = "BROADCAST",
+                                       bool bUseCached = true);
+
+  // Sends a text message to a node identifier or to "BROADCAST". A strType
+  // of "ERROR" makes the receiver raise Error instead of MessageReceived.
+  void SendMessage(const std::string& strMessage, const std::string& nodeID,
+                   const std::string& strType = "");
+
+  // Round-trip time in ms to a node discovery knows, or -1 when no answer
+  // came within Timeout ms. Throws QelError -2147221503 ("Cannot ping
+  // unresolved node") for an unknown node.
+  int32_t Ping(const std::string& nodeID, int32_t Timeout = 3000);
+
+  // Whether one of this node's connections is up.
+  bool isConnected();
+
   // Changes the role the node announces from now on; nothing is sent.
   void switchRole(enmRole Role);
 
@@ -62,8 +104,17 @@ class QEL_API cQEL {
   // reads back. A handler may call any method of any node, or destroy this
   // node object.
 
+  // A message for this node arrived: its text, its Type field, its sender.
+  std::function<void(std::string& strMessage, std::string& strType, std::string& nodeID)>
+      MessageReceived;
   // The node reports a fault, or a message of type "ERROR" arrived.
   std::function<void(std::string& strMessage, std::string& nodeID)> Error;
+  // A remote host asks to connect; set Cancel to refuse it.
+  std::function<void(std::string& SourceIP, bool& Cancel)> ConnectionReq;
+  // A connection was accepted or re-established.
+  std::function<void(std::string& SourceIP)> ConnectionEstab;
+  // A connection of this node closed.
+  std::function<void(std::string& SourceIP, std::string& nodeID)> ConnectionClosed;
 
  private:
   friend struct detail::NodeAccess;

@@ -3,6 +3,7 @@
 
 #include <qel/debug.h>
 #include <qel/error.h>
+#include <qel/event_loop.h>
 #include <qel/node.h>
 #include <qel/settings.h>
 #include <qel/stats.h>

@@ -3,6 +3,8 @@
 #include <qel/error.h>
 
 #include "core/node_access.h"
+#include "net/connections.h"
+#include "net/event_loop.h"
 #include "net/local_address.h"
 
 namespace qel {
@@ -18,6 +20,12 @@ void Module::Init() {
   NodeSlots.resize(1);
   NodeInfoLimit = 20;
   NodeInfoList.resize(1);
+  // The statistics timer turns the counters into rates twice a second; the
+  // connection table starts its 5-second upkeep timer.
+  static Timer* statsTimer = new Timer([] { TheModule().Statistics.Tick(statsTimer->Interval()); });
+  statsTimer->SetInterval(500);
+  statsTimer->Enable(true);
+  Connections::Get();
   Initialised = true;
 }
 

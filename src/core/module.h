@@ -37,11 +37,13 @@ class Module {
   // The state of a slot, shared so that code up the stack keeps it alive when
   // a handler shuts its node down.
   const std::shared_ptr<NodeState>& Slot(int32_t slotIndex) const { return NodeSlots[slotIndex]; }
+  int32_t SlotCount() const { return static_cast<int32_t>(NodeSlots.size()) - 1; }
 
   bool Initialised = false;
   std::string LocalAddress;
   std::string ProtocolVersion;
-  std::vector<typNodeInfo> NodeInfoList;
+  // Nodes learned from INFO messages by any node; position 0 is unused.
+  std::vector<NodeEntry> NodeInfoList;
   int16_t NodeInfoLimit = 0;
   Stats Statistics;
   DebugLog Debug;

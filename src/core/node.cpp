@@ -13,6 +13,10 @@
 #include "core/node_access.h"
 #include "core/report.h"
 #include "core/text.h"
+#include "net/connections.h"
+#include "routing/confirm.h"
+#include "routing/discovery.h"
+#include "routing/outgoing.h"
 #include "users/user_list.h"
 
 namespace qel {
@@ -50,12 +54,11 @@ int16_t ToInt16(const Variant& value) {
   return static_cast<int16_t>(number);
 }
 
-// A table with positions 0 to upper; a negative size is the classic
-// subscript fault.
-std::vector<std::string> MakeTable(int32_t upper) {
-  if (upper < 0)
+// Table sizes below zero are the classic subscript fault.
+void MakeTable(int32_t upper) {
+  if (upper < 0) {
     throw QelError(errors::kSubscriptOutOfRange, "Initialise", "Subscript out of range");
-  return std::vector<std::string>(static_cast<size_t>(upper) + 1);
+  }
 }
 
 void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenPort, enmRole role,
@@ -78,6 +81,7 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
   node.confirmMode = false;
   node.confirmTimeout = 30000;
   node.confirmRetry = 2;
+  node.maxMessage = 67108864;
   int32_t filePacket = 256;
   int32_t packetCache = 50;
 
@@ -108,6 +112,7 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
       node.confirmRetry = get("confirmRetry", node.confirmRetry).toInt32();
       filePacket = get("filePacket", filePacket).toInt32();
       packetCache = get("packetCache", packetCache).toInt32();
+      node.maxMessage = get("maxMessage", node.maxMessage).toInt64();
     }
   }
   if (node.netPass.empty()) node.netPass = "blankey";
@@ -119,12 +124,16 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
   node.FilePacketBytes = static_cast<int32_t>(packetBytes);
 
   node.RoutingOn = node.maxRoutes >= 1;
-  node.RouteTable = MakeTable(node.maxRoutes);
-  node.PacketCache = MakeTable(packetCache);
+  // Negative sizes fail as the classic table set-up did.
+  MakeTable(node.maxRoutes);
+  MakeTable(packetCache);
+  node.Routes = RouteTable(node.maxRoutes);
+  node.SeenIDs = PacketCache(packetCache);
   node.SharedFolders.assign(1, typSharedFolder{});
   node.SharingFiles = false;
 
   if (!Trim(sharedDir).empty()) ShareFolder(node, sharedDir);
+  UpdateConfirmTimer();
 }
 
 }  // namespace
@@ -172,6 +181,92 @@ void cQEL::shareFolder(std::string strPath) {
   }
 }
 
+bool cQEL::Listen(int32_t lngPort) {
+  auto node = Enter(*this);
+  try {
+    return Connections::Get().ListenOnPort(*node, lngPort != 0 ? lngPort : node->ListenPort);
+  } catch (const QelError& e) {
+    if (e.Number == errors::kListenPortInUse) throw;  // misuse: the host hears of it
+    ReportCurrentFault(*node);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+  return false;
+}
+
+bool cQEL::Connect(std::string strServer, bool isNodeID, bool bMaintain) {
+  auto node = Enter(*this);
+  try {
+    if (isNodeID) strServer = ResolveAddress(*node, strServer);
+    return Connections::Get().ConnectTo(*node, strServer, bMaintain);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+  return false;
+}
+
+bool cQEL::DisconnectFrom(const std::string& strServer, bool isNodeID) {
+  auto node = Enter(*this);
+  try {
+    if (!node->Connected) return false;
+    std::string target = isNodeID ? ResolveAddress(*node, strServer) : strServer;
+    if (target.empty()) return false;
+    return Connections::Get().CloseAddress(target);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+  return false;
+}
+
+bool cQEL::DisconnectAll() {
+  auto node = Enter(*this);
+  try {
+    auto& connections = Connections::Get();
+    // Closing a listener takes effect at once, so there is nothing to wait for.
+    if (node->Listening) connections.CloseListeners(*node);
+    if (!node->Connected) return true;
+    connections.CloseOwnedBy(*node);
+    return true;
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+  return false;
+}
+
+std::vector<typNodeInfo> cQEL::GetNodeInfo(const std::string& strDestination, bool bUseCached) {
+  auto node = Enter(*this);
+  try {
+    return QueryNodes(*node, strDestination, bUseCached);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+  return {};
+}
+
+void cQEL::SendMessage(const std::string& strMessage, const std::string& nodeID,
+                       const std::string& strType) {
+  auto node = Enter(*this);
+  try {
+    typMessage message = NewMessage();
+    SetField(message.Fields, "Type", Variant(strType));
+    SetField(message.Fields, "Destination", Variant(nodeID));
+    message.MsgType = "MSG";
+    message.Body = strMessage;
+    SendPacket(*node, message);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+}
+
+int32_t cQEL::Ping(const std::string& nodeID, int32_t Timeout) {
+  auto node = Enter(*this);
+  return PingNode(*node, nodeID, Timeout);
+}
+
+bool cQEL::isConnected() {
+  return Enter(*this)->Connected;
+}
+
 void cQEL::switchRole(enmRole Role) {
   auto node = Enter(*this);
   node->Role = Role;
@@ -179,6 +274,8 @@ void cQEL::switchRole(enmRole Role) {
 
 void cQEL::ShutDown() {
   auto node = Enter(*this);
+  DisconnectAll();
+  if (slotIndex < 1) return;  // a handler of the closing connections shut it down already
   int32_t start = slotIndex;
   slotIndex = -1;
   TheModule().RemoveSlot(start);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -10,12 +11,15 @@
 #include <qel/types.h>
 
 #include "files/shares.h"
+#include "routing/node_entry.h"
+#include "routing/packet_cache.h"
+#include "routing/route_table.h"
 
 namespace qel {
 
 class cQEL;
 
-struct NodeState {
+struct NodeState : std::enable_shared_from_this<NodeState> {
   // Identity, from Initialise.
   std::string NodeID;
   std::string Name;
@@ -39,10 +43,15 @@ struct NodeState {
   std::string EncryptionKey;
   bool useEnc = false;
   std::string netPass;
+  // Largest message a peer may send; longer ones close the connection.
+  int64_t maxMessage = 0;
 
-  // Routing: position 0 of both tables is unused.
-  std::vector<std::string> PacketCache;
-  std::vector<std::string> RouteTable;
+  // Identifiers of messages seen or sent, and the learned routes.
+  PacketCache SeenIDs;
+  RouteTable Routes;
+
+  // Nodes that answered this node's questions; position 0 is unused.
+  std::vector<NodeEntry> NodeCache = std::vector<NodeEntry>(1);
 
   // Sharing.
   std::vector<typSharedFolder> SharedFolders;
@@ -56,6 +65,7 @@ struct NodeState {
   // Connection flags, kept by the transport.
   bool Listening = false;
   bool Connected = false;
+  bool SocketError = false;
 
   // The node object its events are raised on; null once it has shut down.
   cQEL* Owner = nullptr;

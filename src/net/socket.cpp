@@ -21,8 +21,9 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   void OnRead(const std::error_code& ec, size_t n) {
     if (state != SocketState::Connected) return;  // closed meanwhile
     if (ec) {
-      CloseNow();
+      // The owner closes it in its handler, so that its own close logic runs.
       if (auto h = handlers.onPeerClosed) h();
+      if (state == SocketState::Connected) CloseNow();
       return;
     }
     if (auto& h = handlers.onData) {

@@ -55,8 +55,8 @@ TEST(NodeInitialiseTest, DefaultsWithOnlyAName) {
   EXPECT_EQ(s.confirmTimeout, 30000);
   EXPECT_EQ(s.confirmRetry, 2);
   EXPECT_EQ(s.FilePacketBytes, 262144);
-  EXPECT_EQ(s.RouteTable.size(), 11u);
-  EXPECT_EQ(s.PacketCache.size(), 51u);
+  EXPECT_TRUE(s.Routes.Enabled());
+  EXPECT_EQ(s.SeenIDs.Capacity(), 50);
   EXPECT_FALSE(s.SharingFiles);
   EXPECT_NE(s.NodeID, s.EncryptionKey);
   EXPECT_GE(s.NodeID.size(), 24u);
@@ -95,12 +95,12 @@ TEST(NodeInitialiseTest, AdvancedSettingsOverrideOnlyWhatTheyName) {
   EXPECT_FALSE(s.announceSelf);
   EXPECT_EQ(s.maxRoutes, 0);
   EXPECT_FALSE(s.RoutingOn);
-  EXPECT_EQ(s.RouteTable.size(), 1u);  // routing off still leaves position 0
+  EXPECT_FALSE(s.Routes.Enabled());
   EXPECT_TRUE(s.confirmMode);
   EXPECT_EQ(s.confirmTimeout, 100);
   EXPECT_EQ(s.confirmRetry, 7);
   EXPECT_EQ(s.FilePacketBytes, 4096);
-  EXPECT_EQ(s.PacketCache.size(), 4u);
+  EXPECT_EQ(s.SeenIDs.Capacity(), 3);
   EXPECT_TRUE(r.errors.empty());
 }
 

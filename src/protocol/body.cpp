@@ -1,0 +1,127 @@
+#include "protocol/body.h"
+
+#include <zlib.h>
+
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <stdexcept>
+
+#include <qel/error.h>
+
+namespace qel {
+namespace {
+
+// Other nodes size zlib's output buffer as n * 1.01 + n + 12: generous for
+// compression, and for inflation it lets a body a little longer than its
+// announced length through.
+uLongf Capacity(int64_t n) {
+  return static_cast<uLongf>(
+      std::llround(static_cast<double>(n) * 1.01 + static_cast<double>(n) + 12.0));
+}
+
+void SetLength(FieldList& fields, std::string_view name, size_t length) {
+  SetField(fields, name, Variant(std::to_string(length)));
+}
+
+}  // namespace
+
+void EncryptBody(std::string& data, std::string_view key) {
+  if (key.empty())
+    throw QelError(errors::kSubscriptOutOfRange, "EncryptBody", "Subscript out of range");
+  const size_t n = key.size();
+  // pattern[j .. j + 8) holds the key bytes that start at key position j.
+  std::string pattern;
+  pattern.reserve(n + 7);
+  while (pattern.size() < n + 7) pattern.append(key.substr(0, std::min(n, n + 7 - pattern.size())));
+
+  char* bytes = data.data();
+  const size_t size = data.size();
+  const size_t step = 8 % n;
+  size_t j = 0;
+  size_t i = 0;
+  for (; i + 8 <= size; i += 8) {
+    uint64_t word;
+    uint64_t mask;
+    std::memcpy(&word, bytes + i, 8);
+    std::memcpy(&mask, pattern.data() + j, 8);
+    word ^= mask;
+    std::memcpy(bytes + i, &word, 8);
+    j += step;
+    if (j >= n) j -= n;
+  }
+  for (; i < size; ++i) {
+    bytes[i] = static_cast<char>(bytes[i] ^ pattern[j]);
+    if (++j == n) j = 0;
+  }
+}
+
+void CompressBody(std::string& data, int level) {
+  uLongf capacity = Capacity(static_cast<int64_t>(data.size()));
+  auto out = std::make_unique_for_overwrite<Bytef[]>(capacity);
+  int rc = compress2(out.get(), &capacity, reinterpret_cast<const Bytef*>(data.data()),
+                     static_cast<uLong>(data.size()), level);
+  if (rc == Z_MEM_ERROR) throw std::bad_alloc();
+  if (rc != Z_OK) throw std::invalid_argument("CompressBody: bad compression level");
+  data.assign(reinterpret_cast<const char*>(out.get()), capacity);
+}
+
+DecodeResult UncompressBody(std::string& data, int64_t originalLength, int64_t maxLength) {
+  if (originalLength < 0 || originalLength > maxLength) return DecodeResult::TooLarge;
+  uLongf capacity = Capacity(originalLength);
+  auto out = std::make_unique_for_overwrite<Bytef[]>(capacity);
+  int rc = uncompress(out.get(), &capacity, reinterpret_cast<const Bytef*>(data.data()),
+                      static_cast<uLong>(data.size()));
+  if (rc == Z_MEM_ERROR) throw std::bad_alloc();
+  if (rc != Z_OK) return DecodeResult::Corrupt;
+  data.assign(reinterpret_cast<const char*>(out.get()), capacity);
+  return DecodeResult::Ok;
+}
+
+void EncodeBody(typMessage& message, const EncodeOptions& options) {
+  if (message.Body.empty()) return;
+  if (options.useEnc) {
+    const bool ownKey = !options.destinationKey.empty();
+    EncryptBody(message.Body, ownKey ? options.destinationKey : options.netPass);
+    AppendField(message.Fields, "Flags", ownKey ? "KE" : "NE", ",");
+  }
+  if (options.useComp) {
+    AppendField(message.Fields, "Flags", "Z", ",");
+    SetLength(message.Fields, "Original-Length", message.Body.size());
+    CompressBody(message.Body, 9);
+  }
+  SetLength(message.Fields, "Content-Length", message.Body.size());
+}
+
+DecodeOutcome DecodeBody(typMessage& message, std::string_view netPass, std::string_view ownKey,
+                         int64_t maxLength) {
+  DecodeOutcome outcome;
+  outcome.contentLength = static_cast<int64_t>(message.Body.size());
+  outcome.originalLength = outcome.contentLength;
+  if (message.Body.empty()) return outcome;
+
+  const bool ne = HasFlag(message, "NE");
+  const bool ke = !ne && HasFlag(message, "KE");
+  const std::string_view key = ne ? netPass : ownKey;
+  // Checked before inflating so a throw leaves the body as received.
+  if ((ne || ke) && key.empty()) {
+    throw QelError(errors::kSubscriptOutOfRange, "EncryptBody", "Subscript out of range");
+  }
+  if (HasFlag(message, "Z")) {
+    outcome.compressed = true;
+    const std::string* field = FindField(message.Fields, "Original-Length");
+    std::optional<int64_t> original = field ? ParseLength(*field) : std::nullopt;
+    if (!original) {
+      outcome.result = DecodeResult::Corrupt;
+      return outcome;
+    }
+    outcome.originalLength = *original;
+    outcome.result = UncompressBody(message.Body, *original, maxLength);
+    if (outcome.result != DecodeResult::Ok) return outcome;
+  }
+  if (ne || ke) EncryptBody(message.Body, key);
+  return outcome;
+}
+
+}  // namespace qel

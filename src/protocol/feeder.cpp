@@ -1,0 +1,78 @@
+#include "protocol/feeder.h"
+
+#include <algorithm>
+#include <cstdint>
+
+namespace qel {
+namespace {
+
+constexpr std::string_view kEndOfHeader = "\r\n\r\n";
+// Reserved up front at most; a peer's Content-Length is only a claim.
+constexpr int64_t kMaxBodyReserve = 1 << 20;
+
+// Where the end of the header finishes within data (one past its last byte),
+// given the header received so far; npos when it is not there yet. Only the
+// last three bytes of what came before can be part of it, so the header is
+// never searched again.
+size_t EndOfHeader(std::string_view before, std::string_view data) {
+  const size_t carried = std::min<size_t>(before.size(), kEndOfHeader.size() - 1);
+  for (size_t k = carried; k > 0; --k) {
+    // k bytes of the terminator already arrived; the rest must open data.
+    const size_t need = kEndOfHeader.size() - k;
+    if (before.substr(before.size() - k) == kEndOfHeader.substr(0, k) &&
+        data.substr(0, need) == kEndOfHeader.substr(k)) {
+      return need;
+    }
+  }
+  size_t at = data.find(kEndOfHeader);
+  return at == std::string_view::npos ? at : at + kEndOfHeader.size();
+}
+
+}  // namespace
+
+MessageFeeder::StepResult MessageFeeder::TakeHeader(std::string_view& data) {
+  const size_t end = EndOfHeader(current_.Header, data);
+  const size_t take = end == std::string_view::npos ? data.size() : end;
+  if (current_.Header.size() + take > limits_.maxHeader) {
+    Reset();
+    return StepResult::HeaderTooLong;
+  }
+  current_.Header.append(data.substr(0, take));
+  data.remove_prefix(take);
+  if (end == std::string_view::npos) return StepResult::NeedMore;
+
+  current_.HeaderDone = true;
+  if (!ParseHeader(current_)) {
+    ++malformed_;
+    Reset();
+    return StepResult::Dropped;
+  }
+  // Absent or not a number counts as no body. Lengths are 32-bit on every
+  // node, so a larger one is refused like any other over the limit.
+  bodyLength_ = 0;
+  if (const std::string* field = FindField(current_.Fields, "Content-Length")) {
+    std::optional<int64_t> length = ParseLength(*field);
+    if (length && *length > 0) bodyLength_ = *length;
+  }
+  if (bodyLength_ > limits_.maxMessage || bodyLength_ > INT32_MAX) {
+    Reset();
+    return StepResult::BodyTooLong;
+  }
+  if (bodyLength_ > 0)
+    current_.Body.reserve(static_cast<size_t>(std::min(bodyLength_, kMaxBodyReserve)));
+  return StepResult::Complete;
+}
+
+MessageFeeder::StepResult MessageFeeder::Step(std::string_view& data) {
+  if (!current_.HeaderDone) {
+    StepResult header = TakeHeader(data);
+    if (header != StepResult::Complete) return header;
+  }
+  const size_t missing = static_cast<size_t>(bodyLength_) - current_.Body.size();
+  const size_t take = std::min(missing, data.size());
+  current_.Body.append(data.substr(0, take));
+  data.remove_prefix(take);
+  return take == missing ? StepResult::Complete : StepResult::NeedMore;
+}
+
+}  // namespace qel

@@ -1,0 +1,82 @@
+// Cuts a connection's byte stream into messages.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <utility>
+
+#include "protocol/message.h"
+
+namespace qel {
+
+// Holds one connection's message in progress. Bytes go in as they arrive;
+// every complete message comes out through a callback, in order. Pure: the
+// connection owns the socket and decides what an Outcome means for it.
+class MessageFeeder {
+ public:
+  struct Limits {
+    // A header (with its empty line) longer than this is refused.
+    size_t maxHeader = 65536;
+    // A Content-Length above this is refused.
+    int64_t maxMessage = 67108864;
+  };
+
+  enum class Outcome {
+    Ok,             // everything consumed (or a malformed header dropped)
+    HeaderTooLong,  // the peer is not speaking the protocol; close it
+    BodyTooLong,    // the announced body is over the limit; close it
+  };
+
+  MessageFeeder() : MessageFeeder(Limits{}) {}
+  explicit MessageFeeder(Limits limits) : limits_(limits) {}
+
+  // Consumes data, calling onMessage(typMessage&&) once per message completed,
+  // with the message moved out and the feeder already waiting for the next.
+  // A malformed header drops that message and the rest of data (the next call
+  // starts a fresh message) and is counted. HeaderTooLong and BodyTooLong
+  // drop the message in progress and the rest of data. onMessage must not call
+  // Feed or destroy the feeder; anything it throws propagates with the rest of
+  // data unconsumed.
+  template <typename Callback>
+  Outcome Feed(std::string_view data, Callback&& onMessage) {
+    for (;;) {
+      switch (Step(data)) {
+        case StepResult::Complete: {
+          typMessage done = std::exchange(current_, NewMessage());
+          onMessage(std::move(done));
+          if (data.empty()) return Outcome::Ok;
+          break;
+        }
+        case StepResult::NeedMore:
+        case StepResult::Dropped:
+          return Outcome::Ok;
+        case StepResult::HeaderTooLong:
+          return Outcome::HeaderTooLong;
+        case StepResult::BodyTooLong:
+          return Outcome::BodyTooLong;
+      }
+    }
+  }
+
+  // Forgets the message in progress.
+  void Reset() { current_ = NewMessage(); }
+
+  // Headers dropped as malformed since construction.
+  size_t malformedCount() const { return malformed_; }
+
+ private:
+  enum class StepResult { NeedMore, Complete, Dropped, HeaderTooLong, BodyTooLong };
+
+  // Consumes data until the current message is complete or data runs out.
+  StepResult Step(std::string_view& data);
+  StepResult TakeHeader(std::string_view& data);
+
+  Limits limits_;
+  typMessage current_;
+  // The body length announced by the current message's header.
+  int64_t bodyLength_ = 0;
+  size_t malformed_ = 0;
+};
+
+}  // namespace qel

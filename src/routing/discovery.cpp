@@ -1,0 +1,214 @@
+#include "routing/discovery.h"
+
+#include <qel/error.h>
+#include <qel/settings.h>
+
+#include "core/module.h"
+#include "core/new_id.h"
+#include "net/connections.h"
+#include "net/event_loop.h"
+#include "routing/outgoing.h"
+
+namespace qel {
+namespace {
+
+typMessage MakeMessage(const char* type, const std::string& destination) {
+  typMessage message = NewMessage();
+  message.MsgType = type;
+  SetField(message.Fields, "Destination", Variant(destination));
+  return message;
+}
+
+void SendWithReqID(NodeState& node, const char* type, const std::string& destination,
+                   const std::string& reqID) {
+  typMessage message = MakeMessage(type, destination);
+  SetField(message.Fields, "ReqID", Variant(reqID));
+  SendPacket(node, message);
+}
+
+std::string ReadText(cSettings& body, const char* key) {
+  try {
+    return body.GetSetting(key, Variant(""), "Common").toString();
+  } catch (...) {
+    return {};
+  }
+}
+
+// The process-wide list keeps at most NodeInfoLimit + 1 places; when full,
+// everything moves down one and the oldest place is dropped.
+void RememberKnownNode(const NodeEntry& entry) {
+  Module& module = TheModule();
+  auto& list = module.NodeInfoList;
+  if (int32_t found = FindKnownNode(entry.ID); found >= 0) {
+    list[found] = entry;
+  } else if (static_cast<int32_t>(list.size()) - 1 >= module.NodeInfoLimit) {
+    list.erase(list.begin());
+    list.push_back(entry);
+  } else {
+    list.push_back(entry);
+  }
+}
+
+}  // namespace
+
+typMessage MakeInfo(const NodeState& node, const std::string& destination) {
+  typMessage message = MakeMessage("INFO", destination);
+  cSettings body;
+  body.SaveSetting("Name", Variant(node.Name));
+  body.SaveSetting("Role", Variant(static_cast<int32_t>(node.Role)));
+  body.SaveSetting("Descriptor", Variant(node.Descriptor));
+  body.SaveSetting("Encryption-Key", Variant(node.EncryptionKey));
+  body.SaveSetting("Address",
+                   Variant(TheModule().LocalAddress + ":" + std::to_string(node.ListenPort)));
+  body.SaveSetting("Sharing-Files", Variant(node.SharingFiles));
+  body.SaveSetting("Active-User", Variant(node.ActiveUser));
+  message.Body = body.getXML();
+  return message;
+}
+
+void SendInfo(NodeState& node, const std::string& destination, int32_t viaConn) {
+  typMessage info = MakeInfo(node, destination);
+  SendPacket(node, info, viaConn);
+}
+
+int32_t FindCachedNode(const NodeState& node, const std::string& id) {
+  if (id.empty()) return -1;
+  for (size_t i = 0; i < node.NodeCache.size(); ++i) {
+    if (node.NodeCache[i].ID == id) return static_cast<int32_t>(i);
+  }
+  return -1;
+}
+
+int32_t FindKnownNode(const std::string& id) {
+  if (id.empty()) return -1;
+  const auto& list = TheModule().NodeInfoList;
+  for (size_t i = 0; i < list.size(); ++i) {
+    if (list[i].ID == id) return static_cast<int32_t>(i);
+  }
+  return -1;
+}
+
+std::string KnownKey(const NodeState& node, const std::string& nodeID) {
+  int32_t found = FindCachedNode(node, nodeID);
+  return found >= 0 ? node.NodeCache[found].EncryptionKey : std::string();
+}
+
+std::vector<typNodeInfo> QueryNodes(NodeState& node, const std::string& destination,
+                                    bool useCached) {
+  if (destination == "BROADCAST") {
+    node.NodeCache.assign(1, NodeEntry{});
+    typMessage whois = MakeMessage("WHOIS", "BROADCAST");
+    SendPacket(node, whois);
+    // Any number of nodes may answer, so the wait always runs to its end.
+    RunUntil([] { return false; }, node.Timeout);
+    std::vector<typNodeInfo> result;
+    for (const NodeEntry& entry : node.NodeCache) result.push_back(entry.ToNodeInfo());
+    return result;
+  }
+  if (useCached) {
+    if (int32_t cached = FindCachedNode(node, destination); cached >= 0) {
+      return {node.NodeCache[cached].ToNodeInfo()};
+    }
+    if (int32_t known = FindKnownNode(destination); known >= 0) {
+      return {TheModule().NodeInfoList[known].ToNodeInfo()};
+    }
+  }
+  typMessage whois = MakeMessage("WHOIS", destination);
+  SendPacket(node, whois);
+  RunUntil([&] { return FindCachedNode(node, destination) >= 0; }, node.Timeout);
+  int32_t found = FindCachedNode(node, destination);
+  return {found >= 0 ? node.NodeCache[found].ToNodeInfo() : typNodeInfo{}};
+}
+
+std::string ResolveAddress(NodeState& node, const std::string& nodeID) {
+  auto found = QueryNodes(node, nodeID, true);
+  return found.empty() ? std::string() : found[0].Address;
+}
+
+int32_t PingNode(NodeState& node, const std::string& nodeID, int32_t timeoutMs) {
+  int32_t index = FindCachedNode(node, nodeID);
+  if (index < 0) {
+    throw QelError(errors::kNotInitialised, "Ping", "Cannot ping unresolved node");
+  }
+  std::string reqID = NewID();
+  NodeEntry& entry = node.NodeCache[index];
+  entry.PingReqID = reqID;
+  entry.PingStart = TickCount();
+  entry.PingTime = -1;
+  SendWithReqID(node, "PING", nodeID, reqID);
+  // The cache may be emptied or grow while the loop runs: look the node up
+  // again each time.
+  auto answered = [&]() -> int32_t {
+    int32_t i = FindCachedNode(node, nodeID);
+    return i >= 0 && node.NodeCache[i].PingReqID == reqID ? node.NodeCache[i].PingTime : -1;
+  };
+  RunUntil([&] { return answered() != -1; }, timeoutMs);
+  return answered();
+}
+
+void OnWhois(NodeState& node, const typMessage& message) {
+  SendInfo(node, GetSingleField(message.Fields, "Source"));
+}
+
+void OnInfo(NodeState& node, const typMessage& message, int32_t conn) {
+  const std::string sender = GetSingleField(message.Fields, "Source");
+  int32_t index = FindCachedNode(node, sender);
+  if (index < 0) {
+    node.NodeCache.push_back({});
+    index = static_cast<int32_t>(node.NodeCache.size()) - 1;
+  }
+  cSettings body;
+  try {
+    body.LoadXML(message.Body);
+  } catch (...) {
+    // What was read stays; unreadable values come back empty.
+  }
+  NodeEntry& entry = node.NodeCache[index];
+  entry.ID = sender;
+  entry.Name = ReadText(body, "Name");
+  entry.Descriptor = ReadText(body, "Descriptor");
+  entry.Address = ReadText(body, "Address");
+  try {
+    entry.Role = static_cast<enmRole>(Variant(ReadText(body, "Role")).toInt32());
+  } catch (...) {
+    entry.Role = role_Peer;
+  }
+  entry.EncryptionKey = ReadText(body, "Encryption-Key");
+  try {
+    entry.sharingFiles = Variant(ReadText(body, "Sharing-Files")).toBool();
+  } catch (...) {
+    entry.sharingFiles = false;
+  }
+  entry.activeUser = ReadText(body, "Active-User");
+  entry.directConn = GetSingleField(message.Fields, "Hops") == "0";
+  auto& connections = Connections::Get();
+  if (entry.directConn && conn >= 1 && conn <= connections.Count()) {
+    // A neighbour is recorded under the address it is actually reached at,
+    // with the port it advertises.
+    Connection& c = connections.At(conn);
+    c.NodeID = sender;
+    std::string port;
+    if (size_t colon = entry.Address.rfind(':'); colon != std::string::npos) {
+      port = entry.Address.substr(colon + 1);
+    }
+    c.Address = c.sck->RemoteHost() + ":" + port;
+    entry.Address = c.Address;
+  }
+  RememberKnownNode(entry);
+}
+
+void OnPing(NodeState& node, const typMessage& message) {
+  SendWithReqID(node, "PONG", GetSingleField(message.Fields, "Source"),
+                GetSingleField(message.Fields, "ReqID"));
+}
+
+void OnPong(NodeState& node, const typMessage& message) {
+  int32_t index = FindCachedNode(node, GetSingleField(message.Fields, "Source"));
+  if (index < 0) return;
+  NodeEntry& entry = node.NodeCache[index];
+  if (GetSingleField(message.Fields, "ReqID") == entry.PingReqID) {
+    entry.PingTime = static_cast<int32_t>(TickCount() - entry.PingStart);
+  }
+}
+
+}  // namespace qel

@@ -1,0 +1,45 @@
+// Who is out there: INFO, WHOIS, PING and PONG.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <qel/types.h>
+
+#include "protocol/message.h"
+
+namespace qel {
+
+struct NodeState;
+
+// This node's INFO, addressed to destination (not yet stamped).
+typMessage MakeInfo(const NodeState& node, const std::string& destination);
+
+// Sends this node's INFO to destination, on viaConn when given.
+void SendInfo(NodeState& node, const std::string& destination, int32_t viaConn = 0);
+
+// Asks every node ("BROADCAST", waiting the full Timeout) or one node.
+std::vector<typNodeInfo> QueryNodes(NodeState& node, const std::string& destination,
+                                    bool useCached);
+
+// Index in the node's cache, or -1 (also for an empty id).
+int32_t FindCachedNode(const NodeState& node, const std::string& id);
+// Index in the process-wide list, or -1.
+int32_t FindKnownNode(const std::string& id);
+
+// The address discovery knows for a node identifier (asking when needed).
+std::string ResolveAddress(NodeState& node, const std::string& nodeID);
+
+// Milliseconds from PING to PONG, or -1 after timeoutMs.
+int32_t PingNode(NodeState& node, const std::string& nodeID, int32_t timeoutMs);
+
+// The encryption key a node announced, or empty.
+std::string KnownKey(const NodeState& node, const std::string& nodeID);
+
+void OnWhois(NodeState& node, const typMessage& message);
+void OnInfo(NodeState& node, const typMessage& message, int32_t conn);
+void OnPing(NodeState& node, const typMessage& message);
+void OnPong(NodeState& node, const typMessage& message);
+
+}  // namespace qel

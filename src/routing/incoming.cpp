@@ -1,0 +1,105 @@
+#include "routing/incoming.h"
+
+#include "core/events.h"
+#include "core/module.h"
+#include "core/report.h"
+#include "protocol/body.h"
+#include "routing/confirm.h"
+#include "routing/discovery.h"
+#include "routing/outgoing.h"
+
+namespace qel {
+namespace {
+
+typMessage MakeConfirm(const std::string& destination, const std::string& id) {
+  typMessage confirm = NewMessage();
+  confirm.MsgType = "CONFIRM";
+  SetField(confirm.Fields, "Destination", Variant(destination));
+  SetField(confirm.Fields, "Source-ID", Variant(id));
+  return confirm;
+}
+
+// keepBody: the message is relayed afterwards, so its body must stay.
+void Dispatch(NodeState& node, typMessage& message, int32_t conn, const std::string& source,
+              bool keepBody) {
+  const std::string& type = message.MsgType;
+  if (type == "CONFIRM") {
+    ConfirmReceived(node, source, GetSingleField(message.Fields, "Source-ID"));
+  } else if (type == "WHOIS") {
+    OnWhois(node, message);
+  } else if (type == "INFO") {
+    OnInfo(node, message, conn);
+  } else if (type == "PING") {
+    OnPing(node, message);
+  } else if (type == "PONG") {
+    OnPong(node, message);
+  } else if (type == "MSG") {
+    std::string kind = GetSingleField(message.Fields, "Type");
+    std::string body = keepBody ? message.Body : std::move(message.Body);
+    if (kind == "ERROR") {
+      ReportError(node, std::move(body), source);
+    } else {
+      RaiseMessageReceived(node, std::move(body), std::move(kind), source);
+    }
+  }
+  // Other types belong to subsystems this node does not run yet, or to none:
+  // they are ignored without a reply.
+}
+
+}  // namespace
+
+void ProcessMessage(NodeState& node, typMessage&& message, int32_t conn) {
+  auto& stats = TheModule().Statistics;
+  ++stats.InPacketsAcc;
+  ++stats.InPacketCount;
+  const std::string id = GetSingleField(message.Fields, "ID");
+  const std::string destination = GetSingleField(message.Fields, "Destination");
+  const std::string source = GetSingleField(message.Fields, "Source");
+  if (node.SeenIDs.Contains(id)) return;
+  node.SeenIDs.Add(id);
+
+  const bool exact = !node.NodeID.empty() && destination == node.NodeID;
+  const bool forMe = destination == "BROADCAST" ||
+                     (!node.NodeID.empty() && destination.find(node.NodeID) != std::string::npos);
+  // Relays carry the body as it arrived, so keep it when it is decoded here.
+  std::string rawBody;
+  bool keptRaw = false;
+  if (forMe) {
+    try {
+      if (exact && HasFlag(message, "C")) {
+        typMessage confirm = MakeConfirm(source, id);
+        SendPacket(node, confirm);
+      }
+      if (!message.Body.empty()) {
+        if (!exact) {
+          rawBody = message.Body;
+          keptRaw = true;
+        }
+        DecodeOutcome outcome =
+            DecodeBody(message, node.netPass, node.EncryptionKey, node.maxMessage);
+        if (outcome.result == DecodeResult::Ok && outcome.compressed) {
+          stats.RecordCompression(outcome.contentLength, outcome.originalLength);
+        } else if (outcome.result != DecodeResult::Ok) {
+          ReportError(node,
+                      "Message " + id + " from " + source + " dropped: " +
+                          (outcome.result == DecodeResult::TooLarge
+                               ? "its original length is above " + std::to_string(node.maxMessage)
+                               : std::string("its body does not decompress")),
+                      source);
+          return;
+        }
+      }
+      Dispatch(node, message, conn, source, !exact && !keptRaw);
+    } catch (...) {
+      ReportCurrentFault(node);
+    }
+    if (!node.Owner) return;  // a handler shut the node down
+  }
+  node.Routes.Learn(GetSingleField(message.Fields, "Route"), node.NodeID);
+  if (!exact) {
+    if (keptRaw) message.Body = std::move(rawBody);
+    ForwardPacket(node, message, conn);
+  }
+}
+
+}  // namespace qel
