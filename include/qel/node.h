@@ -31,7 +31,7 @@ class QEL_API cQEL {
   // characters of the OS user name) in its user list. The first node object
   // of the process also sets up QEL's shared state.
   cQEL();
-  // Shuts the node down; never throws.
+  // Shuts the node down without raising events; never throws.
   ~cQEL();
   cQEL(const cQEL&) = delete;
   cQEL& operator=(const cQEL&) = delete;

@@ -154,6 +154,13 @@ cQEL::cQEL() {
 }
 
 cQEL::~cQEL() {
+  // Handlers often capture what owns this object, which may already be half
+  // destroyed: the destructor raises no events.
+  MessageReceived = nullptr;
+  Error = nullptr;
+  ConnectionReq = nullptr;
+  ConnectionEstab = nullptr;
+  ConnectionClosed = nullptr;
   try {
     if (slotIndex >= 1) ShutDown();
   } catch (...) {
