@@ -11,6 +11,11 @@
 
 namespace qel {
 
+// The address this host advertises to other nodes: QEL_LOCAL_ADDRESS when set,
+// else the first IPv4 address that is neither 127.* nor 192.168.*, else the
+// first one. Fixed when the first node object is created.
+QEL_API std::string LocalAddress();
+
 namespace detail {
 struct NodeAccess;
 }
@@ -99,6 +104,13 @@ class QEL_API cQEL {
   // Closes the node's connections and frees its slot. Node objects created
   // after this one keep working; every later call on this one throws.
   void ShutDown();
+
+  // This node's identifier (empty before Initialise): the Source of its
+  // messages and what other nodes address it by.
+  std::string NodeID();
+
+  // The port the node listens on, or advertises when not listening yet.
+  int32_t ListenPort();
 
   // Events. Parameters are references: a handler may change the ones QEL
   // reads back. A handler may call any method of any node, or destroy this
