@@ -16,7 +16,7 @@ constexpr int64_t kMaxBodyReserve = 1 << 20;
 // never searched again.
 size_t EndOfHeader(std::string_view before, std::string_view data) {
   const size_t carried = std::min<size_t>(before.size(), kEndOfHeader.size() - 1);
-  for (size_t k = carried; k > 1; --k) {
+  for (size_t k = carried; k > 0; --k) {
     // k bytes of the terminator already arrived; the rest must open data.
     const size_t need = kEndOfHeader.size() - k;
     if (before.substr(before.size() - k) == kEndOfHeader.substr(0, k) &&

@@ -12,17 +12,9 @@
 namespace qel {
 namespace {
 
-typMessage MakeMessage(const char* type, const std::string& destination) {
-  typMessage message = NewMessage();
-  message.MsgType = type;
-  SetField(message.Fields, "Destination", Variant(destination));
-  return message;
-}
-
 void SendWithReqID(NodeState& node, const char* type, const std::string& destination,
                    const std::string& reqID) {
-  typMessage message = MakeMessage(type, destination);
-  SetField(message.Fields, "ReqID", Variant(reqID));
+  typMessage message = MakeRequest(type, destination, reqID);
   SendPacket(node, message);
 }
 
@@ -50,6 +42,20 @@ void RememberKnownNode(const NodeEntry& entry) {
 }
 
 }  // namespace
+
+typMessage MakeMessage(const char* type, const std::string& destination) {
+  typMessage message = NewMessage();
+  message.MsgType = type;
+  SetField(message.Fields, "Destination", Variant(destination));
+  return message;
+}
+
+typMessage MakeRequest(const char* type, const std::string& destination,
+                       const std::string& reqID) {
+  typMessage message = MakeMessage(type, destination);
+  SetField(message.Fields, "ReqID", Variant(reqID));
+  return message;
+}
 
 typMessage MakeInfo(const NodeState& node, const std::string& destination) {
   typMessage message = MakeMessage("INFO", destination);

@@ -13,6 +13,11 @@ namespace qel {
 
 struct NodeState;
 
+// An empty message of type addressed to destination (WHOIS is just that).
+typMessage MakeMessage(const char* type, const std::string& destination);
+// A PING or PONG: destination and the request identifier that pairs them.
+typMessage MakeRequest(const char* type, const std::string& destination, const std::string& reqID);
+
 // This node's INFO, addressed to destination (not yet stamped).
 typMessage MakeInfo(const NodeState& node, const std::string& destination);
 

@@ -11,14 +11,6 @@
 namespace qel {
 namespace {
 
-typMessage MakeConfirm(const std::string& destination, const std::string& id) {
-  typMessage confirm = NewMessage();
-  confirm.MsgType = "CONFIRM";
-  SetField(confirm.Fields, "Destination", Variant(destination));
-  SetField(confirm.Fields, "Source-ID", Variant(id));
-  return confirm;
-}
-
 // keepBody: the message is relayed afterwards, so its body must stay.
 void Dispatch(NodeState& node, typMessage& message, int32_t conn, const std::string& source,
               bool keepBody) {
@@ -47,6 +39,14 @@ void Dispatch(NodeState& node, typMessage& message, int32_t conn, const std::str
 }
 
 }  // namespace
+
+typMessage MakeConfirm(const std::string& destination, const std::string& id) {
+  typMessage confirm = NewMessage();
+  confirm.MsgType = "CONFIRM";
+  SetField(confirm.Fields, "Destination", Variant(destination));
+  SetField(confirm.Fields, "Source-ID", Variant(id));
+  return confirm;
+}
 
 void ProcessMessage(NodeState& node, typMessage&& message, int32_t conn) {
   auto& stats = TheModule().Statistics;

@@ -2,12 +2,16 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "protocol/message.h"
 
 namespace qel {
 
 struct NodeState;
+
+// The confirmation of message id, addressed to its sender.
+typMessage MakeConfirm(const std::string& destination, const std::string& id);
 
 // Handles one complete message that arrived on connection conn.
 void ProcessMessage(NodeState& node, typMessage&& message, int32_t conn);
