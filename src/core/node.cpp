@@ -274,6 +274,18 @@ bool cQEL::isConnected() {
   return Enter(*this)->Connected;
 }
 
+std::string cQEL::NodeID() {
+  return Enter(*this)->NodeID;
+}
+
+int32_t cQEL::ListenPort() {
+  return Enter(*this)->ListenPort;
+}
+
+std::string LocalAddress() {
+  return TheModule().LocalAddress;
+}
+
 void cQEL::switchRole(enmRole Role) {
   auto node = Enter(*this);
   node->Role = Role;

@@ -31,12 +31,14 @@ std::string Stamped(NodeState& node, typMessage& message) {
   return SerialiseMessage(message);
 }
 
-std::string Stamped(NodeState& node, typMessage&& message) { return Stamped(node, message); }
+std::string Stamped(NodeState& node, typMessage&& message) {
+  return Stamped(node, message);
+}
 
 std::string Header(const std::string& startLine, const std::string& ownFields,
                    const std::string& destination, const std::string& tail = "") {
-  return startLine + "\r\n" + ownFields + "Destination: " + destination + "\r\nSource: " +
-         kSelf + "\r\nTTL: 20\r\nHops: 0\r\nID: " + kMsgID + "\r\n" + tail + "Route: " + kSelf +
+  return startLine + "\r\n" + ownFields + "Destination: " + destination + "\r\nSource: " + kSelf +
+         "\r\nTTL: 20\r\nHops: 0\r\nID: " + kMsgID + "\r\n" + tail + "Route: " + kSelf +
          ",\r\n\r\n";
 }
 
@@ -45,19 +47,19 @@ TEST(WireTest, DiscoveryAndConfirmationMessages) {
   EXPECT_EQ(Stamped(*node, MakeMessage("WHOIS", "BROADCAST")),
             Header("WHOIS  QEL/2.1", "", "BROADCAST"));
   EXPECT_EQ(Stamped(*node, MakeRequest("PING", kPeer, "7")),
-            "PING  QEL/2.1\r\nDestination: " + std::string(kPeer) + "\r\nReqID: 7\r\nSource: " +
-                kSelf + "\r\nTTL: 20\r\nHops: 0\r\nID: " + kMsgID + "\r\nRoute: " + kSelf +
-                ",\r\n\r\n");
+            "PING  QEL/2.1\r\nDestination: " + std::string(kPeer) +
+                "\r\nReqID: 7\r\nSource: " + kSelf + "\r\nTTL: 20\r\nHops: 0\r\nID: " + kMsgID +
+                "\r\nRoute: " + kSelf + ",\r\n\r\n");
   EXPECT_EQ(Stamped(*node, MakeRequest("PONG", kPeer, "7")),
-            "PONG  QEL/2.1\r\nDestination: " + std::string(kPeer) + "\r\nReqID: 7\r\nSource: " +
-                kSelf + "\r\nTTL: 20\r\nHops: 0\r\nID: " + kMsgID + "\r\nRoute: " + kSelf +
-                ",\r\n\r\n");
+            "PONG  QEL/2.1\r\nDestination: " + std::string(kPeer) +
+                "\r\nReqID: 7\r\nSource: " + kSelf + "\r\nTTL: 20\r\nHops: 0\r\nID: " + kMsgID +
+                "\r\nRoute: " + kSelf + ",\r\n\r\n");
   // Confirmations are never confirmed themselves.
   node->confirmMode = true;
   EXPECT_EQ(Stamped(*node, MakeConfirm(kPeer, "ABC")),
             "CONFIRM  QEL/2.1\r\nDestination: " + std::string(kPeer) + "\r\nSource-ID: ABC\r\n" +
-                "Source: " + kSelf + "\r\nTTL: 20\r\nHops: 0\r\nID: " + kMsgID + "\r\nRoute: " +
-                kSelf + ",\r\n\r\n");
+                "Source: " + kSelf + "\r\nTTL: 20\r\nHops: 0\r\nID: " + kMsgID +
+                "\r\nRoute: " + kSelf + ",\r\n\r\n");
 }
 
 TEST(WireTest, InfoDescribesTheNodeInASettingsBody) {
@@ -87,9 +89,8 @@ TEST(WireTest, MessagesWithBodies) {
   SetField(msg.Fields, "Type", Variant("chat"));
   SetField(msg.Fields, "Destination", Variant(kPeer));
   msg.Body = "hello";
-  EXPECT_EQ(Stamped(*node, msg), Header("MSG  QEL/2.1", "Type: chat\r\n", kPeer,
-                                        "Content-Length: 5\r\n") +
-                                     "hello");
+  EXPECT_EQ(Stamped(*node, msg),
+            Header("MSG  QEL/2.1", "Type: chat\r\n", kPeer, "Content-Length: 5\r\n") + "hello");
 
   // Encrypted with the pass phrase, then compressed; a directed message in
   // confirm mode asks for a confirmation after the body flags.
@@ -103,8 +104,8 @@ TEST(WireTest, MessagesWithBodies) {
   const std::string compressedLength = GetSingleField(packed.Fields, "Content-Length");
   EXPECT_EQ(text.substr(0, text.size() - packed.Body.size()),
             Header("MSG  QEL/2.1", "Type: chat\r\n", kPeer,
-                   "Flags: NE,Z,C,\r\nOriginal-Length: 200\r\nContent-Length: " +
-                       compressedLength + "\r\n"));
+                   "Flags: NE,Z,C,\r\nOriginal-Length: 200\r\nContent-Length: " + compressedLength +
+                       "\r\n"));
   EXPECT_LT(packed.Body.size(), 200u);
   ASSERT_EQ(DecodeBody(packed, "blankey", "", 1 << 20).result, DecodeResult::Ok);
   EXPECT_EQ(packed.Body, std::string(200, 'x'));

@@ -1,0 +1,117 @@
+// A peer that sends what no node would: the node drops or disconnects it and
+// carries on.
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include <qel/qel.h>
+
+#include "net/event_loop.h"
+#include "net/socket.h"
+#include "protocol/body.h"
+#include "protocol/message.h"
+
+namespace qel {
+namespace {
+
+constexpr int64_t kDeadlineMs = 10000;
+
+struct Target {
+  cQEL node;
+  std::vector<std::string> errors, messages;
+  int closed = 0;
+  Target() {
+    node.Error = [this](std::string& text, std::string&) { errors.push_back(text); };
+    node.MessageReceived = [this](std::string& text, std::string&, std::string&) {
+      messages.push_back(text);
+    };
+    node.ConnectionClosed = [this](std::string&, std::string&) { ++closed; };
+    node.Initialise("target");
+    EXPECT_TRUE(node.Listen());
+  }
+};
+
+// A raw TCP peer of the target.
+struct RawPeer {
+  Socket socket;
+  bool connected = false, closedByNode = false;
+  explicit RawPeer(Target& target) {
+    socket.SetHandlers({.onConnected = [this] { connected = true; },
+                        .onPeerClosed = [this] { closedByNode = true; }});
+    socket.Connect("127.0.0.1", static_cast<uint16_t>(target.node.ListenPort()));
+    EXPECT_TRUE(RunUntil([&] { return connected && target.node.isConnected(); }, kDeadlineMs));
+  }
+};
+
+std::string Message(const std::string& body, const std::string& extraFields = "",
+                    const std::string& id = "") {
+  static int counter = 0;
+  return "MSG  QEL/2.1\r\nDestination: BROADCAST\r\nSource: RAW\r\nTTL: 1\r\nID: RAW" +
+         (id.empty() ? std::to_string(++counter) : id) + "\r\n" + extraFields +
+         "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+TEST(HostilePeerTest, OverlongHeaderOrBodyClosesOnlyThatConnection) {
+  Target target;
+  RawPeer calm(target);
+  RawPeer rude(target);
+  rude.socket.Send(std::string(70000, 'x'));
+  ASSERT_TRUE(RunUntil([&] { return rude.closedByNode && target.closed == 1; }, kDeadlineMs));
+  ASSERT_EQ(target.errors.size(), 1u);
+  EXPECT_NE(target.errors[0].find("header longer than 65536 bytes"), std::string::npos);
+
+  RawPeer greedy(target);
+  greedy.socket.Send("MSG  QEL/2.1\r\nContent-Length: 67108865\r\n\r\n");
+  ASSERT_TRUE(RunUntil([&] { return greedy.closedByNode && target.closed == 2; }, kDeadlineMs));
+  EXPECT_NE(target.errors.back().find("message longer than 67108864 bytes"), std::string::npos);
+
+  calm.socket.Send(Message("still here"));
+  ASSERT_TRUE(RunUntil([&] { return target.messages.size() == 1; }, kDeadlineMs));
+  EXPECT_FALSE(calm.closedByNode);
+}
+
+TEST(HostilePeerTest, UndecodableBodiesAreDroppedAndTheConnectionStays) {
+  Target target;
+  RawPeer peer(target);
+  std::string packed = "payload";
+  CompressBody(packed);
+  peer.socket.Send(Message(packed, "Flags: Z,\r\nOriginal-Length: 99999999999\r\n"));
+  peer.socket.Send(Message("not zlib at all", "Flags: Z,\r\nOriginal-Length: 10\r\n"));
+  peer.socket.Send(Message(packed, "Flags: Z,\r\nOriginal-Length: 7\r\n"));
+  ASSERT_TRUE(RunUntil([&] { return target.messages.size() == 1; }, kDeadlineMs));
+  EXPECT_EQ(target.messages[0], "payload");
+  ASSERT_EQ(target.errors.size(), 2u);
+  EXPECT_NE(target.errors[0].find("original length is above"), std::string::npos);
+  EXPECT_NE(target.errors[1].find("does not decompress"), std::string::npos);
+  EXPECT_FALSE(peer.closedByNode);
+}
+
+TEST(HostilePeerTest, RandomBytesNeverBringTheNodeDown) {
+  Target target;
+  const uint32_t seed = 20261123;
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::mt19937 rng(seed);
+  const std::string valid = Message("hello", "", "VALID");
+  for (int round = 0; round < 20; ++round) {
+    RawPeer peer(target);
+    std::string noise;
+    for (int i = 0; i < 4000; ++i) {
+      // Mostly header-ish characters, so parsing gets past the first line.
+      const char alphabet[] = "\r\n: ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789%-,";
+      noise.push_back(rng() % 4 ? alphabet[rng() % (sizeof alphabet - 1)]
+                                : static_cast<char>(rng()));
+      if (rng() % 500 == 0) noise += valid.substr(0, rng() % valid.size());
+    }
+    peer.socket.Send(noise);
+    peer.socket.Close();
+    DoEvents(1);
+  }
+  RawPeer last(target);
+  last.socket.Send(Message("after the storm"));
+  ASSERT_TRUE(RunUntil(
+      [&] { return !target.messages.empty() && target.messages.back() == "after the storm"; },
+      kDeadlineMs));
+}
+
+}  // namespace
+}  // namespace qel
