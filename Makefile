@@ -3,7 +3,10 @@ BUILD      ?= build
 BUILD_ASAN ?= build-asan
 JOBS       ?= 2
 
-.PHONY: all setup build run test test-asan bench format clean
+BUILD_FUZZ ?= build-fuzz
+FUZZ_SECONDS ?= 60
+
+.PHONY: all setup build run test test-asan fuzz bench format clean
 
 all: build
 
@@ -30,6 +33,15 @@ test-asan: setup $(BUILD_ASAN)/build.ninja
 	cd $(BUILD_ASAN) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest --output-on-failure -j $(JOBS)
 
+# The connection fuzzer for a bounded time; findings land in $(BUILD_FUZZ)/findings.
+fuzz: setup
+	CC=clang CXX=clang++ cmake -S . -B $(BUILD_FUZZ) -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+	  -DQEL_FUZZ=ON -DQEL_BUILD_TESTS=OFF -DQEL_BUILD_BENCH=OFF
+	cmake --build $(BUILD_FUZZ) -j $(JOBS) --target qel_fuzz_connection
+	mkdir -p $(BUILD_FUZZ)/corpus $(BUILD_FUZZ)/findings
+	$(BUILD_FUZZ)/bin/qel_fuzz_connection -max_total_time=$(FUZZ_SECONDS) -max_len=16384 \
+	  -artifact_prefix=$(BUILD_FUZZ)/findings/ $(BUILD_FUZZ)/corpus fuzz/corpus/connection
+
 bench: build
 	$(BUILD)/bin/qel_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 
@@ -37,4 +49,4 @@ format:
 	clang-format -i $$(git ls-files '*.h' '*.cpp' '*.h.in')
 
 clean:
-	rm -rf $(BUILD) $(BUILD_ASAN)
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_FUZZ)
