@@ -46,7 +46,7 @@ int32_t Connections::GetFreeSocket(NodeState& node) {
   int32_t index = 0;
   for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
     Connection& c = *conns_[i];
-    if (c.sck->State() == SocketState::Closed && !c.Maintain && !c.feeding) {
+    if (c.sck->State() == SocketState::Closed && !c.Maintain && c.draining == 0) {
       index = i;
       break;
     }
@@ -61,6 +61,7 @@ int32_t Connections::GetFreeSocket(NodeState& node) {
   c.Address.clear();
   c.Maintain = false;
   c.Partial = MessageFeeder({.maxHeader = 65536, .maxMessage = node.maxMessage});
+  c.inbox.clear();
   ++c.generation;
   Attach(index);
   return index;
@@ -97,22 +98,33 @@ void Connections::OnData(int32_t index, uint64_t generation, std::string_view da
     DebugLine(">> INCOMING >>>>>>>>>>");
     DebugLine(data);
   }
-  c.feeding = true;
-  auto outcome = c.Partial.Feed(data, [&](typMessage&& message) {
-    // A handler may have closed or re-dialled this connection: what is left
-    // of the piece belongs to the old link.
-    if (c.generation != generation || c.sck->State() != SocketState::Connected) return;
+  auto outcome =
+      c.Partial.Feed(data, [&](typMessage&& message) { c.inbox.push_back(std::move(message)); });
+  if (outcome != MessageFeeder::Outcome::Ok) {
+    std::string peer = c.Address.empty() ? c.sck->RemoteHost() : c.Address;
+    ReportError(*node, outcome == MessageFeeder::Outcome::HeaderTooLong
+                           ? "Connection to " + peer + " closed: header longer than 65536 bytes"
+                           : "Connection to " + peer + " closed: message longer than " +
+                                 std::to_string(node->maxMessage) + " bytes");
+    c.inbox.clear();
+    CloseConnection(index, false);
+    return;
+  }
+  // data is consumed: let the socket read on, so that a handler waiting for
+  // an answer on this connection can receive it.
+  c.sck->ResumeReading();
+  ++c.draining;
+  while (!c.inbox.empty() && c.generation == generation &&
+         c.sck->State() == SocketState::Connected && node->Owner) {
+    typMessage message = std::move(c.inbox.front());
+    c.inbox.pop_front();
     DebugLine("** PROCESS ");
     ProcessMessage(*node, std::move(message), index);
-  });
-  c.feeding = false;
-  if (outcome == MessageFeeder::Outcome::Ok || c.generation != generation) return;
-  std::string peer = c.Address.empty() ? c.sck->RemoteHost() : c.Address;
-  ReportError(*node, outcome == MessageFeeder::Outcome::HeaderTooLong
-                         ? "Connection to " + peer + " closed: header longer than 65536 bytes"
-                         : "Connection to " + peer + " closed: message longer than " +
-                               std::to_string(node->maxMessage) + " bytes");
-  CloseConnection(index, false);
+  }
+  --c.draining;
+  // What is left belongs to a link that was closed or taken again.
+  if (c.generation != generation) return;
+  if (c.sck->State() != SocketState::Connected) c.inbox.clear();
 }
 
 bool Connections::ListenOnPort(NodeState& node, int32_t port) {
@@ -172,6 +184,7 @@ bool Connections::ConnectTo(NodeState& node, const std::string& address, bool ma
   if (port < 0 || port > 65535) throw QelError(errors::kOverflow, "ConnectTo", "Overflow");
   const uint64_t generation = c.generation;
   c.Partial.Reset();
+  c.inbox.clear();
   c.sck->Connect(std::string(Trim(host)), static_cast<uint16_t>(port));
   RunUntil(
       [&] {

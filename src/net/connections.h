@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -23,8 +24,12 @@ struct Connection {
   std::string Address;  // what Connect was given, or what the peer advertised
   bool Maintain = false;
   MessageFeeder Partial;
+  // Complete messages not yet processed. A handler that waits runs the loop
+  // again, and the messages that arrive meanwhile on this same connection are
+  // processed from here, in order, inside that wait.
+  std::deque<typMessage> inbox;
   uint64_t generation = 0;  // bumped whenever the element is taken again
-  bool feeding = false;     // inside OnData: the element must not be taken again
+  int draining = 0;         // nesting depth of OnData: the element must not be taken again
 };
 
 class Connections {

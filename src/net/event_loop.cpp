@@ -10,9 +10,10 @@ namespace qel {
 namespace {
 
 struct Loop {
-  // A single-threaded loop: no locking inside Asio's scheduler for handlers,
-  // posts from other threads still work.
-  asio::io_context io{1};
+  // Not the single-thread hint: with it, Asio keeps work started inside a
+  // running handler in a private queue that a nested run (a handler waiting
+  // for an answer) never sees, so the answer would only come after the wait.
+  asio::io_context io;
   asio::executor_work_guard<asio::io_context::executor_type> keepAlive{io.get_executor()};
   bool stopRequested = false;
 };

@@ -12,9 +12,13 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   Impl() : socket(IoContext()), resolver(IoContext()) {}
 
   void StartReading() {
+    if (readPending) return;
+    readPending = true;
     socket.async_read_some(asio::buffer(readBuffer), [self = shared_from_this(), gen = generation](
                                                          const std::error_code& ec, size_t n) {
-      if (gen == self->generation) self->OnRead(ec, n);
+      if (gen != self->generation) return;
+      self->readPending = false;
+      self->OnRead(ec, n);
     });
   }
 
@@ -69,6 +73,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   void CloseNow() {
     const bool wasWriting = writing;
     ++generation;
+    readPending = false;
     writing = false;
     inflightBytes = 0;
     std::error_code ignored;
@@ -94,6 +99,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   std::shared_ptr<std::string> spare;
   size_t inflightBytes = 0;
   bool writing = false;
+  bool readPending = false;
   uint64_t generation = 0;  // bumped on close: completions of older operations are ignored
   bool flushPosted = false;
   uint64_t connectAttempt = 0;
@@ -140,6 +146,10 @@ void Socket::Connect(const std::string& host, uint16_t port) {
               if (auto h = self->handlers.onConnected) h();
             });
       });
+}
+
+void Socket::ResumeReading() {
+  if (impl_->state == SocketState::Connected) impl_->StartReading();
 }
 
 void Socket::Send(std::string_view data) {

@@ -43,6 +43,11 @@ class Socket {
   // (onConnected) or Error (onError).
   void Connect(const std::string& host, uint16_t port);
 
+  // Reads on while the data handler is still running. Until this is called
+  // (or the handler returns) the bytes the handler was given stay valid; after
+  // it, a nested run of the loop may deliver more data.
+  void ResumeReading();
+
   // Queues bytes. Everything queued during one turn of the loop leaves in one
   // write; a slow peer only grows its own queue.
   void Send(std::string_view data);

@@ -165,5 +165,28 @@ TEST(NetworkTest, RefusedRequestsAndHandlersThatShutTheirNodeDown) {
   DoEvents(0);
 }
 
+TEST(NetworkTest, HandlersMayWaitAndTheStatisticsTimerCountsTraffic) {
+  Peer a("a"), b("b");
+  a.Listen();
+  b.ConnectTo(a);
+  // A blocking call from inside an event runs the loop again, nested.
+  int32_t pingTime = -2;
+  a.node.MessageReceived = [&](std::string&, std::string&, std::string& from) {
+    a.node.MessageReceived = nullptr;
+    a.node.GetNodeInfo(from, false);
+    pingTime = a.node.Ping(from, 5000);
+  };
+  b.node.SendMessage("ping me", a.ID());
+  ASSERT_TRUE(RunUntil([&] { return pingTime != -2; }, kDeadlineMs));
+  EXPECT_GE(pingTime, 0);
+
+  cQELStats stats;
+  const int32_t sentBefore = stats.OutPacketCount();
+  for (int i = 0; i < 10; ++i) b.node.SendMessage("x", a.ID());
+  EXPECT_EQ(stats.OutPacketCount(), sentBefore + 10);
+  ASSERT_TRUE(RunUntil([&] { return stats.OutPacketRate() >= 20 && stats.InByteSpeed() > 0; },
+                       kDeadlineMs));
+}
+
 }  // namespace
 }  // namespace qel
