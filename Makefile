@@ -20,7 +20,7 @@ build: setup $(BUILD)/build.ninja
 	cmake --build $(BUILD) -j $(JOBS)
 
 run: build
-	$(BUILD)/bin/qel_example
+	$(BUILD)/bin/qel node --port 4000
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)

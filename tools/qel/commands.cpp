@@ -1,0 +1,220 @@
+#include "commands.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <stdexcept>
+
+#include <qel/error.h>
+#include <qel/stats.h>
+
+namespace qelcli {
+namespace {
+
+// Thrown by a handler whose arguments do not fit its usage.
+struct UsageError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+CommandResult Fail(std::string error, Json value = nullptr) {
+  return {false, std::move(value), std::move(error)};
+}
+
+int32_t ParseInt(const std::string& text, const char* what) {
+  int32_t number = 0;
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (ec != std::errc() || end != text.data() + text.size()) {
+    throw UsageError(std::string(what) + " must be a number, got '" + text + "'");
+  }
+  return number;
+}
+
+Json NodeInfoJson(const qel::typNodeInfo& info) {
+  return {{"ID", Text(info.ID)},
+          {"Name", Text(info.Name)},
+          {"Role", static_cast<int32_t>(info.Role)},
+          {"Descriptor", Text(info.Descriptor)},
+          {"directConn", info.directConn},
+          {"Address", Text(info.Address)},
+          {"sharingFiles", info.sharingFiles},
+          {"activeUser", Text(info.activeUser)}};
+}
+
+CommandResult Id(Session& s, const Args&) {
+  return {true, Text(s.node.NodeID()), ""};
+}
+
+CommandResult Connect(Session& s, const Args& args) {
+  bool maintain = args.size() > 1;
+  if (maintain && args[1] != "maintain")
+    throw UsageError("expected 'maintain', got '" + args[1] + "'");
+  if (s.node.Connect(args[0], false, maintain)) return {true, true, ""};
+  return Fail("could not connect to " + args[0], false);
+}
+
+CommandResult Disconnect(Session& s, const Args& args) {
+  if (s.node.DisconnectFrom(args[0])) return {true, true, ""};
+  return Fail("no connection to " + args[0], false);
+}
+
+CommandResult DisconnectNode(Session& s, const Args& args) {
+  if (s.node.DisconnectFrom(args[0], true)) return {true, true, ""};
+  return Fail("no connection to node " + args[0], false);
+}
+
+CommandResult DisconnectAll(Session& s, const Args&) {
+  if (s.node.DisconnectAll()) return {true, true, ""};
+  return Fail("could not close the connections", false);
+}
+
+CommandResult Send(Session& s, const Args& args) {
+  s.node.SendMessage(args[1], args[0]);
+  return {};
+}
+
+CommandResult SendType(Session& s, const Args& args) {
+  s.node.SendMessage(args[2], args[1], args[0]);
+  return {};
+}
+
+CommandResult Ping(Session& s, const Args& args) {
+  int32_t timeout = args.size() > 1 ? ParseInt(args[1], "TIMEOUT_MS") : 3000;
+  int32_t ms = s.node.Ping(args[0], timeout);
+  if (ms >= 0) return {true, ms, ""};
+  return Fail("no answer within " + std::to_string(timeout) + " ms", ms);
+}
+
+CommandResult Nodes(Session& s, const Args& args) {
+  bool fresh = false;
+  std::string destination = "BROADCAST";
+  for (const std::string& arg : args) {
+    if (arg == "fresh") {
+      fresh = true;
+    } else if (&arg == &args[0]) {
+      destination = arg;
+    } else {
+      throw UsageError("expected 'fresh', got '" + arg + "'");
+    }
+  }
+  Json list = Json::array();
+  // Records without an identifier are placeholders (element 0 of a BROADCAST
+  // answer, or the blank record of a node that did not answer).
+  for (const auto& info : s.node.GetNodeInfo(destination, !fresh)) {
+    if (!info.ID.empty()) list.push_back(NodeInfoJson(info));
+  }
+  if (destination != "BROADCAST" && list.empty()) {
+    return Fail("no answer from " + destination, std::move(list));
+  }
+  return {true, std::move(list), ""};
+}
+
+CommandResult Stats(Session&, const Args&) {
+  qel::cQELStats stats;
+  return {true,
+          {{"InByteSpeed", stats.InByteSpeed()},
+           {"OutByteSpeed", stats.OutByteSpeed()},
+           {"InPacketRate", stats.InPacketRate()},
+           {"OutPacketRate", stats.OutPacketRate()},
+           {"InPacketCount", stats.InPacketCount()},
+           {"OutPacketCount", stats.OutPacketCount()},
+           {"QELVersion", stats.QELVersion()},
+           {"AvgCompression", stats.AvgCompression()}},
+          ""};
+}
+
+CommandResult Help(Session&, const Args&);
+
+CommandResult Quit(Session& s, const Args&) {
+  s.quit = true;
+  return {};
+}
+
+const std::array kCommands = {
+    Command{"id", "", "this node's identifier", 0, 0, false, Id},
+    Command{"connect", "HOST[:PORT] [maintain]", "connect to a node; maintain re-dials it", 1, 2,
+            false, Connect},
+    Command{"disconnect", "HOST:PORT", "close the connections to an address", 1, 1, false,
+            Disconnect},
+    Command{"disconnect-node", "NODEID", "close the connection to a node", 1, 1, false,
+            DisconnectNode},
+    Command{"disconnect-all", "", "stop listening and close every connection", 0, 0, false,
+            DisconnectAll},
+    Command{"send", "NODEID|BROADCAST TEXT", "send a message", 2, 2, true, Send},
+    Command{"send-type", "TYPE NODEID|BROADCAST TEXT", "send a message of a type (ERROR: an error)",
+            3, 3, true, SendType},
+    Command{"ping", "NODEID [TIMEOUT_MS]", "round-trip time to a node in ms", 1, 2, false, Ping},
+    Command{"nodes", "[NODEID|BROADCAST] [fresh]",
+            "describe nodes; fresh asks instead of the cache", 0, 2, false, Nodes},
+    Command{"stats", "", "traffic figures of this process", 0, 0, false, Stats},
+    Command{"help", "", "list the commands", 0, 0, false, Help},
+    Command{"quit", "", "shut the node down and exit", 0, 0, false, Quit},
+};
+
+CommandResult Help(Session&, const Args&) {
+  Json lines = Json::array();
+  for (const Command& c : kCommands) {
+    std::string usage = std::string(c.name) + (c.usage.empty() ? "" : " ") + std::string(c.usage);
+    usage.resize(std::max<size_t>(usage.size() + 2, 44), ' ');
+    lines.push_back(usage + std::string(c.description));
+  }
+  return {true, std::move(lines), ""};
+}
+
+const Command* Find(std::string_view word) {
+  for (const Command& c : kCommands) {
+    if (c.name == word) return &c;
+  }
+  return nullptr;
+}
+
+bool IsSpace(char c) {
+  return c == ' ' || c == '\t';
+}
+
+}  // namespace
+
+ParsedLine SplitWord(std::string_view line) {
+  size_t start = 0;
+  while (start < line.size() && IsSpace(line[start])) ++start;
+  size_t end = start;
+  while (end < line.size() && !IsSpace(line[end])) ++end;
+  size_t rest = end;
+  while (rest < line.size() && IsSpace(line[rest])) ++rest;
+  return {std::string(line.substr(start, end - start)), std::string(line.substr(rest))};
+}
+
+Args SplitArgs(std::string_view rest, size_t maxArgs, bool lastIsText) {
+  Args args;
+  while (!rest.empty()) {
+    if (lastIsText && args.size() + 1 == maxArgs) {
+      args.emplace_back(rest);
+      break;
+    }
+    ParsedLine next = SplitWord(rest);
+    args.push_back(std::move(next.word));
+    rest = rest.substr(rest.size() - next.rest.size());
+  }
+  return args;
+}
+
+CommandResult RunLine(Session& session, const ParsedLine& line) {
+  const Command* command = Find(line.word);
+  if (!command) return Fail("unknown command '" + line.word + "' (try help)");
+  std::string usage = "usage: " + std::string(command->name) + (command->usage.empty() ? "" : " ") +
+                      std::string(command->usage);
+  Args args = SplitArgs(line.rest, command->maxArgs, command->text);
+  if (args.size() < command->minArgs || args.size() > command->maxArgs) {
+    return Fail(usage);
+  }
+  try {
+    return command->run(session, args);
+  } catch (const UsageError& e) {
+    return Fail(std::string(e.what()) + "; " + usage);
+  } catch (const qel::QelError& e) {
+    return Fail("Error " + std::to_string(e.Number) + ": " + e.Description);
+  } catch (const std::exception& e) {
+    return Fail(e.what());
+  }
+}
+
+}  // namespace qelcli

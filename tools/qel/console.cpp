@@ -1,0 +1,143 @@
+#include "console.h"
+
+#include <unistd.h>
+
+#include <deque>
+#include <iostream>
+#include <optional>
+
+#include <qel/error.h>
+#include <qel/event_loop.h>
+#include <qel/node.h>
+
+#include "commands.h"
+#include "line_reader.h"
+#include "output.h"
+
+namespace qelcli {
+namespace {
+
+void ReportEvents(qel::cQEL& node, Output& out) {
+  node.MessageReceived = [&out](std::string& strMessage, std::string& strType,
+                                std::string& nodeID) {
+    out.Event(
+        "MessageReceived",
+        {{"strMessage", Text(strMessage)}, {"strType", Text(strType)}, {"nodeID", Text(nodeID)}});
+  };
+  node.Error = [&out](std::string& strMessage, std::string& nodeID) {
+    out.Event("Error", {{"strMessage", Text(strMessage)}, {"nodeID", Text(nodeID)}});
+  };
+  node.ConnectionReq = [&out](std::string& SourceIP, bool&) {
+    out.Event("ConnectionReq", {{"SourceIP", Text(SourceIP)}});
+  };
+  node.ConnectionEstab = [&out](std::string& SourceIP) {
+    out.Event("ConnectionEstab", {{"SourceIP", Text(SourceIP)}});
+  };
+  node.ConnectionClosed = [&out](std::string& SourceIP, std::string& nodeID) {
+    out.Event("ConnectionClosed", {{"SourceIP", Text(SourceIP)}, {"nodeID", Text(nodeID)}});
+  };
+}
+
+void SilenceEvents(qel::cQEL& node) {
+  node.MessageReceived = nullptr;
+  node.Error = nullptr;
+  node.ConnectionReq = nullptr;
+  node.ConnectionEstab = nullptr;
+  node.ConnectionClosed = nullptr;
+}
+
+// Runs console lines one at a time. Commands such as ping run the event loop
+// while they wait, and lines posted meanwhile must not start a second command
+// inside the first: they queue until it is done.
+class Console {
+ public:
+  Console(qel::cQEL& node, Output& out) : session_{node}, out_(out) {}
+
+  // A line, or end of input when there is none.
+  void Submit(std::optional<std::string> line) {
+    queue_.push_back(std::move(line));
+    if (running_) return;
+    running_ = true;
+    while (!queue_.empty() && !session_.quit) {
+      std::optional<std::string> next = std::move(queue_.front());
+      queue_.pop_front();
+      if (!next) {
+        Stop();  // end of input: like quit, with nothing written
+      } else if (Run(*next); !session_.quit) {
+        out_.Prompt();
+      }
+    }
+    running_ = false;
+  }
+
+  void Run(const std::string& line) {
+    ParsedLine parsed = SplitWord(line);
+    if (parsed.word.empty()) return;
+    out_.Result(parsed.word, RunLine(session_, parsed));
+    if (session_.quit) Stop();
+  }
+
+ private:
+  void Stop() {
+    session_.quit = true;
+    // Nothing more is written once the console is done.
+    SilenceEvents(session_.node);
+    out_.Close();
+    qel::StopEventLoop();
+  }
+
+  Session session_;
+  Output& out_;
+  std::deque<std::optional<std::string>> queue_;
+  bool running_ = false;
+};
+
+}  // namespace
+
+int RunNode(const NodeOptions& options) {
+  std::unique_ptr<Output> out =
+      options.json ? MakeJsonOutput(std::cout) : MakeTextOutput(std::cout, isatty(0) != 0);
+  const std::string settings = AdvancedSettings(options);
+
+  qel::cQEL node;
+  ReportEvents(node, *out);
+  node.Initialise(options.name, options.port, options.role, options.descriptor,
+                  options.shares.empty() ? "" : options.shares.front(), settings);
+  for (size_t i = 1; i < options.shares.size(); ++i) node.shareFolder(options.shares[i]);
+  bool listening = false;
+  try {
+    listening = node.Listen();
+  } catch (const qel::QelError& e) {
+    std::cerr << "qel: " << e.Description << "\n";
+  }
+  if (!listening) {
+    std::cerr << "qel: cannot listen on port " << options.port << "\n";
+    return 1;
+  }
+  const int32_t port = node.ListenPort();
+  out->Event("Ready", {{"ID", Text(node.NodeID())},
+                       {"Name", Text(options.name)},
+                       {"Port", port},
+                       {"Address", Text(qel::LocalAddress() + ":" + std::to_string(port))}});
+
+  Console console(node, *out);
+  for (const std::string& server : options.connects) {
+    console.Run("connect " + server + (options.maintain ? " maintain" : ""));
+  }
+  out->Prompt();
+  {
+    LineReader reader(
+        0,
+        [&console](std::string line) {
+          qel::Post(
+              [&console, line = std::move(line)]() mutable { console.Submit(std::move(line)); });
+        },
+        [&console] { qel::Post([&console] { console.Submit(std::nullopt); }); });
+    qel::RunEventLoop();
+  }
+  SilenceEvents(node);
+  node.ShutDown();
+  return 0;
+}
+
+}  // namespace qelcli

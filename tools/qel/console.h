@@ -1,0 +1,13 @@
+// `qel node`: one node driven by console lines, on the library's event loop.
+#pragma once
+
+#include "options.h"
+
+namespace qelcli {
+
+// Starts the node, reads commands from stdin until `quit` or end of input,
+// shuts the node down and returns the exit code. Throws what
+// AdvancedSettings throws.
+int RunNode(const NodeOptions& options);
+
+}  // namespace qelcli
