@@ -25,9 +25,11 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   void OnRead(const std::error_code& ec, size_t n) {
     if (state != SocketState::Connected) return;  // closed meanwhile
     if (ec) {
-      // The owner closes it in its handler, so that its own close logic runs.
+      // The owner closes it in its handler, so that its own close logic runs;
+      // the handler may even have connected this socket anew.
+      const uint64_t before = generation;
       if (auto h = handlers.onPeerClosed) h();
-      if (state == SocketState::Connected) CloseNow();
+      if (generation == before) CloseNow();
       return;
     }
     if (auto& h = handlers.onData) {
