@@ -188,5 +188,22 @@ TEST(NetworkTest, HandlersMayWaitAndTheStatisticsTimerCountsTraffic) {
                        kDeadlineMs));
 }
 
+TEST(NetworkTest, MaintainedLinksAreRedialledWhenTheyDrop) {
+  Peer a("a"), b("b");
+  a.Listen();
+  b.Listen();  // so a records b's link under b's own port
+  ASSERT_TRUE(b.node.Connect(a.Address(), false, true));
+  ASSERT_TRUE(RunUntil([&] { return a.Knows(b.ID()); }, kDeadlineMs));
+  // a drops the link; b dials again at once and says so.
+  ASSERT_TRUE(a.node.DisconnectFrom(b.Address()));
+  ASSERT_TRUE(RunUntil([&] { return !b.established.empty(); }, kDeadlineMs));
+  EXPECT_EQ(b.established[0], a.Address());
+  EXPECT_TRUE(b.node.isConnected());
+  // Disconnecting on purpose stops the maintaining.
+  EXPECT_TRUE(b.node.DisconnectFrom(a.Address()));
+  EXPECT_FALSE(b.node.isConnected());
+  EXPECT_EQ(b.established.size(), 1u);
+}
+
 }  // namespace
 }  // namespace qel
