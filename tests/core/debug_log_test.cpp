@@ -7,28 +7,21 @@
 namespace qel {
 namespace {
 
-std::string TempStore(const char* name) {
+std::string TempStore(const std::string& name) {
   auto path = std::filesystem::path(testing::TempDir()) / name / "settings.xml";
   std::filesystem::remove_all(path.parent_path());
   return path.string();
 }
 
 TEST(DebugLogTest, StaysOffUnlessTheUserSwitchSaysTrue) {
-  UserSettings absent(TempStore("qel_dbg_absent"));
   DebugLog log;
-  log.CheckDebugMode(absent, "10.0.0.1");
-  EXPECT_FALSE(log.Enabled());
-
-  UserSettings off(TempStore("qel_dbg_off"));
-  off.Set("debug", "enabled", "False");
-  log.CheckDebugMode(off, "10.0.0.1");
-  EXPECT_FALSE(log.Enabled());
+  for (std::string value : {"", "False", "perhaps"}) {
+    UserSettings store(TempStore("qel_dbg_" + value));
+    if (!value.empty()) store.Set("debug", "enabled", value);
+    log.CheckDebugMode(store, "10.0.0.1");
+    EXPECT_FALSE(log.Enabled()) << value;
+  }
   EXPECT_EQ(log.Text(), "");
-
-  UserSettings garbage(TempStore("qel_dbg_garbage"));
-  garbage.Set("debug", "enabled", "perhaps");
-  log.CheckDebugMode(garbage, "10.0.0.1");
-  EXPECT_FALSE(log.Enabled());
 }
 
 TEST(DebugLogTest, OpensOnceWithVersionAndAddress) {
@@ -37,13 +30,12 @@ TEST(DebugLogTest, OpensOnceWithVersionAndAddress) {
   DebugLog log;
   log.CheckDebugMode(on, "10.0.0.1");
   ASSERT_TRUE(log.Enabled());
-  const std::string& text = log.Text();
+  const std::string text = log.Text();
   EXPECT_TRUE(text.starts_with("Entered QEL Debug Mode 20"));
   EXPECT_NE(text.find("QEL Version 2.1.166\r\n"), std::string::npos);
   EXPECT_TRUE(text.ends_with("Local Address: 10.0.0.1\r\n\r\n"));
-  std::string before = text;
   log.CheckDebugMode(on, "10.0.0.2");  // a second node object: nothing new
-  EXPECT_EQ(log.Text(), before);
+  EXPECT_EQ(log.Text(), text);
 }
 
 TEST(DebugLogTest, TrimDropsAsManyOldCharactersAsTheNewLineHas) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
 #include <random>
 
@@ -12,27 +13,21 @@ namespace {
 std::string SlowDecode(std::string path, bool& failed) {
   failed = false;
   for (size_t p; (p = path.find('%')) != std::string::npos && p + 2 < path.size();) {
-    std::string escape = path.substr(p, 3);
-    if (!std::isxdigit(static_cast<unsigned char>(escape[1])) ||
-        !std::isxdigit(static_cast<unsigned char>(escape[2]))) {
+    if (!std::isxdigit(static_cast<unsigned char>(path[p + 1])) ||
+        !std::isxdigit(static_cast<unsigned char>(path[p + 2]))) {
       failed = true;
       return {};
     }
+    const std::string escape = path.substr(p, 3);
     const char code = static_cast<char>(std::stoi(escape.substr(1), nullptr, 16));
     std::string out;
-    for (size_t at = 0, hit;
-         (hit = path.find(escape, at)) != std::string::npos || at < path.size();) {
-      if (hit == std::string::npos) hit = path.size();
-      out.append(path, at, hit - at);
-      if (hit == path.size()) break;
-      out.push_back(code);
-      at = hit + 3;
+    size_t at = 0;
+    for (size_t hit; (hit = path.find(escape, at)) != std::string::npos; at = hit + 3) {
+      out.append(path, at, hit - at).push_back(code);
     }
-    path = out;
+    path = out + path.substr(at);
   }
-  for (char& c : path) {
-    if (c == '/') c = '\\';
-  }
+  std::replace(path.begin(), path.end(), '/', '\\');
   return path;
 }
 
@@ -43,28 +38,24 @@ std::string Decoded(const std::string& path) {
 }
 
 TEST(PathDecodeTest, DecodesEscapesAgainFromTheStart) {
+  // The random test below compares many more paths with a plain model.
   EXPECT_EQ(Decoded("/my%20docs/a%2fb"), "\\my docs\\a\\b");
   EXPECT_EQ(Decoded("%2541"), "A");
-  EXPECT_EQ(Decoded("%41x%41"), "AxA");
   // "%%41": the first "%" is followed by "%4", which is no number.
   EXPECT_EQ(Decoded("%%41"), "<failed>");
-  EXPECT_EQ(Decoded("ok%4"), "ok%4");
-  EXPECT_EQ(Decoded("%zz/x"), "<failed>");
-  EXPECT_EQ(Decoded(""), "");
   EXPECT_EQ(DecodePath("%g0"), "");
 }
 
 TEST(PathDecodeTest, MatchesTheWholeStringReplaceOnRandomInput) {
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
+  const uint32_t seed = 20240611;
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
   std::mt19937 rng(seed);
   const std::string alphabet = "%%%2255411aA/x";
   for (int round = 0; round < 20000; ++round) {
     std::string path(rng() % 24, ' ');
     for (char& c : path) c = alphabet[rng() % alphabet.size()];
-    bool slowFailed = false;
-    std::string expected = SlowDecode(path, slowFailed);
-    bool failed = false;
+    bool slowFailed = false, failed = false;
+    const std::string expected = SlowDecode(path, slowFailed);
     ASSERT_EQ(DecodePath(path, &failed), expected) << path;
     ASSERT_EQ(failed, slowFailed) << path;
   }

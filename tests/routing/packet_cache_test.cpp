@@ -12,62 +12,24 @@
 namespace qel {
 namespace {
 
-TEST(PacketCacheTest, OldestOfFiftyFallsOutAndIsAcceptedAgain) {
-  PacketCache cache(50);
-  for (int i = 0; i <= 50; ++i) cache.Add("id" + std::to_string(i));
-  EXPECT_EQ(cache.Size(), 50u);
-  EXPECT_FALSE(cache.Contains("id0"));
-  EXPECT_TRUE(cache.Contains("id1"));
-  EXPECT_TRUE(cache.Contains("id50"));
+TEST(PacketCacheTest, MatchIsExactAndCapacityBoundsOnlyWhatIsHeld) {
+  PacketCache cache(std::numeric_limits<int32_t>::max());  // grows only with adds
+  for (int i = 0; i < 1000; ++i) cache.Add("id" + std::to_string(i));
+  EXPECT_EQ(cache.Size(), 1000u);
+  for (const char* id : {"id0", "id999"}) EXPECT_TRUE(cache.Contains(id)) << id;
+  for (const char* id : {"ID0", "id", "", "id1000"}) EXPECT_FALSE(cache.Contains(id)) << id;
 
-  cache.Add("id0");
-  EXPECT_TRUE(cache.Contains("id0"));
-  EXPECT_FALSE(cache.Contains("id1"));
-}
-
-TEST(PacketCacheTest, MatchIsExactAndCaseSensitive) {
-  PacketCache cache(5);
-  cache.Add("abc");
-  EXPECT_TRUE(cache.Contains("abc"));
-  EXPECT_FALSE(cache.Contains("ABC"));
-  EXPECT_FALSE(cache.Contains("ab"));
-  EXPECT_FALSE(cache.Contains(""));
-}
-
-TEST(PacketCacheTest, DuplicateStaysUntilItsLastCopyFallsOut) {
-  PacketCache cache(3);
-  cache.Add("a");
-  cache.Add("a");
-  cache.Add("b");
-  cache.Add("c");  // evicts the first "a"
-  EXPECT_TRUE(cache.Contains("a"));
-  cache.Add("d");  // evicts the second
-  EXPECT_FALSE(cache.Contains("a"));
-  EXPECT_EQ(cache.Size(), 3u);
-
-  PacketCache one(1);
-  one.Add("x");
-  one.Add("x");
-  EXPECT_TRUE(one.Contains("x"));
-}
-
-TEST(PacketCacheTest, NonPositiveCapacityHoldsNothing) {
   for (int32_t capacity : {0, -1}) {
-    PacketCache cache(capacity);
-    cache.Add("a");
-    EXPECT_FALSE(cache.Contains("a"));
-    EXPECT_EQ(cache.Size(), 0u);
-    EXPECT_EQ(cache.Capacity(), 0);
+    PacketCache none(capacity);
+    none.Add("a");
+    EXPECT_FALSE(none.Contains("a"));
+    EXPECT_EQ(none.Size(), 0u);
+    EXPECT_EQ(none.Capacity(), 0);
   }
 }
 
-TEST(PacketCacheTest, HugeCapacityGrowsOnlyWithAdds) {
-  PacketCache cache(std::numeric_limits<int32_t>::max());
-  for (int i = 0; i < 1000; ++i) cache.Add(std::to_string(i));
-  EXPECT_EQ(cache.Size(), 1000u);
-  EXPECT_TRUE(cache.Contains("0"));
-}
-
+// Covers eviction of the oldest, re-adding an evicted ID and duplicates,
+// which stay until their last copy falls out.
 TEST(PacketCacheTest, MatchesDequeModelOnRandomTraffic) {
   const uint32_t seed = 20240611;
   SCOPED_TRACE(testing::Message() << "seed " << seed);
@@ -76,7 +38,7 @@ TEST(PacketCacheTest, MatchesDequeModelOnRandomTraffic) {
     PacketCache cache(capacity);
     std::deque<std::string> model;
     std::uniform_int_distribution<int> pick(0, capacity * 2);
-    for (int step = 0; step < 5000; ++step) {
+    for (int step = 0; step < 3000; ++step) {
       const std::string id = "m" + std::to_string(pick(rng));
       if (rng() % 2) {
         cache.Add(id);

@@ -8,39 +8,45 @@
 namespace qel {
 namespace {
 
+using Entries = std::vector<std::string>;
 const std::string kSelf = "S";
 
-TEST(RouteTableTest, LearnedRouteEndsWithSelfAndLeadsBackThroughTheLastHop) {
+TEST(RouteTableTest, LearnsRoutesPromotesKnownOnesAndPicksTheLastHop) {
   RouteTable table(10);
   table.Learn("A,B,", kSelf);
-  EXPECT_EQ(table.Entries(), (std::vector<std::string>{"", "A,B,S,"}));
-  EXPECT_EQ(table.NextHop("A", kSelf), "B");
-  EXPECT_EQ(table.NextHop("B", kSelf), "B");
-  EXPECT_EQ(table.NextHop("C", kSelf), "");
-  EXPECT_EQ(table.NextHop(kSelf, kSelf), "");
-  EXPECT_EQ(table.NextHop("BROADCAST", kSelf), "");
+  table.Learn("", kSelf);  // ignored
+  EXPECT_EQ(table.Entries(), (Entries{"", "A,B,S,"}));
+  for (auto [destination, hop] :
+       {std::pair{"A", "B"}, {"B", "B"}, {"C", ""}, {"S", ""}, {"BROADCAST", ""}}) {
+    EXPECT_EQ(table.NextHop(destination, kSelf), hop) << destination;
+  }
 
-  // Self stands first here, so the entry is read forward from self's first
-  // occurrence.
-  table.Learn("S,B,C,", kSelf);
-  EXPECT_EQ(table.NextHop("C", kSelf), "B");
-}
-
-TEST(RouteTableTest, KnownRunIsPromotedInsteadOfStored) {
-  RouteTable table(10);
-  table.Learn("A,B,", kSelf);
   table.Learn("C,", kSelf);
   table.Learn("D,", kSelf);
-  table.Learn("B,", kSelf);  // "B,S," is the tail of the oldest entry
-  EXPECT_EQ(table.Entries(), (std::vector<std::string>{"", "A,B,S,", "D,S,", "C,S,"}));
+  table.Learn("B,", kSelf);  // "B,S," is the tail of the oldest entry: promoted
+  EXPECT_EQ(table.Entries(), (Entries{"", "A,B,S,", "D,S,", "C,S,"}));
 
-  table.Learn("", kSelf);
-  EXPECT_EQ(table.Entries().size(), 4u);
+  // The first entry holding both IDs decides until another is promoted.
+  table.Learn("D,X,", kSelf);
+  EXPECT_EQ(table.NextHop("D", kSelf), "X");
+  table.Promote(3);
+  const Entries promoted = {"", "D,S,", "D,X,S,", "A,B,S,", "C,S,"};
+  EXPECT_EQ(table.Entries(), promoted);
+  EXPECT_EQ(table.NextHop("D", kSelf), "D");
+  for (int32_t ignored : {0, 5, -1}) table.Promote(ignored);
+  EXPECT_EQ(table.Entries(), promoted);
+
+  // Self stands first here, so the entry is read forward from self.
+  table.Learn("S,B,E,", kSelf);
+  EXPECT_EQ(table.NextHop("E", kSelf), "B");
+  // Read reversed, the hop is the one before self's last occurrence.
+  table.Learn("F,S,G,H,", kSelf);
+  EXPECT_EQ(table.NextHop("F", kSelf), "H");
 }
 
-TEST(RouteTableTest, NewRouteIntoFullTableDropsOnlyTheOldest) {
+TEST(RouteTableTest, FullTableDropsOnlyTheOldestAndADisabledOneLearnsNothing) {
   RouteTable table(10);
-  std::vector<std::string> expected{""};
+  Entries expected{""};
   for (int i = 0; i < 11; ++i) {
     const std::string route = "R" + std::to_string(i) + ",";
     table.Learn(route, kSelf);
@@ -48,22 +54,15 @@ TEST(RouteTableTest, NewRouteIntoFullTableDropsOnlyTheOldest) {
   }
   expected.pop_back();
   EXPECT_EQ(table.Entries(), expected);
-  EXPECT_EQ(table.Entries()[10], "R1,S,");
-}
 
-TEST(RouteTableTest, FirstEntryHoldingBothIdsDecidesUntilAnotherIsPromoted) {
-  RouteTable table(10);
-  table.Learn("D,X,", kSelf);
-  table.Learn("D,Y,", kSelf);
-  EXPECT_EQ(table.NextHop("D", kSelf), "Y");
-  table.Promote(2);
-  EXPECT_EQ(table.Entries(), (std::vector<std::string>{"", "D,X,S,", "D,Y,S,"}));
-  EXPECT_EQ(table.NextHop("D", kSelf), "X");
-
-  table.Promote(0);
-  table.Promote(3);
-  table.Promote(-1);
-  EXPECT_EQ(table.Entries(), (std::vector<std::string>{"", "D,X,S,", "D,Y,S,"}));
+  for (int32_t maxRoutes : {0, -5}) {
+    RouteTable disabled(maxRoutes);
+    EXPECT_FALSE(disabled.Enabled());
+    disabled.Learn("A,B,", kSelf);
+    EXPECT_EQ(disabled.Entries(), Entries{""});
+    EXPECT_EQ(disabled.NextHop("A", kSelf), "");
+  }
+  EXPECT_TRUE(RouteTable(1).Enabled());
 }
 
 TEST(RouteTableTest, IdsMatchOnlyWholeItems) {
@@ -78,32 +77,19 @@ TEST(RouteTableTest, IdsMatchOnlyWholeItems) {
   EXPECT_EQ(table.Entries().size(), 4u);
   EXPECT_EQ(table.NextHop("A", kSelf), "A");
 
-  // Self inside a longer ID is not self.
+  // Self inside a longer ID is not self; an empty item or one with a comma
+  // is no ID.
   RouteTable other(10);
   other.Learn("C,SS,", "T");
+  other.Learn(",C,", "T");
   EXPECT_EQ(other.NextHop("C", kSelf), "");
   EXPECT_EQ(other.NextHop("C,SS", "T"), "");
-  other.Learn(",C,", "T");  // an empty item is no ID
   EXPECT_EQ(other.NextHop("", "T"), "");
-}
 
-TEST(RouteTableTest, DisabledTableLearnsAndFindsNothing) {
-  for (int32_t maxRoutes : {0, -5}) {
-    RouteTable table(maxRoutes);
-    EXPECT_FALSE(table.Enabled());
-    table.Learn("A,B,", kSelf);
-    EXPECT_EQ(table.Entries(), std::vector<std::string>{""});
-    EXPECT_EQ(table.NextHop("A", kSelf), "");
+  for (auto [route, reversed] :
+       {std::pair{"A,B,C,", "C,B,A,"}, {"A,B", "B,A,"}, {"A,,B,", "B,,A,"}, {",", ","}, {"", ""}}) {
+    EXPECT_EQ(RouteTable::ReverseRoute(route), reversed);
   }
-  EXPECT_TRUE(RouteTable(1).Enabled());
-}
-
-TEST(RouteTableTest, ReverseRouteKeepsItemsAndEndsWithComma) {
-  EXPECT_EQ(RouteTable::ReverseRoute("A,B,C,"), "C,B,A,");
-  EXPECT_EQ(RouteTable::ReverseRoute("A,B"), "B,A,");
-  EXPECT_EQ(RouteTable::ReverseRoute("A,,B,"), "B,,A,");
-  EXPECT_EQ(RouteTable::ReverseRoute(","), ",");
-  EXPECT_EQ(RouteTable::ReverseRoute(""), "");
 }
 
 // A naive substring search over these would take billions of steps.
