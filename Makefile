@@ -43,6 +43,7 @@ fuzz: setup
 	  -artifact_prefix=$(BUILD_FUZZ)/findings/ $(BUILD_FUZZ)/corpus fuzz/corpus/connection
 
 bench: build
+	$(BUILD)/bin/qel_figures
 	$(BUILD)/bin/qel_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 
 format:

@@ -1,0 +1,217 @@
+#include "qel_peers.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include <qel/qel.h>
+
+namespace qelbench {
+namespace {
+
+// Messages queued between two turns of the loop; each turn gathers what was
+// queued into one write.
+constexpr int kBatch = 100;
+// A run that has not finished by then is reported as failed.
+constexpr int64_t kRunLimitNs = 60'000'000'000;
+
+std::string Address(int64_t port) {
+  return std::string(kLoopback) + ":" + std::to_string(port);
+}
+
+// Reports a node's first faults on stderr; every fault of a long run would
+// drown the figures.
+void WatchErrors(qel::cQEL& node, const char* role) {
+  node.Error = [role, shown = 0](std::string& message, std::string&) mutable {
+    if (++shown <= 3) std::fprintf(stderr, "qel %s: %s\n", role, message.c_str());
+  };
+}
+
+// Keeps the node's loop turning until the parent writes a command; nullopt
+// once the parent is gone.
+std::optional<std::string> PumpUntilCommand(Channel& channel) {
+  for (;;) {
+    if (channel.Pending(0)) {
+      std::optional<std::string> line = channel.Receive(1000);
+      if (!line && channel.Pending(0)) return std::nullopt;
+      if (line) return line;
+    }
+    // Returns as soon as an event ran, so queued writes still drain at once;
+    // only the parent's next command waits up to 10 ms.
+    qel::DoEvents(10);
+  }
+}
+
+std::string ReadyLine(qel::cQEL& node) {
+  return "ready port=" + std::to_string(node.ListenPort()) + " id=" + node.NodeID();
+}
+
+void Receiver(Channel& channel, const std::string& settings) {
+  UseLoopback();
+  qel::cQEL node;
+  WatchErrors(node, "receiver");
+  int64_t count = 0;
+  int64_t target = -1;
+  int64_t doneAt = 0;
+  int64_t wrong = 0;  // bodies that did not survive the trip
+  node.MessageReceived = [&](std::string& text, std::string&, std::string&) {
+    if (text != Payload()) ++wrong;
+    if (++count == target) doneAt = NowNs();
+  };
+  node.Initialise("receiver", 0, qel::role_Peer, "", "", settings);
+  if (!node.Listen(0)) return channel.Send("fail cannot listen");
+  channel.Send(ReadyLine(node));
+  while (std::optional<std::string> line = PumpUntilCommand(channel)) {
+    if (!line->starts_with("arm ")) continue;
+    target = std::atoll(line->c_str() + 4);
+    count = 0;
+    doneAt = 0;
+    wrong = 0;
+    channel.Send("armed");
+    const int64_t deadline = NowNs() + kRunLimitNs;
+    while (doneAt == 0 && NowNs() < deadline) qel::DoEvents(100);
+    if (doneAt == 0) {
+      channel.Send("fail received " + std::to_string(count) + " of " + std::to_string(target));
+    } else {
+      channel.Send("got n=" + std::to_string(target) + " t=" + std::to_string(doneAt) +
+                   " wrong=" + std::to_string(wrong));
+    }
+  }
+}
+
+// Connects to connectTo, or listens for a relay when it is empty.
+void Sender(Channel& channel, const std::string& settings, const std::string& connectTo,
+            const std::string& receiverID) {
+  UseLoopback();
+  qel::cQEL node;
+  WatchErrors(node, "sender");
+  node.Initialise("sender", 0, qel::role_Peer, "", "", settings);
+  if (connectTo.empty() ? !node.Listen(0) : !node.Connect(connectTo)) {
+    return channel.Send("fail cannot listen or connect");
+  }
+  channel.Send(ReadyLine(node));
+  const std::string& text = Payload();
+  while (std::optional<std::string> line = PumpUntilCommand(channel)) {
+    if (!line->starts_with("send ")) continue;
+    const int64_t n = std::atoll(line->c_str() + 5);
+    // A relay dials a listening sender on its own schedule.
+    const int64_t deadline = NowNs() + 10'000'000'000;
+    while (!node.isConnected() && NowNs() < deadline) qel::DoEvents(10);
+    if (!node.isConnected()) {
+      channel.Send("fail not connected");
+      continue;
+    }
+    channel.Send("start t=" + std::to_string(NowNs()));
+    for (int64_t i = 1; i <= n; ++i) {
+      node.SendMessage(text, receiverID);
+      if (i % kBatch == 0) qel::DoEvents(0);
+    }
+    qel::DoEvents(0);
+  }
+}
+
+void Relay(Channel& channel, const std::string& settings, int64_t receiverPort,
+           int64_t senderPort) {
+  UseLoopback();
+  qel::cQEL node;
+  WatchErrors(node, "relay");
+  node.Initialise("relay", 0, qel::role_Peer, "", "", settings);
+  if (!node.Connect(Address(receiverPort)) || !node.Connect(Address(senderPort))) {
+    return channel.Send("fail cannot connect both ends");
+  }
+  channel.Send("ready");
+  for (;;) qel::DoEvents(1000);  // until the parent kills it
+}
+
+void PingTarget(Channel& channel) {
+  UseLoopback();
+  qel::cQEL node;
+  WatchErrors(node, "ping target");
+  node.Initialise("target");
+  if (!node.Listen(0)) return channel.Send("fail cannot listen");
+  channel.Send(ReadyLine(node));
+  for (;;) qel::DoEvents(1000);
+}
+
+void Pinger(Channel& channel, int64_t port, const std::string& targetID) {
+  UseLoopback();
+  qel::cQEL node;
+  WatchErrors(node, "pinger");
+  node.Initialise("pinger");
+  if (!node.Connect(Address(port))) return channel.Send("fail cannot connect");
+  // Ping only knows nodes in the cache: ask the target once.
+  std::vector<qel::typNodeInfo> info = node.GetNodeInfo(targetID, false);
+  if (info.empty() || info[0].ID != targetID) return channel.Send("fail target unknown");
+  channel.Send("ready");
+  while (std::optional<std::string> line = PumpUntilCommand(channel)) {
+    if (!line->starts_with("ping ")) continue;
+    int64_t count = 0;
+    int64_t budgetMs = 0;
+    ParsePing(*line, count, budgetMs);
+    std::vector<double> rtt;
+    int failures = 0;
+    const int64_t stop = NowNs() + budgetMs * 1'000'000;
+    for (int64_t i = 0; i < count && NowNs() < stop; ++i) {
+      // Timed around the call: the returned figure is in whole milliseconds.
+      const int64_t t0 = NowNs();
+      const int32_t ms = node.Ping(targetID, 3000);
+      const int64_t t1 = NowNs();
+      if (ms < 0) {
+        ++failures;
+      } else {
+        rtt.push_back(static_cast<double>(t1 - t0));
+      }
+    }
+    channel.Send(RttReport(rtt, failures));
+  }
+}
+
+}  // namespace
+
+std::string QelSettings(bool compEnc) {
+  if (!compEnc) return {};
+  qel::cSettings settings;
+  settings.SaveSetting("useComp", true);
+  settings.SaveSetting("useEnc", true);
+  return settings.getXML();
+}
+
+Rig QelThroughputRig(bool relay, bool compEnc) {
+  Rig rig;
+  const std::string settings = QelSettings(compEnc);
+  Child& receiver = rig.Add(
+      std::make_unique<Child>("qel receiver", [settings](Channel& c) { Receiver(c, settings); }));
+  std::optional<std::string> ready = receiver.Expect("ready", kReadyTimeoutMs, &rig.failure);
+  if (!ready) return rig;
+  const std::string receiverID = Field(*ready, "id");
+  const int64_t receiverPort = FieldInt(*ready, "port");
+  rig.receiver = &receiver;
+
+  const std::string connectTo = relay ? std::string() : Address(receiverPort);
+  Child& sender = rig.Add(std::make_unique<Child>(
+      "qel sender", [=](Channel& c) { Sender(c, settings, connectTo, receiverID); }));
+  ready = sender.Expect("ready", kReadyTimeoutMs, &rig.failure);
+  if (!ready) return rig;
+  rig.sender = &sender;
+  if (!relay) return rig;
+
+  const int64_t senderPort = FieldInt(*ready, "port");
+  Child& middle = rig.Add(std::make_unique<Child>(
+      "qel relay", [=](Channel& c) { Relay(c, settings, receiverPort, senderPort); }));
+  if (!middle.Expect("ready", kReadyTimeoutMs, &rig.failure)) rig.sender = nullptr;
+  return rig;
+}
+
+Rig QelPingRig() {
+  Rig rig;
+  Child& target = rig.Add(std::make_unique<Child>("qel target", PingTarget));
+  std::optional<std::string> ready = target.Expect("ready", kReadyTimeoutMs, &rig.failure);
+  if (!ready) return rig;
+  const std::string id = Field(*ready, "id");
+  const int64_t port = FieldInt(*ready, "port");
+  Child& pinger =
+      rig.Add(std::make_unique<Child>("qel pinger", [=](Channel& c) { Pinger(c, port, id); }));
+  if (pinger.Expect("ready", kReadyTimeoutMs, &rig.failure)) rig.pinger = &pinger;
+  return rig;
+}
+
+}  // namespace qelbench

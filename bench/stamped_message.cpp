@@ -1,0 +1,23 @@
+#include "stamped_message.h"
+
+#include "core/module.h"
+#include "core/new_id.h"
+#include "core/node_access.h"
+#include "core/node_state.h"
+#include "harness.h"
+#include "routing/outgoing.h"
+
+namespace qelbench {
+
+qel::typMessage StampedMessage(qel::cQEL& node) {
+  qel::NodeState& state = *qel::TheModule().Slot(qel::detail::NodeAccess::SlotIndex(node));
+  qel::typMessage message = qel::NewMessage();
+  qel::SetField(message.Fields, "Type", qel::Variant(""));
+  qel::SetField(message.Fields, "Destination", qel::Variant(qel::NewID()));
+  message.MsgType = "MSG";
+  message.Body = Payload();
+  qel::StampMessage(state, message);
+  return message;
+}
+
+}  // namespace qelbench
