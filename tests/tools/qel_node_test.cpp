@@ -182,11 +182,16 @@ std::function<bool(const json&)> MessageIs(const std::string& text) {
 // arrives behind any copy of it on the same link, so the count is complete
 // when the marker is seen.
 TEST(QelNodeTest, MessagesCrossAMiddleProcessAndRepliesFollowTheRoute) {
-  NodeProcess a({"--name", "a", "--set", "Timeout=5000"}), c({"--name", "c"});
+  // Every hop compresses and encrypts, so the middle relays packed bodies.
+  auto packed = [](std::vector<std::string> args) {
+    args.insert(args.end(), {"--set", "useComp=True", "--set", "useEnc=True"});
+    return args;
+  };
+  NodeProcess a(packed({"--name", "a", "--set", "Timeout=5000"})), c(packed({"--name", "c"}));
   Ready ra = WaitReady(a), rc = WaitReady(c);
   ASSERT_FALSE(ra.id.empty() || rc.id.empty());
-  NodeProcess b({"--name", "b", "--connect", ra.address, "--connect", rc.address});
-  NodeProcess d({"--name", "d", "--connect", ra.address});
+  NodeProcess b(packed({"--name", "b", "--connect", ra.address, "--connect", rc.address}));
+  NodeProcess d(packed({"--name", "d", "--connect", ra.address}));
   Ready rd = WaitReady(d);
   WaitReady(b);
   ASSERT_EQ(d.WaitFor([](const json& l) { return l["command"] == "connect"; })["ok"], true);
@@ -225,6 +230,11 @@ TEST(QelNodeTest, MessagesCrossAMiddleProcessAndRepliesFollowTheRoute) {
   EXPECT_EQ(ping["ok"], true) << ping;
   EXPECT_GE(ping["value"].get<int>(), 0);
   EXPECT_GE(a.Command("stats")["value"]["OutPacketCount"].get<int>(), 3);
+  // Long repetitive bodies show that the settings took: they arrive packed.
+  const std::string longText(4000, 'x');
+  for (int i = 0; i < 4; ++i) a.Command("send " + rd.id + " " + longText);
+  for (int i = 0; i < 4; ++i) d.WaitEvent("MessageReceived", MessageIs(longText));
+  EXPECT_GT(d.Command("stats")["value"]["AvgCompression"].get<int>(), 0);
 
   // quit writes its result and then nothing more; end of input writes nothing.
   EXPECT_EQ(a.Command("quit")["ok"], true);
