@@ -100,7 +100,13 @@ void EnsurePlaceholder(FieldList& fields) {
 }  // namespace
 
 FieldList NewFieldList() {
-  return FieldList(1);
+  // Room for a stamped message's fields, so building or parsing one never
+  // regrows the list.
+  constexpr size_t kTypicalFields = 12;
+  FieldList list;
+  list.reserve(kTypicalFields);
+  list.emplace_back();
+  return list;
 }
 
 int32_t StringArray::Upper() const {

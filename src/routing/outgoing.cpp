@@ -103,17 +103,18 @@ void SendPacket(NodeState& node, typMessage& message, int32_t viaConn) {
   }
 }
 
-void ForwardPacket(NodeState& node, const typMessage& message, int32_t fromConn) {
+void ForwardPacket(NodeState& node, typMessage& message, int32_t fromConn) {
   int64_t ttl = NumberOr(FindField(message.Fields, "TTL"), 0);
   if (ttl <= 1) return;
-  typMessage copy = message;
-  SetField(copy.Fields, "TTL", Variant(ttl - 1));
-  SetField(copy.Fields, "Hops", Variant(NumberOr(FindField(message.Fields, "Hops"), 0) + 1));
-  ExtendRoute(node, copy);
-  std::string text = SerialiseMessage(copy);
+  FieldList& fields = message.Fields;
+  SetField(fields, "TTL", Variant(ttl - 1));
+  SetField(fields, "Hops", Variant(NumberOr(FindField(fields, "Hops"), 0) + 1));
+  ExtendRoute(node, message);
+  std::string text = SerialiseMessage(message);
   // Relays always flood: the split horizon and the duplicate cache are what
   // stop loops.
-  Transmit(node, text, fromConn, 0, GetSingleField(copy.Fields, "Destination"));
+  const std::string* destination = FindField(fields, "Destination");
+  Transmit(node, text, fromConn, 0, destination ? *destination : std::string());
 }
 
 }  // namespace qel

@@ -23,6 +23,6 @@ void SendPacket(NodeState& node, typMessage& message, int32_t viaConn = 0);
 // Relays a received message to every connection but the one it came in on,
 // with TTL one lower, Hops one higher and this node on its Route; the body,
 // flags and lengths stay as received. Stops at TTL 1.
-void ForwardPacket(NodeState& node, const typMessage& message, int32_t fromConn);
+void ForwardPacket(NodeState& node, typMessage& message, int32_t fromConn);
 
 }  // namespace qel

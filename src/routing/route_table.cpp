@@ -44,6 +44,16 @@ RouteTable::RouteTable(int32_t maxRoutes) : maxRoutes_(std::max(maxRoutes, 0)), 
 
 void RouteTable::Learn(std::string_view route, std::string_view selfId) {
   if (!Enabled() || route.empty()) return;
+  // A stream along one path finds its route in front already: it would be
+  // promoted to where it is, so skip building the search.
+  if (entries_.size() > 1) {
+    std::string_view first = entries_[1];
+    if (first.size() > route.size() + selfId.size() && first.starts_with(route) &&
+        first.substr(route.size()).starts_with(selfId) &&
+        first[route.size() + selfId.size()] == ',') {
+      return;
+    }
+  }
   std::string full;
   full.reserve(route.size() + selfId.size() + 1);
   full.append(route).append(selfId).push_back(',');
