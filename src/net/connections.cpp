@@ -1,6 +1,9 @@
 #include "net/connections.h"
 
+#include <algorithm>
+
 #include <qel/error.h>
+#include <qel/event_loop.h>
 #include <qel/variant.h>
 
 #include "core/events.h"
@@ -62,6 +65,7 @@ int32_t Connections::GetFreeSocket(NodeState& node) {
   c.Maintain = false;
   c.Partial = MessageFeeder({.maxHeader = 65536, .maxMessage = node.maxMessage});
   c.inbox.clear();
+  c.backlogFull = false;
   ++c.generation;
   Attach(index);
   return index;
@@ -185,6 +189,7 @@ bool Connections::ConnectTo(NodeState& node, const std::string& address, bool ma
   const uint64_t generation = c.generation;
   c.Partial.Reset();
   c.inbox.clear();
+  c.backlogFull = false;
   c.sck->Connect(std::string(Trim(host)), static_cast<uint16_t>(port));
   RunUntil(
       [&] {
@@ -202,6 +207,7 @@ void Connections::CloseConnection(int32_t index, bool stopMaintaining) {
   Connection& c = *conns_[index];
   if (c.sck->State() == SocketState::Closed) return;
   if (stopMaintaining) c.Maintain = false;
+  c.backlogFull = false;
   c.sck->Close();
   auto node = Lock(c.Owner);
   if (!node) return;
@@ -250,11 +256,41 @@ int32_t Connections::ConnectionOfNode(std::string_view nodeID) const {
 
 void Connections::Write(int32_t index, std::string_view text) {
   if (!IsConnected(index)) return;
+  Connection& c = *conns_[index];
+  if (c.backlogFull) return;
   if (TheModule().Debug.Enabled()) {
     DebugLine("<< OUTGOING <<<<<<<<<<");
     DebugLine(text);
   }
-  conns_[index]->sck->Send(text);
+  c.sck->Send(text);
+  // A peer that stops reading must not make this process hold everything
+  // the network sends its way. Room for two whole messages of the largest
+  // size plus a header keeps every legitimate burst.
+  auto node = Lock(c.Owner);
+  if (!node) return;
+  const size_t limit = 2 * static_cast<size_t>(std::max<int64_t>(node->maxMessage, 0)) + 65536;
+  if (c.sck->QueuedBytes() <= limit) return;
+  c.backlogFull = true;
+  // Closed from the loop: the writer may be in the middle of a flood or a
+  // handler, and closing raises events.
+  Post([this, index, generation = c.generation, limit] {
+    CloseBacklogged(index, generation, limit);
+  });
+}
+
+void Connections::CloseBacklogged(int32_t index, uint64_t generation, size_t limit) {
+  Connection& c = *conns_[index];
+  if (c.generation != generation || !c.backlogFull) return;
+  c.backlogFull = false;
+  if (c.sck->State() != SocketState::Connected) return;
+  if (auto node = Lock(c.Owner)) {
+    std::string peer = c.Address.empty() ? c.sck->RemoteHost() : c.Address;
+    ReportError(*node, "Connection to " + peer + " closed: more than " + std::to_string(limit) +
+                           " bytes waiting to be sent");
+    // The handler may have shut the node down or closed the link itself.
+    if (!node->Owner || c.generation != generation) return;
+  }
+  CloseConnection(index, false);
 }
 
 void Connections::WriteToAllExcept(int32_t except, std::string_view text) {

@@ -30,6 +30,9 @@ struct Connection {
   std::deque<typMessage> inbox;
   uint64_t generation = 0;  // bumped whenever the element is taken again
   int draining = 0;         // nesting depth of OnData: the element must not be taken again
+  // The peer stopped reading and the queue passed its limit: nothing more is
+  // queued and the connection is about to close.
+  bool backlogFull = false;
 };
 
 class Connections {
@@ -73,6 +76,7 @@ class Connections {
   void OnData(int32_t index, uint64_t generation, std::string_view data);
   void OnAccept(size_t listener, std::unique_ptr<Socket> socket);
   void UpkeepTick();
+  void CloseBacklogged(int32_t index, uint64_t generation, size_t limit);
 
   struct ListenerEntry {
     std::unique_ptr<Listener> sck;

@@ -2,6 +2,11 @@
 // carries on.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <random>
 
 #include <qel/qel.h>
@@ -19,14 +24,15 @@ constexpr int64_t kDeadlineMs = 10000;
 struct Target {
   cQEL node;
   std::vector<std::string> errors, messages;
-  int closed = 0;
-  Target() {
+  int closed = 0, accepted = 0;
+  explicit Target(const std::string& advancedSettings = "") {
     node.Error = [this](std::string& text, std::string&) { errors.push_back(text); };
     node.MessageReceived = [this](std::string& text, std::string&, std::string&) {
       messages.push_back(text);
     };
     node.ConnectionClosed = [this](std::string&, std::string&) { ++closed; };
-    node.Initialise("target");
+    node.ConnectionEstab = [this](std::string&) { ++accepted; };
+    node.Initialise("target", 0, role_Peer, "", "", advancedSettings);
     EXPECT_TRUE(node.Listen());
   }
 };
@@ -84,6 +90,44 @@ TEST(HostilePeerTest, UndecodableBodiesAreDroppedAndTheConnectionStays) {
   EXPECT_NE(target.errors[0].find("original length is above"), std::string::npos);
   EXPECT_NE(target.errors[1].find("does not decompress"), std::string::npos);
   EXPECT_FALSE(peer.closedByNode);
+}
+
+TEST(HostilePeerTest, APeerThatStopsReadingIsCutOffOnceItsQueueIsFull) {
+  cSettings small;
+  small.SaveSetting("maxMessage", 100000);
+  Target target(small.getXML());
+  RawPeer calm(target);
+  size_t calmBytes = 0;
+  calm.socket.SetHandlers({.onData = [&](std::string_view d) { calmBytes += d.size(); },
+                           .onPeerClosed = [&] { calm.closedByNode = true; }});
+
+  // Connects and never reads, with a small receive window.
+  int stuck = socket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_GE(stuck, 0);
+  int window = 4096;
+  setsockopt(stuck, SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
+  sockaddr_in to{.sin_family = AF_INET, .sin_port = htons(target.node.ListenPort())};
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(connect(stuck, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+  ASSERT_TRUE(RunUntil([&] { return target.accepted == 2; }, kDeadlineMs));
+
+  const std::string chunk(50000, 'z');
+  for (int i = 0; i < 2000 && target.errors.empty(); ++i) {
+    target.node.SendMessage(chunk, "BROADCAST");
+    DoEvents(0);
+  }
+  ASSERT_TRUE(RunUntil([&] { return target.closed == 1; }, kDeadlineMs)) << target.errors.size();
+  ASSERT_EQ(target.errors.size(), 1u);
+  EXPECT_TRUE(target.errors[0].starts_with("Connection to 127.0.0.1 closed: more than 265536 "
+                                           "bytes waiting to be sent"))
+      << target.errors[0];
+  close(stuck);
+
+  // The reader was never held back and still gets what follows.
+  const size_t before = calmBytes;
+  target.node.SendMessage("after", "BROADCAST");
+  ASSERT_TRUE(RunUntil([&] { return calmBytes > before; }, kDeadlineMs));
+  EXPECT_FALSE(calm.closedByNode);
 }
 
 TEST(HostilePeerTest, RandomBytesNeverBringTheNodeDown) {
