@@ -51,7 +51,7 @@ struct NodeState : std::enable_shared_from_this<NodeState> {
   RouteTable Routes;
 
   // Nodes that answered this node's questions; position 0 is unused.
-  std::vector<NodeEntry> NodeCache = std::vector<NodeEntry>(1);
+  NodeTable NodeCache;
 
   // Sharing.
   std::vector<typSharedFolder> SharedFolders;

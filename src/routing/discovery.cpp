@@ -78,11 +78,7 @@ void SendInfo(NodeState& node, const std::string& destination, int32_t viaConn) 
 }
 
 int32_t FindCachedNode(const NodeState& node, const std::string& id) {
-  if (id.empty()) return -1;
-  for (size_t i = 0; i < node.NodeCache.size(); ++i) {
-    if (node.NodeCache[i].ID == id) return static_cast<int32_t>(i);
-  }
-  return -1;
+  return node.NodeCache.Find(id);
 }
 
 int32_t FindKnownNode(const std::string& id) {
@@ -102,7 +98,7 @@ std::string KnownKey(const NodeState& node, const std::string& nodeID) {
 std::vector<typNodeInfo> QueryNodes(NodeState& node, const std::string& destination,
                                     bool useCached) {
   if (destination == "BROADCAST") {
-    node.NodeCache.assign(1, NodeEntry{});
+    node.NodeCache.Clear();
     typMessage whois = MakeMessage("WHOIS", "BROADCAST");
     SendPacket(node, whois);
     // Any number of nodes may answer, so the wait always runs to its end.
@@ -158,11 +154,7 @@ void OnWhois(NodeState& node, const typMessage& message) {
 
 void OnInfo(NodeState& node, const typMessage& message, int32_t conn) {
   const std::string sender = GetSingleField(message.Fields, "Source");
-  int32_t index = FindCachedNode(node, sender);
-  if (index < 0) {
-    node.NodeCache.push_back({});
-    index = static_cast<int32_t>(node.NodeCache.size()) - 1;
-  }
+  const int32_t index = node.NodeCache.FindOrAdd(sender);
   cSettings body;
   try {
     body.LoadXML(message.Body);

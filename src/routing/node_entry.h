@@ -2,7 +2,10 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 
 #include <qel/types.h>
 
@@ -26,6 +29,37 @@ struct NodeEntry {
   typNodeInfo ToNodeInfo() const {
     return {ID, Name, Role, Descriptor, directConn, Address, sharingFiles, activeUser};
   }
+};
+
+// A node's answers, in the order they first came; position 0 is unused.
+// Lookups by ID are O(1). Peers choose the IDs, so the table is bounded:
+// once full, the oldest entry makes room for a new one.
+class NodeTable {
+ public:
+  static constexpr size_t kMaxEntries = 4096;
+
+  NodeTable() : entries_(1) {}
+
+  size_t size() const { return entries_.size(); }
+  NodeEntry& operator[](size_t position) { return entries_[position]; }
+  const NodeEntry& operator[](size_t position) const { return entries_[position]; }
+  auto begin() const { return entries_.begin(); }
+  auto end() const { return entries_.end(); }
+
+  // The position of the entry for id, or -1 (also for an empty id).
+  int32_t Find(std::string_view id) const;
+  // The position of the entry for id, appended (with ID set) when absent.
+  // An empty id gets a fresh entry each time, as nothing can find it again.
+  int32_t FindOrAdd(const std::string& id);
+  // Back to no entries.
+  void Clear();
+
+ private:
+  std::deque<NodeEntry> entries_;
+  // ID -> serial number of its entry; position = serial - dropped_ + 1.
+  std::unordered_map<std::string, uint64_t> index_;
+  uint64_t added_ = 0;
+  uint64_t dropped_ = 0;
 };
 
 }  // namespace qel
