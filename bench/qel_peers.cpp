@@ -84,6 +84,9 @@ void Sender(Channel& channel, const std::string& settings, const std::string& co
   UseLoopback();
   qel::cQEL node;
   WatchErrors(node, "sender");
+  // Accepting does not set isConnected, so a listening sender counts its links.
+  bool linked = !connectTo.empty();
+  node.ConnectionEstab = [&](std::string&) { linked = true; };
   node.Initialise("sender", 0, qel::role_Peer, "", "", settings);
   if (connectTo.empty() ? !node.Listen(0) : !node.Connect(connectTo)) {
     return channel.Send("fail cannot listen or connect");
@@ -95,8 +98,8 @@ void Sender(Channel& channel, const std::string& settings, const std::string& co
     const int64_t n = std::atoll(line->c_str() + 5);
     // A relay dials a listening sender on its own schedule.
     const int64_t deadline = NowNs() + 10'000'000'000;
-    while (!node.isConnected() && NowNs() < deadline) qel::DoEvents(10);
-    if (!node.isConnected()) {
+    while (!linked && NowNs() < deadline) qel::DoEvents(10);
+    if (!linked) {
       channel.Send("fail not connected");
       continue;
     }

@@ -216,7 +216,7 @@ bool cQEL::DisconnectFrom(const std::string& strServer, bool isNodeID) {
   auto node = Enter(*this);
   try {
     if (!node->Connected) return false;
-    std::string target = isNodeID ? ResolveAddress(*node, strServer) : strServer;
+    std::string target = isNodeID ? KnownAddress(*node, strServer) : strServer;
     if (target.empty()) return false;
     return Connections::Get().CloseAddress(target);
   } catch (...) {

@@ -167,7 +167,8 @@ void Connections::OnAccept(size_t listener, std::unique_ptr<Socket> socket) {
   int32_t index = GetFreeSocket(*node);
   conns_[index]->sck = std::move(socket);
   Attach(index);
-  UpdateConnected(*node);
+  // The Connected flag is not updated here: classic nodes set it only when a
+  // connection of their own completes or any of theirs closes.
   RaiseConnectionEstab(*node, source);
 }
 
@@ -321,8 +322,10 @@ bool Connections::CloseAddress(const std::string& address) {
   bool any = false;
   for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
     if (conns_[i]->Address == address) {
+      // Every element with the address counts, also one closed already (a
+      // maintained link waiting to be re-dialled, say), as classic nodes count.
       conns_[i]->Maintain = false;
-      if (conns_[i]->sck->State() != SocketState::Closed) any = true;
+      any = true;
       CloseConnection(i, true);
     }
   }

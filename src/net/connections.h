@@ -66,7 +66,8 @@ class Connections {
   bool CloseListeners(NodeState& node);
   // Closes every connection node owns.
   void CloseOwnedBy(NodeState& node);
-  // Closes every connection to address, whoever owns it; true when one was.
+  // Closes every connection to address, whoever owns it, and stops
+  // maintaining it; true when any element held that address.
   bool CloseAddress(const std::string& address);
 
  private:

@@ -127,7 +127,7 @@ bool ParseHeader(typMessage& message) {
   } else {
     bool failed = false;
     message.Resource = DecodePath(std::string(resource), &failed);
-    if (failed) return false;
+    message.ResourceUndecodable = failed;
     if (message.Resource.empty() || message.Resource.front() != '\\') {
       message.Resource.insert(message.Resource.begin(), '\\');
     }

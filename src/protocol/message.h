@@ -25,6 +25,9 @@ struct typMessage {
   // The start line's middle token; empty for most types.
   std::string Resource;
   FieldList Fields = NewFieldList();
+  // While receiving: the resource had an escape that is not hexadecimal; it
+  // reads "\" and the receiver reports the fault.
+  bool ResourceUndecodable = false;
 };
 
 // An empty message; every producer starts from one.
@@ -39,12 +42,12 @@ void SerialiseMessage(const typMessage& message, std::string& out);
 std::string SerialiseMessage(const typMessage& message);
 
 // Parses message.Header (a complete header, CR LF line ends) into MsgType
-// (upper-cased), Resource (percent-decoded by DecodePath, with a leading "\")
-// and Fields; each header line goes through the rules of SetField, so a
-// repeated name overwrites the first value in place. Returns false for a
-// malformed header: a start line without a space, a header line without
-// ": ", a resource DecodePath refuses, or a line SetField would refuse (a name
-// that also arrived as an array). Never throws on peer input; the message is
+// (upper-cased), Resource (percent-decoded by DecodePath, with a leading "\";
+// just "\" with ResourceUndecodable set when DecodePath refuses it) and
+// Fields; each header line goes through the rules of SetField, so a repeated
+// name overwrites the first value in place. Returns false for a malformed
+// header: a start line without a space, a header line without ": ", or a line
+// SetField would refuse (a name that also arrived as an array). Never throws on peer input; the message is
 // then half filled and is to be dropped.
 bool ParseHeader(typMessage& message);
 

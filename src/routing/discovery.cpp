@@ -127,6 +127,14 @@ std::string ResolveAddress(NodeState& node, const std::string& nodeID) {
   return found.empty() ? std::string() : found[0].Address;
 }
 
+std::string KnownAddress(const NodeState& node, const std::string& nodeID) {
+  if (int32_t cached = FindCachedNode(node, nodeID); cached >= 0) {
+    return node.NodeCache[cached].Address;
+  }
+  int32_t known = FindKnownNode(nodeID);
+  return known >= 0 ? TheModule().NodeInfoList[known].Address : std::string();
+}
+
 int32_t PingNode(NodeState& node, const std::string& nodeID, int32_t timeoutMs) {
   int32_t index = FindCachedNode(node, nodeID);
   if (index < 0) {

@@ -36,6 +36,10 @@ int32_t FindKnownNode(const std::string& id);
 // The address discovery knows for a node identifier (asking when needed).
 std::string ResolveAddress(NodeState& node, const std::string& nodeID);
 
+// The address already known for nodeID (this node's answers first, then the
+// process-wide list), without asking the network; "" when unknown.
+std::string KnownAddress(const NodeState& node, const std::string& nodeID);
+
 // Milliseconds from PING to PONG, or -1 after timeoutMs.
 int32_t PingNode(NodeState& node, const std::string& nodeID, int32_t timeoutMs);
 

@@ -49,6 +49,11 @@ typMessage MakeConfirm(const std::string& destination, const std::string& id) {
 }
 
 void ProcessMessage(NodeState& node, typMessage&& message, int32_t conn) {
+  if (message.ResourceUndecodable) {
+    // The resource is read as "\"; the message itself goes on.
+    ReportError(node, "Error 13: Type mismatch");
+    if (!node.Owner) return;
+  }
   auto& stats = TheModule().Statistics;
   ++stats.InPacketsAcc;
   ++stats.InPacketCount;
@@ -64,6 +69,7 @@ void ProcessMessage(NodeState& node, typMessage&& message, int32_t conn) {
   // Relays carry the body as it arrived, so keep it when it is decoded here.
   std::string rawBody;
   bool keptRaw = false;
+  bool decoded = true;
   if (forMe) {
     try {
       if (exact && HasFlag(message, "C")) {
@@ -80,16 +86,18 @@ void ProcessMessage(NodeState& node, typMessage&& message, int32_t conn) {
         if (outcome.result == DecodeResult::Ok && outcome.compressed) {
           stats.RecordCompression(outcome.contentLength, outcome.originalLength);
         } else if (outcome.result != DecodeResult::Ok) {
+          // Not delivered here; learning its route and relaying it (as it
+          // arrived) go on as for any other message.
+          decoded = false;
           ReportError(node,
                       "Message " + id + " from " + source + " dropped: " +
                           (outcome.result == DecodeResult::TooLarge
                                ? "its original length is above " + std::to_string(node.maxMessage)
                                : std::string("its body does not decompress")),
                       source);
-          return;
         }
       }
-      Dispatch(node, message, conn, source, !exact && !keptRaw);
+      if (decoded) Dispatch(node, message, conn, source, !exact && !keptRaw);
     } catch (...) {
       ReportCurrentFault(node);
     }

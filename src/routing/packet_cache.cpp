@@ -8,6 +8,9 @@ namespace qel {
 PacketCache::PacketCache(int32_t capacity) : capacity_(std::max(capacity, 0)) {}
 
 bool PacketCache::Contains(std::string_view id) const {
+  // Positions not filled yet hold the empty ID, so a message without one
+  // counts as seen until the window is full.
+  if (id.empty() && ring_.size() < static_cast<size_t>(capacity_)) return true;
   return index_.find(id) != index_.end();
 }
 

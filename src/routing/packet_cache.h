@@ -21,7 +21,8 @@ class PacketCache {
   // with the IDs added, never with capacity alone.
   explicit PacketCache(int32_t capacity = 0);
 
-  // Whether id is among the IDs held.
+  // Whether id is among the IDs held; the empty ID also while fewer than
+  // Capacity() IDs were added, as the unfilled positions hold it.
   bool Contains(std::string_view id) const;
 
   // Adds id as the newest; once more than Capacity() are held the oldest

@@ -49,11 +49,18 @@ TEST(MessageParseTest, ReadsStartLineResourceAndFields) {
 
 TEST(MessageParseTest, RefusesMalformedHeaders) {
   for (const char* bad : {"PING\r\n\r\n", "MSG  QEL/2.1\r\nTTL 5\r\n\r\n",
-                          "MSG  QEL/2.1\r\nTTL:5\r\n\r\n", "GET %zz QEL/2.1\r\n\r\n",
+                          "MSG  QEL/2.1\r\nTTL:5\r\n\r\n",
                           // SetField would throw here; a peer's header must not.
                           "MSG  QEL/2.1\r\nX-Max: 2\r\nX: 1\r\n\r\n"}) {
     Parsed(bad, false);
   }
+  // A resource that does not decode is not malformed: it reads "\" and is
+  // flagged for the receiver to report.
+  typMessage get = Parsed("GET %41%zz QEL/2.1\r\nTTL: 3\r\n\r\n");
+  EXPECT_EQ(get.Resource, "\\");
+  EXPECT_TRUE(get.ResourceUndecodable);
+  EXPECT_EQ(GetSingleField(get.Fields, "TTL"), "3");
+  EXPECT_FALSE(Parsed("GET %41 QEL/2.1\r\n\r\n").ResourceUndecodable);
 }
 
 // ParseHeader stores lines itself for speed; it must agree with SetField,

@@ -44,15 +44,17 @@ struct RawPeer {
   explicit RawPeer(Target& target) {
     socket.SetHandlers({.onConnected = [this] { connected = true; },
                         .onPeerClosed = [this] { closedByNode = true; }});
+    const int before = target.accepted;
     socket.Connect("127.0.0.1", static_cast<uint16_t>(target.node.ListenPort()));
-    EXPECT_TRUE(RunUntil([&] { return connected && target.node.isConnected(); }, kDeadlineMs));
+    EXPECT_TRUE(RunUntil([&] { return connected && target.accepted > before; }, kDeadlineMs));
   }
 };
 
 std::string Message(const std::string& body, const std::string& extraFields = "",
-                    const std::string& id = "") {
+                    const std::string& id = "", int ttl = 1) {
   static int counter = 0;
-  return "MSG  QEL/2.1\r\nDestination: BROADCAST\r\nSource: RAW\r\nTTL: 1\r\nID: RAW" +
+  return "MSG  QEL/2.1\r\nDestination: BROADCAST\r\nSource: RAW\r\nTTL: " +
+         std::to_string(ttl) + "\r\nID: RAW" +
          (id.empty() ? std::to_string(++counter) : id) + "\r\n" + extraFields +
          "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
@@ -78,7 +80,9 @@ TEST(HostilePeerTest, OverlongHeaderOrBodyClosesOnlyThatConnection) {
 
 TEST(HostilePeerTest, UndecodableBodiesAreDroppedAndTheConnectionStays) {
   Target target;
-  RawPeer peer(target);
+  RawPeer peer(target), watcher(target);
+  std::string relayed;
+  watcher.socket.SetHandlers({.onData = [&](std::string_view d) { relayed.append(d); }});
   std::string packed = "payload";
   CompressBody(packed);
   peer.socket.Send(Message(packed, "Flags: Z,\r\nOriginal-Length: 99999999999\r\n"));
@@ -89,6 +93,23 @@ TEST(HostilePeerTest, UndecodableBodiesAreDroppedAndTheConnectionStays) {
   ASSERT_EQ(target.errors.size(), 2u);
   EXPECT_NE(target.errors[0].find("original length is above"), std::string::npos);
   EXPECT_NE(target.errors[1].find("does not decompress"), std::string::npos);
+
+  // Not delivered here, but relayed as it came.
+  peer.socket.Send(
+      Message("not zlib either", "Flags: Z,\r\nOriginal-Length: 10\r\n", "CORRUPT", 2));
+  ASSERT_TRUE(RunUntil([&] { return relayed.find("not zlib either") != std::string::npos; },
+                       kDeadlineMs));
+  EXPECT_NE(relayed.find("ID: RAWCORRUPT"), std::string::npos);
+  EXPECT_EQ(target.errors.size(), 3u);
+  target.errors.pop_back();
+
+  // A resource that does not decode is reported, and the message still counts.
+  peer.socket.Send("MSG %zz QEL/2.1\r\nDestination: BROADCAST\r\nSource: RAW\r\nTTL: 1\r\n"
+                   "ID: RAWRES\r\nContent-Length: 5\r\n\r\nafter");
+  ASSERT_TRUE(RunUntil([&] { return target.messages.size() == 2; }, kDeadlineMs));
+  EXPECT_EQ(target.messages[1], "after");
+  ASSERT_EQ(target.errors.size(), 3u);
+  EXPECT_EQ(target.errors[2], "Error 13: Type mismatch");
   EXPECT_FALSE(peer.closedByNode);
 }
 
