@@ -109,6 +109,38 @@ TEST(WireTest, MessagesWithBodies) {
   EXPECT_LT(packed.Body.size(), 200u);
   ASSERT_EQ(DecodeBody(packed, "blankey", "", 1 << 20).result, DecodeResult::Ok);
   EXPECT_EQ(packed.Body, std::string(200, 'x'));
+
+  // A destination whose key is known gets the body encrypted with that key.
+  node->useComp = node->confirmMode = false;
+  node->NodeCache[node->NodeCache.FindOrAdd(kPeer)].EncryptionKey = "PEERKEY";
+  typMessage keyed = NewMessage();
+  keyed.MsgType = "MSG";
+  SetField(keyed.Fields, "Destination", Variant(kPeer));
+  keyed.Body = "hello";
+  text = Stamped(*node, keyed);
+  EXPECT_EQ(text, Header("MSG  QEL/2.1", "", kPeer, "Flags: KE,\r\nContent-Length: 5\r\n") +
+                      keyed.Body);
+  EXPECT_NE(keyed.Body, "hello");
+  ASSERT_EQ(DecodeBody(keyed, "blankey", "PEERKEY", 1 << 20).result, DecodeResult::Ok);
+  EXPECT_EQ(keyed.Body, "hello");
+}
+
+TEST(WireTest, ResourcesAreEscapedAndBodilessMessagesCarryOnlyTheConfirmFlag) {
+  auto node = MakeNode();
+  node->useEnc = node->useComp = node->confirmMode = true;
+  typMessage get = MakeMessage("GET", kPeer);
+  get.Resource = "\\my docs\\a b.txt";
+  EXPECT_EQ(Stamped(*node, get),
+            Header("GET \\my%20docs\\a%20b.txt QEL/2.1", "", kPeer, "Flags: C,\r\n"));
+
+  node->useEnc = node->confirmMode = false;
+  typMessage msg = MakeMessage("MSG", "BROADCAST");
+  msg.Body = "zz";
+  std::string text = Stamped(*node, msg);
+  EXPECT_EQ(text.substr(0, text.size() - msg.Body.size()),
+            Header("MSG  QEL/2.1", "", "BROADCAST",
+                   "Flags: Z,\r\nOriginal-Length: 2\r\nContent-Length: " +
+                       std::to_string(msg.Body.size()) + "\r\n"));
 }
 
 }  // namespace
