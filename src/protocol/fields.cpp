@@ -188,7 +188,19 @@ void SetField(FieldList& fields, std::string_view name, const FieldValue& value)
 void AppendField(FieldList& fields, std::string_view name, std::string_view value,
                  std::string_view separator) {
   // A name holding an array is refused by SetField, so the single value is
-  // all there is to extend.
+  // all there is to extend. A value already there grows in place: relays
+  // extend every Route they pass on.
+  typField* current = FindMutable(fields, name);
+  if (current && !current->Value.empty() && !HoldsArray(fields, name)) {
+    std::string& text = current->Value;
+    const size_t before = text.size();
+    text.append(value).append(separator);
+    if (HasNewLine(std::string_view(text).substr(before - 1))) {
+      text.resize(before);
+      ThrowNewLine("SetField");
+    }
+    return;
+  }
   std::string text = GetSingleField(fields, name);
   text.append(value).append(separator);
   SetField(fields, name, Variant(std::move(text)));

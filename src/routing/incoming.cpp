@@ -57,15 +57,21 @@ void ProcessMessage(NodeState& node, typMessage&& message, int32_t conn) {
   auto& stats = TheModule().Statistics;
   ++stats.InPacketsAcc;
   ++stats.InPacketCount;
-  const std::string id = GetSingleField(message.Fields, "ID");
-  const std::string destination = GetSingleField(message.Fields, "Destination");
-  const std::string source = GetSingleField(message.Fields, "Source");
+  // Views into the fields: nothing changes them before the relay step, and a
+  // relay needs no copies of its own.
+  auto view = [&message](std::string_view name) {
+    const std::string* value = FindField(message.Fields, name);
+    return value ? std::string_view(*value) : std::string_view();
+  };
+  const std::string_view id = view("ID");
+  const std::string_view destination = view("Destination");
   if (node.SeenIDs.Contains(id)) return;
-  node.SeenIDs.Add(id);
+  node.SeenIDs.Add(std::string(id));
 
   const bool exact = !node.NodeID.empty() && destination == node.NodeID;
   const bool forMe = destination == "BROADCAST" ||
                      (!node.NodeID.empty() && destination.find(node.NodeID) != std::string::npos);
+  const std::string source = forMe ? std::string(view("Source")) : std::string();
   // Relays carry the body as it arrived, so keep it when it is decoded here.
   std::string rawBody;
   bool keptRaw = false;
@@ -73,7 +79,7 @@ void ProcessMessage(NodeState& node, typMessage&& message, int32_t conn) {
   if (forMe) {
     try {
       if (exact && HasFlag(message, "C")) {
-        typMessage confirm = MakeConfirm(source, id);
+        typMessage confirm = MakeConfirm(source, std::string(id));
         SendPacket(node, confirm);
       }
       if (!message.Body.empty()) {
@@ -90,7 +96,7 @@ void ProcessMessage(NodeState& node, typMessage&& message, int32_t conn) {
           // arrived) go on as for any other message.
           decoded = false;
           ReportError(node,
-                      "Message " + id + " from " + source + " dropped: " +
+                      "Message " + std::string(id) + " from " + source + " dropped: " +
                           (outcome.result == DecodeResult::TooLarge
                                ? "its original length is above " + std::to_string(node.maxMessage)
                                : std::string("its body does not decompress")),
@@ -103,7 +109,7 @@ void ProcessMessage(NodeState& node, typMessage&& message, int32_t conn) {
     }
     if (!node.Owner) return;  // a handler shut the node down
   }
-  node.Routes.Learn(GetSingleField(message.Fields, "Route"), node.NodeID);
+  node.Routes.Learn(view("Route"), node.NodeID);
   if (!exact) {
     if (keptRaw) message.Body = std::move(rawBody);
     ForwardPacket(node, message, conn);
