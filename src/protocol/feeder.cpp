@@ -37,12 +37,18 @@ MessageFeeder::StepResult MessageFeeder::TakeHeader(std::string_view& data) {
     Reset();
     return StepResult::HeaderTooLong;
   }
-  current_.Header.append(data.substr(0, take));
+  if (end == std::string_view::npos) {
+    current_.Header.append(data);
+    data.remove_prefix(take);
+    return StepResult::NeedMore;
+  }
+  // A header that arrived in one piece is parsed where it lies, uncopied.
+  const std::string_view whole =
+      current_.Header.empty() ? data.substr(0, take) : current_.Header.append(data.substr(0, take));
   data.remove_prefix(take);
-  if (end == std::string_view::npos) return StepResult::NeedMore;
 
   current_.HeaderDone = true;
-  if (!ParseHeader(current_)) {
+  if (!ParseHeader(current_, whole)) {
     ++malformed_;
     Reset();
     return StepResult::Dropped;

@@ -112,7 +112,11 @@ std::string SerialiseMessage(const typMessage& message) {
 }
 
 bool ParseHeader(typMessage& message) {
-  std::string_view rest = message.Header;
+  return ParseHeader(message, message.Header);
+}
+
+bool ParseHeader(typMessage& message, std::string_view header) {
+  std::string_view rest = header;
   size_t end = rest.find(kCrLf);
   std::string_view startLine = rest.substr(0, end);
   rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + kCrLf.size());

@@ -50,6 +50,8 @@ std::string SerialiseMessage(const typMessage& message);
 // SetField would refuse (a name that also arrived as an array). Never throws on peer input; the message is
 // then half filled and is to be dropped.
 bool ParseHeader(typMessage& message);
+// The same for a header given separately, which message.Header need not hold.
+bool ParseHeader(typMessage& message, std::string_view header);
 
 // True when the upper-cased "Flags" value contains flag, upper-cased, followed
 // by a comma. A plain substring test: no flag word ends in another.
