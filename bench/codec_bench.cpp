@@ -5,7 +5,7 @@
 
 #include <qel/node.h>
 
-#include "core/node_state.h"
+#include "node/node_state.h"
 #include "protocol/body.h"
 #include "protocol/feeder.h"
 #include "routing/incoming.h"

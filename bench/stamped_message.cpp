@@ -1,10 +1,10 @@
 #include "stamped_message.h"
 
-#include "core/module.h"
 #include "core/new_id.h"
-#include "core/node_access.h"
-#include "core/node_state.h"
 #include "harness.h"
+#include "node/module.h"
+#include "node/node_access.h"
+#include "node/node_state.h"
 #include "routing/outgoing.h"
 
 namespace qelbench {

@@ -3,27 +3,19 @@
 #include <cstdio>
 
 #include <qel/debug.h>
-#include <qel/variant.h>
-#include <qel/version.h>
-
-#include "core/module.h"
 
 namespace qel {
 
-void DebugLog::CheckDebugMode(const UserSettings& store, const std::string& localAddress) {
+DebugLog& TheDebugLog() {
+  static DebugLog* log = new DebugLog;  // node objects may outlive statics
+  return *log;
+}
+
+void DebugLog::Open(std::string firstLine) {
   if (enabled_) return;
-  bool on = false;
-  try {
-    on = Variant(store.Get("debug", "enabled", "False")).toBool();
-  } catch (const std::exception&) {
-    on = false;  // an unreadable switch means off
-  }
-  if (!on) return;
   enabled_ = true;
-  text_ = "Entered QEL Debug Mode " + Variant::Now().toString();
+  text_ = std::move(firstLine);
   std::fprintf(stderr, "%s\n", text_.c_str());
-  Write(std::string("QEL Version ") + QEL_VERSION_STRING);
-  Write("Local Address: " + localAddress + "\r\n");
 }
 
 void DebugLog::Write(std::string_view line) {
@@ -40,7 +32,7 @@ void DebugLog::Write(std::string_view line) {
 }
 
 std::string DebugLogText() {
-  return TheModule().Debug.Text();
+  return TheDebugLog().Text();
 }
 
 }  // namespace qel

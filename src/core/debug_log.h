@@ -5,8 +5,6 @@
 #include <string>
 #include <string_view>
 
-#include "core/user_settings.h"
-
 namespace qel {
 
 class DebugLog {
@@ -15,9 +13,9 @@ class DebugLog {
 
   bool Enabled() const { return enabled_; }
 
-  // Turns the log on when the per-user setting "enabled" in section "debug"
-  // says so; once on it stays on. Writes the opening lines.
-  void CheckDebugMode(const UserSettings& store, const std::string& localAddress);
+  // Turns the log on with firstLine as its text (mirrored to stderr); once
+  // on it stays on.
+  void Open(std::string firstLine);
 
   // Appends one line. Callers test Enabled() first.
   void Write(std::string_view line);
@@ -31,5 +29,13 @@ class DebugLog {
   bool enabled_ = false;
   std::string text_;
 };
+
+// The log of the process, shared by every node.
+DebugLog& TheDebugLog();
+
+// Writes line when the log is on.
+inline void DebugLine(std::string_view line) {
+  if (TheDebugLog().Enabled()) TheDebugLog().Write(line);
+}
 
 }  // namespace qel

@@ -26,6 +26,11 @@ int16_t RoundToInt16(double value) {
 
 }  // namespace
 
+Stats& TheStats() {
+  static Stats* stats = new Stats;
+  return *stats;
+}
+
 bool Stats::Tick(int32_t intervalMs) {
   if (intervalMs <= 0) return false;
   const int64_t factor = RoundToInt16(1000.0 / intervalMs);

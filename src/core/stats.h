@@ -35,4 +35,7 @@ struct Stats {
   int16_t AvgCompression() const;
 };
 
+// The counters of the process, shared by every node.
+Stats& TheStats();
+
 }  // namespace qel

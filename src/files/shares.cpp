@@ -3,7 +3,6 @@
 #include <filesystem>
 #include <system_error>
 
-#include "core/node_state.h"
 #include "core/text.h"
 
 namespace qel {
@@ -13,7 +12,7 @@ std::string LastPathPart(const std::string& path) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-void ShareFolder(NodeState& node, std::string strPath) {
+void ShareFolder(std::vector<typSharedFolder>& folders, bool& sharing, std::string strPath) {
   if (Trim(strPath).empty()) return;
   std::error_code ec;
   // A file as well as a folder passes this test, as the share lookup of the
@@ -29,12 +28,12 @@ void ShareFolder(NodeState& node, std::string strPath) {
     folder.Name = LastPathPart(strPath);
   }
   // The table keeps an empty entry 0 until the first folder is shared.
-  if (!node.SharingFiles) {
-    node.SharedFolders.assign(1, folder);
+  if (!sharing) {
+    folders.assign(1, folder);
   } else {
-    node.SharedFolders.push_back(folder);
+    folders.push_back(folder);
   }
-  node.SharingFiles = true;
+  sharing = true;
 }
 
 }  // namespace qel

@@ -6,17 +6,16 @@
 
 namespace qel {
 
-struct NodeState;
-
 // A shared folder: its local path and the name it is offered under.
 struct typSharedFolder {
   std::string Path;
   std::string Name;
 };
 
-// Adds strPath to the node's share table. A blank path or one that does not
-// exist is ignored silently.
-void ShareFolder(NodeState& node, std::string strPath);
+// Adds strPath to folders and sets sharing. A blank path or one that does
+// not exist is ignored silently. folders keeps an empty entry 0 until the
+// first folder is shared, which then takes its place.
+void ShareFolder(std::vector<typSharedFolder>& folders, bool& sharing, std::string strPath);
 
 // Everything after the last separator of path, or all of it.
 std::string LastPathPart(const std::string& path);

@@ -6,27 +6,48 @@
 #include <qel/event_loop.h>
 #include <qel/variant.h>
 
-#include "core/events.h"
-#include "core/module.h"
-#include "core/report.h"
+#include "core/debug_log.h"
+#include "core/fault.h"
+#include "core/stats.h"
 #include "core/text.h"
-#include "routing/discovery.h"
-#include "routing/incoming.h"
 
 namespace qel {
 namespace {
 
 constexpr int32_t kUpkeepIntervalMs = 5000;
 
-std::shared_ptr<NodeState> Lock(const std::weak_ptr<NodeState>& owner) {
+std::shared_ptr<LinkOwner> Lock(const std::weak_ptr<LinkOwner>& owner) {
   auto node = owner.lock();
-  return node && node->Owner ? node : nullptr;
+  return node && node->Alive() ? node : nullptr;
 }
 
-void DebugLine(std::string_view line) {
-  auto& debug = TheModule().Debug;
-  if (debug.Enabled()) debug.Write(line);
+// What a queued message costs: its text, and a little for its record.
+size_t MessageBytes(const typMessage& message) {
+  return message.Header.capacity() + message.Body.capacity() + 256;
 }
+
+std::string PeerOf(const Connection& c) {
+  return c.Address.empty() ? c.sck->RemoteHost() : c.Address;
+}
+
+// Restores a nesting counter however the scope is left.
+class DepthGuard {
+ public:
+  DepthGuard(int& a, int& b) : a_(a), b_(b) {
+    ++a_;
+    ++b_;
+  }
+  ~DepthGuard() {
+    --a_;
+    --b_;
+  }
+  DepthGuard(const DepthGuard&) = delete;
+  DepthGuard& operator=(const DepthGuard&) = delete;
+
+ private:
+  int& a_;
+  int& b_;
+};
 
 }  // namespace
 
@@ -35,9 +56,12 @@ Connections& Connections::Get() {
   return *table;
 }
 
-Connections::Connections() : conns_(1), upkeep_([this] { UpkeepTick(); }) {
+Connections::Connections()
+    : conns_(1), upkeep_([this] { UpkeepTick(); }), sweep_([this] { SweepStalled(); }) {
   upkeep_.SetInterval(kUpkeepIntervalMs);
   upkeep_.Enable(true);
+  sweep_.SetInterval(kSweepIntervalMs);
+  sweep_.Enable(true);
 }
 
 bool Connections::IsConnected(int32_t index) const {
@@ -45,7 +69,15 @@ bool Connections::IsConnected(int32_t index) const {
          conns_[index]->sck->State() == SocketState::Connected;
 }
 
-int32_t Connections::GetFreeSocket(NodeState& node) {
+void Connections::ReleaseBuffers(Connection& c) {
+  c.Partial = MessageFeeder({.maxHeader = 65536, .maxMessage = c.limits.maxMessage});
+  std::deque<typMessage>().swap(c.inbox);
+  c.inboxBytes = 0;
+  c.drainPending = false;
+  c.backlogFull = false;
+}
+
+int32_t Connections::GetFreeSocket(LinkOwner& owner, const LinkLimits& limits) {
   int32_t index = 0;
   for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
     Connection& c = *conns_[i];
@@ -59,13 +91,13 @@ int32_t Connections::GetFreeSocket(NodeState& node) {
     index = Count();
   }
   Connection& c = *conns_[index];
-  c.Owner = node.weak_from_this();
+  c.Owner = owner.weak_from_this();
+  c.limits = limits;
   c.NodeID.clear();
   c.Address.clear();
   c.Maintain = false;
-  c.Partial = MessageFeeder({.maxHeader = 65536, .maxMessage = node.maxMessage});
-  c.inbox.clear();
-  c.backlogFull = false;
+  c.redial = false;
+  ReleaseBuffers(c);
   ++c.generation;
   Attach(index);
   return index;
@@ -75,63 +107,117 @@ void Connections::Attach(int32_t index) {
   Connection& c = *conns_[index];
   const uint64_t generation = c.generation;
   c.sck->SetHandlers({
-      .onConnected =
-          [this, index] {
-            auto node = Lock(conns_[index]->Owner);
-            if (!node) return;
-            UpdateConnected(*node);
-            if (node->announceSelf) SendInfo(*node, "BROADCAST", index);
-          },
+      .onConnected = [this, index] { OnConnected(index); },
       .onData = [this, index,
                  generation](std::string_view data) { OnData(index, generation, data); },
       .onPeerClosed = [this, index] { CloseConnection(index, false); },
       .onError =
           [this, index](const std::error_code&) {
-            if (auto node = Lock(conns_[index]->Owner)) node->SocketError = true;
+            // A failed re-dial parks the element for the next upkeep tick; a
+            // waiting ConnectTo sees the state itself.
+            Connection& failed = *conns_[index];
+            if (failed.redial) failed.sck->Close();
           },
-      .onSent = [](size_t n) { TheModule().Statistics.OutBytesAcc += static_cast<int64_t>(n); },
+      .onSent = [](size_t n) { TheStats().OutBytesAcc += static_cast<int64_t>(n); },
   });
+}
+
+void Connections::OnConnected(int32_t index) {
+  Connection& c = *conns_[index];
+  auto owner = Lock(c.Owner);
+  if (!owner) return;
+  c.lastByteTick = TickCount();
+  const LinkKind kind = c.redial ? LinkKind::Redialled : LinkKind::Dialled;
+  c.redial = false;
+  owner->OnLinkUp(index, kind, c.Address);
 }
 
 void Connections::OnData(int32_t index, uint64_t generation, std::string_view data) {
   Connection& c = *conns_[index];
-  auto node = Lock(c.Owner);
-  if (!node) return;
-  TheModule().Statistics.InBytesAcc += static_cast<int64_t>(data.size());
-  if (TheModule().Debug.Enabled()) {
+  auto owner = Lock(c.Owner);
+  if (!owner) return;
+  TheStats().InBytesAcc += static_cast<int64_t>(data.size());
+  if (TheDebugLog().Enabled()) {
     DebugLine(">> INCOMING >>>>>>>>>>");
     DebugLine(data);
   }
-  auto outcome =
-      c.Partial.Feed(data, [&](typMessage&& message) { c.inbox.push_back(std::move(message)); });
+  c.lastByteTick = TickCount();
+  auto outcome = c.Partial.Feed(data, [&](typMessage&& message) {
+    c.inboxBytes += MessageBytes(message);
+    c.inbox.push_back(std::move(message));
+  });
   if (outcome != MessageFeeder::Outcome::Ok) {
-    std::string peer = c.Address.empty() ? c.sck->RemoteHost() : c.Address;
-    ReportError(*node, outcome == MessageFeeder::Outcome::HeaderTooLong
-                           ? "Connection to " + peer + " closed: header longer than 65536 bytes"
-                           : "Connection to " + peer + " closed: message longer than " +
-                                 std::to_string(node->maxMessage) + " bytes");
-    c.inbox.clear();
-    CloseConnection(index, false);
+    CloseWithFault(index, generation,
+                   outcome == MessageFeeder::Outcome::HeaderTooLong
+                       ? "Connection to " + PeerOf(c) + " closed: header longer than 65536 bytes"
+                       : "Connection to " + PeerOf(c) + " closed: message longer than " +
+                             std::to_string(c.limits.maxMessage) + " bytes");
     return;
   }
-  // data is consumed: let the socket read on, so that a handler waiting for
-  // an answer on this connection can receive it.
-  c.sck->ResumeReading();
-  ++c.draining;
-  while (!c.inbox.empty() && c.generation == generation &&
-         c.sck->State() == SocketState::Connected && node->Owner) {
-    typMessage message = std::move(c.inbox.front());
-    c.inbox.pop_front();
-    DebugLine("** PROCESS ");
-    ProcessMessage(*node, std::move(message), index);
+  // Messages waiting behind a busy handler are bounded like one more
+  // message: past that the peer waits in TCP's flow control.
+  if (c.inboxBytes > static_cast<size_t>(std::max<int64_t>(c.limits.maxMessage, 0)) + 65536) {
+    c.sck->PauseReading();
+  } else {
+    // data is consumed: let the socket read on, so that a handler waiting
+    // for an answer on this connection can receive it.
+    c.sck->ResumeReading();
   }
-  --c.draining;
-  // What is left belongs to a link that was closed or taken again.
+  CheckBudget(index);
   if (c.generation != generation) return;
-  if (c.sck->State() != SocketState::Connected) c.inbox.clear();
+  Drain(index, generation);
 }
 
-bool Connections::ListenOnPort(NodeState& node, int32_t port) {
+void Connections::Drain(int32_t index, uint64_t generation) {
+  Connection& c = *conns_[index];
+  auto owner = Lock(c.Owner);
+  if (!owner) return;
+  if (c.draining >= kMaxDepthPerConnection || depth_ >= kMaxDepth) {
+    // An outer round of this connection takes them when its handler returns;
+    // a connection with no round running is drained once the nesting unwinds.
+    if (c.draining == 0) c.drainPending = true;
+    return;
+  }
+  {
+    DepthGuard guard(c.draining, depth_);
+    while (!c.inbox.empty() && c.generation == generation &&
+           c.sck->State() == SocketState::Connected && owner->Alive()) {
+      typMessage message = std::move(c.inbox.front());
+      c.inbox.pop_front();
+      c.inboxBytes -= std::min(c.inboxBytes, MessageBytes(message));
+      if (c.inbox.empty()) c.sck->ResumeReading();
+      DebugLine("** PROCESS ");
+      try {
+        owner->OnLinkMessage(index, std::move(message));
+      } catch (...) {
+        // Nothing a peer sends may unwind the loop: this connection goes,
+        // the node and its other connections stay.
+        std::string text = "Connection to " + PeerOf(c) + " closed: " + DescribeCurrentFault();
+        CloseWithFault(index, generation, text);
+        break;
+      }
+    }
+  }
+  // What is left belongs to a link that was closed or taken again.
+  if (c.generation == generation && c.sck->State() != SocketState::Connected && c.draining == 0) {
+    ReleaseBuffers(c);
+  }
+  if (depth_ < kMaxDepth) DrainPending();
+}
+
+void Connections::DrainPending() {
+  for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
+    Connection& c = *conns_[i];
+    if (!c.drainPending) continue;
+    c.drainPending = false;
+    // From the loop, not from here: the caller is itself a handler.
+    Post([this, i, generation = c.generation] {
+      if (conns_[i]->generation == generation) Drain(i, generation);
+    });
+  }
+}
+
+int32_t Connections::ListenOnPort(LinkOwner& owner, int32_t port, const LinkLimits& limits) {
   size_t reuse = listeners_.size();
   for (size_t i = 0; i < listeners_.size(); ++i) {
     auto& entry = listeners_[i];
@@ -144,107 +230,199 @@ bool Connections::ListenOnPort(NodeState& node, int32_t port) {
     }
   }
   if (reuse == listeners_.size()) {
-    listeners_.push_back({std::make_unique<Listener>([this, reuse](std::unique_ptr<Socket> s) {
-                            OnAccept(reuse, std::move(s));
-                          }),
-                          {}});
+    listeners_.push_back(
+        {std::make_unique<Listener>(
+             [this, reuse](std::unique_ptr<Socket> s) { OnAccept(reuse, std::move(s)); },
+             [this, reuse](const std::error_code& ec) {
+               auto& entry = listeners_[reuse];
+               if (auto owner = Lock(entry.Owner)) {
+                 owner->OnLinkFault("Accepting on port " + std::to_string(entry.sck->LocalPort()) +
+                                    " paused: " + ec.message());
+               }
+             }),
+         {},
+         {}});
   }
   auto& entry = listeners_[reuse];
-  entry.Owner = node.weak_from_this();
-  if (port < 0 || port > 65535 || entry.sck->Listen(static_cast<uint16_t>(port))) return false;
-  node.Listening = true;
-  // A node told to take any free port advertises the one it got.
-  if (node.ListenPort == 0) node.ListenPort = entry.sck->LocalPort();
-  return true;
+  entry.Owner = owner.weak_from_this();
+  entry.limits = limits;
+  entry.refusing = false;
+  if (port < 0 || port > 65535 || entry.sck->Listen(static_cast<uint16_t>(port))) return 0;
+  return entry.sck->LocalPort();
+}
+
+int32_t Connections::OpenCount() const {
+  int32_t open = 0;
+  for (size_t i = 1; i < conns_.size(); ++i) {
+    if (conns_[i]->sck->State() != SocketState::Closed) ++open;
+  }
+  return open;
 }
 
 void Connections::OnAccept(size_t listener, std::unique_ptr<Socket> socket) {
-  auto node = Lock(listeners_[listener].Owner);
-  if (!node) return;
+  auto& entry = listeners_[listener];
+  auto owner = Lock(entry.Owner);
+  if (!owner) return;
   std::string source = socket->RemoteHost();
-  if (RaiseConnectionReq(*node, source)) return;  // refused: the socket closes here
-  if (!node->Owner || socket->State() != SocketState::Connected) return;
-  int32_t index = GetFreeSocket(*node);
+  if (OpenCount() >= entry.limits.maxConnections) {
+    // Refused before the host is asked; said once until one is accepted again.
+    if (!entry.refusing) {
+      entry.refusing = true;
+      owner->OnLinkFault("Connection from " + source +
+                         " refused: " + std::to_string(entry.limits.maxConnections) +
+                         " connections are open (maxConnections)");
+    }
+    return;
+  }
+  entry.refusing = false;
+  if (owner->OnLinkRequest(source)) return;  // refused: the socket closes here
+  if (!owner->Alive() || socket->State() != SocketState::Connected) return;
+  int32_t index = GetFreeSocket(*owner, entry.limits);
   conns_[index]->sck = std::move(socket);
+  conns_[index]->lastByteTick = TickCount();
   Attach(index);
-  // The Connected flag is not updated here: classic nodes set it only when a
-  // connection of their own completes or any of theirs closes.
-  RaiseConnectionEstab(*node, source);
+  owner->OnLinkUp(index, LinkKind::Accepted, source);
 }
 
-bool Connections::ConnectTo(NodeState& node, const std::string& address, bool maintain,
-                            int32_t index) {
+void Connections::StartDial(int32_t index, bool redial) {
+  Connection& c = *conns_[index];
+  std::string host = c.Address;
+  int32_t port = c.limits.defaultPort;
+  // Without a port the node dials its own listen port, as other nodes do.
+  if (size_t colon = c.Address.rfind(':'); colon != std::string::npos) {
+    host = c.Address.substr(0, colon);
+    port = Variant(c.Address.substr(colon + 1)).toInt32();
+  }
+  if (port < 0 || port > 65535) throw QelError(errors::kOverflow, "ConnectTo", "Overflow");
+  ReleaseBuffers(c);
+  c.redial = redial;
+  c.sck->Connect(std::string(Trim(host)), static_cast<uint16_t>(port), c.limits.connectTimeoutMs);
+}
+
+bool Connections::ConnectTo(LinkOwner& owner, const std::string& address, bool maintain,
+                            const LinkLimits& limits) {
   if (Trim(address).empty()) return false;
-  if (index == 0) index = GetFreeSocket(node);
+  const int32_t index = GetFreeSocket(owner, limits);
   Connection& c = *conns_[index];
   c.Maintain = maintain;
   c.Address = address;
-  std::string host = address;
-  int32_t port = node.ListenPort;
-  // Without a port the node dials its own listen port, as other nodes do.
-  if (size_t colon = address.rfind(':'); colon != std::string::npos) {
-    host = address.substr(0, colon);
-    port = Variant(address.substr(colon + 1)).toInt32();
-  }
-  if (port < 0 || port > 65535) throw QelError(errors::kOverflow, "ConnectTo", "Overflow");
   const uint64_t generation = c.generation;
-  c.Partial.Reset();
-  c.inbox.clear();
-  c.backlogFull = false;
-  c.sck->Connect(std::string(Trim(host)), static_cast<uint16_t>(port));
+  StartDial(index, false);
   RunUntil(
       [&] {
         auto state = c.sck->State();
-        return c.generation != generation || state == SocketState::Connected ||
-               state == SocketState::Error;
+        return c.generation != generation || state != SocketState::Connecting;
       },
-      node.Timeout);
+      limits.connectTimeoutMs + 1000);
   if (c.generation == generation && c.sck->State() == SocketState::Connected) return true;
   if (c.generation == generation) c.sck->Close();
   return false;
+}
+
+void Connections::Redial(int32_t index) {
+  Connection& c = *conns_[index];
+  auto owner = Lock(c.Owner);
+  if (!owner) return;
+  try {
+    StartDial(index, true);
+  } catch (...) {
+    owner->OnLinkFault(DescribeCurrentFault());
+  }
 }
 
 void Connections::CloseConnection(int32_t index, bool stopMaintaining) {
   Connection& c = *conns_[index];
   if (c.sck->State() == SocketState::Closed) return;
   if (stopMaintaining) c.Maintain = false;
-  c.backlogFull = false;
   c.sck->Close();
-  auto node = Lock(c.Owner);
-  if (!node) return;
-  RaiseConnectionClosed(*node, c.Address, c.NodeID);
-  if (c.Maintain && node->Owner) Reconnect(index);
-  UpdateConnected(*node);
+  if (c.draining == 0) ReleaseBuffers(c);
+  auto owner = Lock(c.Owner);
+  if (!owner) return;
+  owner->OnLinkDown(index, c.Address, c.NodeID);
+  if (c.Maintain && owner->Alive() && c.sck->State() == SocketState::Closed) Redial(index);
 }
 
-void Connections::Reconnect(int32_t index) {
+void Connections::CloseWithFault(int32_t index, uint64_t generation, const std::string& text) {
   Connection& c = *conns_[index];
-  auto node = Lock(c.Owner);
-  if (!node) return;
-  std::string address = c.Address;
-  try {
-    if (ConnectTo(*node, address, true, index)) RaiseConnectionEstab(*node, address);
-  } catch (...) {
-    ReportCurrentFault(*node);
+  if (c.generation != generation) return;
+  if (auto owner = Lock(c.Owner)) {
+    owner->OnLinkFault(text);
+    // The handler may have shut the node down or closed the link itself.
+    if (c.generation != generation) return;
   }
+  CloseConnection(index, false);
+}
+
+void Connections::CloseLater(int32_t index, std::string text) {
+  // Closed from the loop: the writer may be in the middle of a flood or a
+  // handler, and closing raises events.
+  Post([this, index, generation = conns_[index]->generation, text = std::move(text)] {
+    Connection& c = *conns_[index];
+    if (c.generation != generation || !c.backlogFull) return;
+    if (c.sck->State() != SocketState::Connected) return;
+    CloseWithFault(index, generation, text);
+  });
 }
 
 void Connections::UpkeepTick() {
   for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
     Connection& c = *conns_[i];
-    if (c.sck->State() == SocketState::Closed && c.Maintain) Reconnect(i);
+    if (c.sck->State() == SocketState::Closed && c.Maintain) Redial(i);
   }
 }
 
-void Connections::UpdateConnected(NodeState& node) {
-  node.Connected = false;
+void Connections::SweepStalled() {
+  const int64_t now = TickCount();
+  for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
+    Connection& c = *conns_[i];
+    if (c.sck->State() != SocketState::Connected || !c.Partial.InProgress()) continue;
+    if (now - c.lastByteTick < c.limits.stallTimeoutMs) continue;
+    // A sender that stops in the middle of a message holds a descriptor and
+    // a buffer for nothing: the slowloris pattern.
+    CloseWithFault(i, c.generation,
+                   "Connection to " + PeerOf(c) + " closed: nothing received for " +
+                       std::to_string(c.limits.stallTimeoutMs) + " ms in the middle of a message");
+  }
+}
+
+size_t Connections::HeldBytes(int32_t index) const {
+  const Connection& c = *conns_[index];
+  return c.sck->QueuedBytes() + c.Partial.BufferedBytes() + c.inboxBytes;
+}
+
+void Connections::CheckBudget(int32_t index) {
+  const Connection& c = *conns_[index];
+  const int64_t budget = std::max<int64_t>(c.limits.memoryBudget, 0);
+  // Connections below their share of the budget cannot pass it together, so
+  // the whole table is only added up when one grows past its share.
+  const size_t share = static_cast<size_t>(budget / std::max(c.limits.maxConnections, 1));
+  if (HeldBytes(index) <= share) return;
+  size_t total = 0, most = 0;
+  int32_t largest = 0;
+  for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
+    if (conns_[i]->sck->State() == SocketState::Closed) continue;
+    const size_t held = HeldBytes(i);
+    total += held;
+    if (held > most) most = held, largest = i;
+  }
+  if (total <= static_cast<size_t>(budget) || largest == 0) return;
+  Connection& victim = *conns_[largest];
+  if (victim.backlogFull) return;  // already on its way out
+  victim.backlogFull = true;
+  CloseLater(largest, "Connection to " + PeerOf(victim) + " closed: it held " +
+                          std::to_string(most) + " of the " + std::to_string(total) +
+                          " bytes the node keeps for its connections, more than memoryBudget (" +
+                          std::to_string(budget) + ")");
+}
+
+bool Connections::HasOpenLink(const LinkOwner& owner) const {
   for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
     if (conns_[i]->sck->State() == SocketState::Connected &&
-        Lock(conns_[i]->Owner).get() == &node) {
-      node.Connected = true;
-      return;
+        Lock(conns_[i]->Owner).get() == &owner) {
+      return true;
     }
   }
+  return false;
 }
 
 int32_t Connections::ConnectionOfNode(std::string_view nodeID) const {
@@ -259,7 +437,7 @@ void Connections::Write(int32_t index, std::string_view text) {
   if (!IsConnected(index)) return;
   Connection& c = *conns_[index];
   if (c.backlogFull) return;
-  if (TheModule().Debug.Enabled()) {
+  if (TheDebugLog().Enabled()) {
     DebugLine("<< OUTGOING <<<<<<<<<<");
     DebugLine(text);
   }
@@ -267,31 +445,14 @@ void Connections::Write(int32_t index, std::string_view text) {
   // A peer that stops reading must not make this process hold everything
   // the network sends its way. Room for two whole messages of the largest
   // size plus a header keeps every legitimate burst.
-  auto node = Lock(c.Owner);
-  if (!node) return;
-  const size_t limit = 2 * static_cast<size_t>(std::max<int64_t>(node->maxMessage, 0)) + 65536;
-  if (c.sck->QueuedBytes() <= limit) return;
-  c.backlogFull = true;
-  // Closed from the loop: the writer may be in the middle of a flood or a
-  // handler, and closing raises events.
-  Post([this, index, generation = c.generation, limit] {
-    CloseBacklogged(index, generation, limit);
-  });
-}
-
-void Connections::CloseBacklogged(int32_t index, uint64_t generation, size_t limit) {
-  Connection& c = *conns_[index];
-  if (c.generation != generation || !c.backlogFull) return;
-  c.backlogFull = false;
-  if (c.sck->State() != SocketState::Connected) return;
-  if (auto node = Lock(c.Owner)) {
-    std::string peer = c.Address.empty() ? c.sck->RemoteHost() : c.Address;
-    ReportError(*node, "Connection to " + peer + " closed: more than " + std::to_string(limit) +
-                           " bytes waiting to be sent");
-    // The handler may have shut the node down or closed the link itself.
-    if (!node->Owner || c.generation != generation) return;
+  const size_t limit = 2 * static_cast<size_t>(std::max<int64_t>(c.limits.maxMessage, 0)) + 65536;
+  if (c.sck->QueuedBytes() > limit) {
+    c.backlogFull = true;
+    CloseLater(index, "Connection to " + PeerOf(c) + " closed: more than " + std::to_string(limit) +
+                          " bytes waiting to be sent");
+    return;
   }
-  CloseConnection(index, false);
+  CheckBudget(index);
 }
 
 void Connections::WriteToAllExcept(int32_t except, std::string_view text) {
@@ -300,21 +461,20 @@ void Connections::WriteToAllExcept(int32_t except, std::string_view text) {
   }
 }
 
-bool Connections::CloseListeners(NodeState& node) {
+bool Connections::CloseListeners(const LinkOwner& owner) {
   bool any = false;
   for (auto& entry : listeners_) {
-    if (entry.sck->State() != SocketState::Closed && Lock(entry.Owner).get() == &node) {
+    if (entry.sck->State() != SocketState::Closed && entry.Owner.lock().get() == &owner) {
       entry.sck->Close();
       any = true;
     }
   }
-  node.Listening = false;
   return any;
 }
 
-void Connections::CloseOwnedBy(NodeState& node) {
+void Connections::CloseOwnedBy(const LinkOwner& owner) {
   for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
-    if (conns_[i]->Owner.lock().get() == &node) CloseConnection(i, true);
+    if (conns_[i]->Owner.lock().get() == &owner) CloseConnection(i, true);
   }
 }
 

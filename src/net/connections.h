@@ -1,5 +1,7 @@
 // The process-wide table of connections and listening sockets, shared by all
-// node objects. Indices are stable: elements are reused, never removed.
+// node objects. Indices are stable: elements are reused, never removed. The
+// table reports to each connection's owner through LinkOwner and calls
+// nothing above the protocol layer.
 #pragma once
 
 #include <cstdint>
@@ -10,33 +12,47 @@
 #include <vector>
 
 #include "net/event_loop.h"
+#include "net/link_owner.h"
 #include "net/socket.h"
 #include "protocol/feeder.h"
 
 namespace qel {
 
-struct NodeState;
-
 struct Connection {
   std::unique_ptr<Socket> sck = std::make_unique<Socket>();
-  std::weak_ptr<NodeState> Owner;
+  std::weak_ptr<LinkOwner> Owner;
+  LinkLimits limits;
   std::string NodeID;   // the peer, once its INFO arrived
   std::string Address;  // what Connect was given, or what the peer advertised
   bool Maintain = false;
+  // The dial in progress was started by the table (a maintained link coming
+  // back), not by a caller waiting for it.
+  bool redial = false;
   MessageFeeder Partial;
-  // Complete messages not yet processed. A handler that waits runs the loop
-  // again, and the messages that arrive meanwhile on this same connection are
-  // processed from here, in order, inside that wait.
+  // Complete messages not yet processed, and their bytes.
   std::deque<typMessage> inbox;
-  uint64_t generation = 0;  // bumped whenever the element is taken again
-  int draining = 0;         // nesting depth of OnData: the element must not be taken again
+  size_t inboxBytes = 0;
+  uint64_t generation = 0;    // bumped whenever the element is taken again
+  int draining = 0;           // nesting depth of Drain: the element must not be taken again
+  bool drainPending = false;  // inbox waits for the nesting to unwind
   // The peer stopped reading and the queue passed its limit: nothing more is
   // queued and the connection is about to close.
   bool backlogFull = false;
+  int64_t lastByteTick = 0;  // when the peer last sent anything
 };
 
 class Connections {
  public:
+  // A handler that waits on a connection may see the replies that arrive on
+  // it processed one level deeper; deeper than that, and past kMaxDepth
+  // nested rounds in all, messages wait in their connection's inbox for the
+  // rounds to unwind. So what peers send never decides how deep the stack
+  // goes.
+  static constexpr int kMaxDepthPerConnection = 2;
+  static constexpr int kMaxDepth = 16;
+  // How often stalled connections are looked for.
+  static constexpr int32_t kSweepIntervalMs = 1000;
+
   static Connections& Get();
 
   // Connection indices run from 1; 0 means "none".
@@ -44,17 +60,22 @@ class Connections {
   Connection& At(int32_t index) { return *conns_[index]; }
   bool IsConnected(int32_t index) const;
 
-  // Opens a listening socket for node; throws QelError -2147221501 when this
-  // process already listens on the port.
-  bool ListenOnPort(NodeState& node, int32_t port);
-  // Dials address ("host:port", or a host and node's ListenPort) and waits up
-  // to node's Timeout. index reuses an element, 0 takes a free one.
-  bool ConnectTo(NodeState& node, const std::string& address, bool maintain, int32_t index = 0);
-  // Closes one connection and raises ConnectionClosed on its owner; a
-  // maintained one is dialled again at once.
+  // Opens a listening socket for owner on port (0: any free port) and
+  // returns the port it listens on, or 0 when it cannot. Throws QelError
+  // -2147221501 when this process already listens on the port. Accepted
+  // connections run under limits.
+  int32_t ListenOnPort(LinkOwner& owner, int32_t port, const LinkLimits& limits);
+  // Dials address ("host:port", or a host and limits.defaultPort) and runs
+  // the loop until it is up or limits.connectTimeoutMs passed. Throws
+  // QelError 6 for a port out of range, 13 for one that is not a number.
+  bool ConnectTo(LinkOwner& owner, const std::string& address, bool maintain,
+                 const LinkLimits& limits);
+  // Closes one connection and tells its owner; a maintained one is dialled
+  // again without waiting.
   void CloseConnection(int32_t index, bool stopMaintaining);
-  void Reconnect(int32_t index);
-  void UpdateConnected(NodeState& node);
+
+  // Whether any connection of owner is up.
+  bool HasOpenLink(const LinkOwner& owner) const;
 
   // The first connection whose peer is nodeID, or 0.
   int32_t ConnectionOfNode(std::string_view nodeID) const;
@@ -62,30 +83,48 @@ class Connections {
   void Write(int32_t index, std::string_view text);
   void WriteToAllExcept(int32_t except, std::string_view text);
 
-  // Closes node's listening sockets; true when it had one.
-  bool CloseListeners(NodeState& node);
-  // Closes every connection node owns.
-  void CloseOwnedBy(NodeState& node);
+  // Closes owner's listening sockets; true when it had one.
+  bool CloseListeners(const LinkOwner& owner);
+  // Closes every connection owner owns.
+  void CloseOwnedBy(const LinkOwner& owner);
   // Closes every connection to address, whoever owns it, and stops
   // maintaining it; true when any element held that address.
   bool CloseAddress(const std::string& address);
 
+  // Bytes the table holds for a connection: waiting to be sent, and received
+  // but not yet processed.
+  size_t HeldBytes(int32_t index) const;
+
  private:
   Connections();
-  int32_t GetFreeSocket(NodeState& node);
+  int32_t GetFreeSocket(LinkOwner& owner, const LinkLimits& limits);
   void Attach(int32_t index);
+  void StartDial(int32_t index, bool redial);
+  void Redial(int32_t index);
+  void OnConnected(int32_t index);
   void OnData(int32_t index, uint64_t generation, std::string_view data);
+  void Drain(int32_t index, uint64_t generation);
+  void DrainPending();
   void OnAccept(size_t listener, std::unique_ptr<Socket> socket);
   void UpkeepTick();
-  void CloseBacklogged(int32_t index, uint64_t generation, size_t limit);
+  void SweepStalled();
+  void CheckBudget(int32_t index);
+  void CloseWithFault(int32_t index, uint64_t generation, const std::string& text);
+  void CloseLater(int32_t index, std::string text);
+  void ReleaseBuffers(Connection& c);
+  int32_t OpenCount() const;
 
   struct ListenerEntry {
     std::unique_ptr<Listener> sck;
-    std::weak_ptr<NodeState> Owner;
+    std::weak_ptr<LinkOwner> Owner;
+    LinkLimits limits;
+    bool refusing = false;  // the last request was refused for maxConnections
   };
   std::vector<std::unique_ptr<Connection>> conns_;
   std::vector<ListenerEntry> listeners_;
+  int depth_ = 0;  // Drain rounds running, over all connections
   Timer upkeep_;
+  Timer sweep_;
 };
 
 }  // namespace qel

@@ -33,4 +33,9 @@ std::string GetLocalAddress() {
   return ChooseLocalAddress(addresses);
 }
 
+const std::string& AdvertisedAddress() {
+  static const std::string* address = new std::string(GetLocalAddress());
+  return *address;
+}
+
 }  // namespace qel

@@ -14,4 +14,8 @@ std::string ChooseLocalAddress(const std::vector<std::string>& addresses);
 // addresses in interface order.
 std::string GetLocalAddress();
 
+// The address this process advertises: GetLocalAddress(), chosen at the
+// first call and kept.
+const std::string& AdvertisedAddress();
+
 }  // namespace qel

@@ -1,6 +1,7 @@
 #include "net/socket.h"
 
-#include <array>
+#include <algorithm>
+#include <chrono>
 
 #include "net/asio_context.h"
 
@@ -9,20 +10,26 @@ namespace qel {
 using asio::ip::tcp;
 
 struct Socket::Impl : std::enable_shared_from_this<Impl> {
-  Impl() : socket(IoContext()), resolver(IoContext()) {}
+  static constexpr size_t kReadSize = 65536;
+
+  Impl() : socket(IoContext()), resolver(IoContext()), connectTimer(IoContext()) {}
 
   void StartReading() {
-    if (readPending) return;
+    if (readPending || paused) return;
     readPending = true;
-    socket.async_read_some(asio::buffer(readBuffer), [self = shared_from_this(), gen = generation](
-                                                         const std::error_code& ec, size_t n) {
-      if (gen != self->generation) return;
-      self->readPending = false;
-      self->OnRead(ec, n);
-    });
+    // Allocated when reading starts, not with the socket: many sockets are
+    // refused or closed before they read anything.
+    if (!readBuffer) readBuffer = std::make_shared_for_overwrite<char[]>(kReadSize);
+    socket.async_read_some(asio::buffer(readBuffer.get(), kReadSize),
+                           [self = shared_from_this(), buffer = readBuffer, gen = generation](
+                               const std::error_code& ec, size_t n) {
+                             if (gen != self->generation) return;
+                             self->readPending = false;
+                             self->OnRead(ec, std::string_view(buffer.get(), n));
+                           });
   }
 
-  void OnRead(const std::error_code& ec, size_t n) {
+  void OnRead(const std::error_code& ec, std::string_view data) {
     if (state != SocketState::Connected) return;  // closed meanwhile
     if (ec) {
       // The owner closes it in its handler, so that its own close logic runs;
@@ -34,7 +41,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     }
     if (auto& h = handlers.onData) {
       auto keep = h;  // the handler may replace the handlers or destroy the socket
-      keep(std::string_view(readBuffer.data(), n));
+      keep(data);
     }
     if (state == SocketState::Connected) StartReading();
   }
@@ -76,17 +83,22 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     const bool wasWriting = writing;
     ++generation;
     readPending = false;
+    paused = false;
     writing = false;
     inflightBytes = 0;
     std::error_code ignored;
     resolver.cancel();
+    connectTimer.cancel();
     if (socket.is_open() && state == SocketState::Connected && !outgoing.empty() && !wasWriting) {
       // Best effort for messages queued just before a close: whatever the
       // kernel takes without blocking still goes out.
       socket.non_blocking(true, ignored);
       socket.write_some(asio::buffer(outgoing), ignored);
     }
-    outgoing.clear();
+    // Released, not cleared: a closed socket holds no memory.
+    std::string().swap(outgoing);
+    spare.reset();
+    readBuffer.reset();
     socket.shutdown(tcp::socket::shutdown_both, ignored);
     socket.close(ignored);
     state = SocketState::Closed;
@@ -96,7 +108,9 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   tcp::resolver resolver;
   SocketState state = SocketState::Closed;
   Handlers handlers;
-  std::array<char, 65536> readBuffer;
+  asio::steady_timer connectTimer;
+  std::shared_ptr<char[]> readBuffer;
+  bool paused = false;
   std::string outgoing;
   std::shared_ptr<std::string> spare;
   size_t inflightBytes = 0;
@@ -118,7 +132,7 @@ void Socket::SetHandlers(Handlers handlers) {
   impl_->handlers = std::move(handlers);
 }
 
-void Socket::Connect(const std::string& host, uint16_t port) {
+void Socket::Connect(const std::string& host, uint16_t port, int32_t timeoutMs) {
   impl_->CloseNow();
   // A socket object may be reused for a new connection: start from a fresh one.
   impl_->socket = tcp::socket(IoContext());
@@ -128,6 +142,14 @@ void Socket::Connect(const std::string& host, uint16_t port) {
     self->state = SocketState::Error;
     if (auto h = self->handlers.onError) h(ec);
   };
+  impl_->connectTimer.expires_after(std::chrono::milliseconds(std::max(timeoutMs, 0)));
+  impl_->connectTimer.async_wait([self = impl_, attempt, fail](const std::error_code& ec) {
+    if (ec || attempt != self->connectAttempt || self->state != SocketState::Connecting) return;
+    self->resolver.cancel();
+    std::error_code ignored;
+    self->socket.close(ignored);
+    fail(self, asio::error::timed_out);
+  });
   impl_->resolver.async_resolve(
       tcp::v4(), host, std::to_string(port),
       [self = impl_, attempt, fail](const std::error_code& ec, tcp::resolver::results_type found) {
@@ -140,6 +162,7 @@ void Socket::Connect(const std::string& host, uint16_t port) {
                 return;
               }
               if (ec) return fail(self, ec);
+              self->connectTimer.cancel();
               std::error_code ignored;
               self->socket.set_option(tcp::no_delay(true), ignored);
               self->state = SocketState::Connected;
@@ -151,7 +174,12 @@ void Socket::Connect(const std::string& host, uint16_t port) {
 }
 
 void Socket::ResumeReading() {
+  impl_->paused = false;
   if (impl_->state == SocketState::Connected) impl_->StartReading();
+}
+
+void Socket::PauseReading() {
+  impl_->paused = true;
 }
 
 void Socket::Send(std::string_view data) {
@@ -191,13 +219,37 @@ uint16_t Socket::LocalPort() const {
 }
 
 struct Listener::Impl : std::enable_shared_from_this<Impl> {
-  explicit Impl(std::function<void(std::unique_ptr<Socket>)> accept)
-      : acceptor(IoContext()), onAccept(std::move(accept)) {}
+  Impl(std::function<void(std::unique_ptr<Socket>)> accept,
+       std::function<void(const std::error_code&)> acceptError)
+      : acceptor(IoContext()),
+        backoff(IoContext()),
+        onAccept(std::move(accept)),
+        onAcceptError(std::move(acceptError)) {}
+
+  static bool OutOfResources(const std::error_code& ec) {
+    return ec == std::errc::too_many_files_open || ec == std::errc::too_many_files_open_in_system ||
+           ec == std::errc::no_buffer_space || ec == std::errc::not_enough_memory;
+  }
 
   void AcceptNext() {
     acceptor.async_accept([self = shared_from_this()](const std::error_code& ec, tcp::socket peer) {
       if (self->state != SocketState::Listening) return;
+      if (ec && OutOfResources(ec)) {
+        // The waiting connection stays in the backlog, so accepting again at
+        // once fails again at once: wait for descriptors to come free.
+        if (!self->starved) {
+          self->starved = true;
+          if (auto h = self->onAcceptError) h(ec);
+        }
+        if (self->state != SocketState::Listening) return;
+        self->backoff.expires_after(std::chrono::milliseconds(kAcceptBackoffMs));
+        self->backoff.async_wait([self](const std::error_code& waitEc) {
+          if (!waitEc && self->state == SocketState::Listening) self->AcceptNext();
+        });
+        return;
+      }
       if (!ec) {
+        self->starved = false;
         auto accepted = std::make_unique<Socket>();
         std::error_code ignored;
         peer.set_option(tcp::no_delay(true), ignored);
@@ -213,12 +265,16 @@ struct Listener::Impl : std::enable_shared_from_this<Impl> {
   }
 
   tcp::acceptor acceptor;
+  asio::steady_timer backoff;
   std::function<void(std::unique_ptr<Socket>)> onAccept;
+  std::function<void(const std::error_code&)> onAcceptError;
   SocketState state = SocketState::Closed;
+  bool starved = false;  // accepting is paused for want of resources
 };
 
-Listener::Listener(std::function<void(std::unique_ptr<Socket>)> onAccept)
-    : impl_(std::make_shared<Impl>(std::move(onAccept))) {}
+Listener::Listener(std::function<void(std::unique_ptr<Socket>)> onAccept,
+                   std::function<void(const std::error_code&)> onAcceptError)
+    : impl_(std::make_shared<Impl>(std::move(onAccept), std::move(onAcceptError))) {}
 
 Listener::~Listener() {
   Close();
@@ -247,6 +303,7 @@ std::error_code Listener::Listen(uint16_t port) {
 void Listener::Close() {
   std::error_code ignored;
   impl_->state = SocketState::Closed;
+  impl_->backoff.cancel();
   impl_->acceptor.close(ignored);
 }
 

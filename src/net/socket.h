@@ -40,13 +40,16 @@ class Socket {
   void SetHandlers(Handlers handlers);
 
   // Starts connecting; the state is Connecting until it ends in Connected
-  // (onConnected) or Error (onError).
-  void Connect(const std::string& host, uint16_t port);
+  // (onConnected) or Error (onError), at the latest after timeoutMs.
+  void Connect(const std::string& host, uint16_t port, int32_t timeoutMs = 30000);
 
   // Reads on while the data handler is still running. Until this is called
   // (or the handler returns) the bytes the handler was given stay valid; after
   // it, a nested run of the loop may deliver more data.
   void ResumeReading();
+  // Stops reading after the read in progress (the peer then waits in TCP's
+  // flow control) until ResumeReading.
+  void PauseReading();
 
   // Queues bytes. Everything queued during one turn of the loop leaves in one
   // write; a slow peer only grows its own queue.
@@ -57,7 +60,8 @@ class Socket {
   void Flush();
   size_t QueuedBytes() const;
 
-  // Writes what the kernel takes of the queue at once, then closes.
+  // Writes what the kernel takes of the queue at once, then closes and
+  // releases the socket's buffers.
   void Close();
 
   SocketState State() const;
@@ -72,9 +76,16 @@ class Socket {
 
 // A listening socket. Each incoming connection is accepted and offered to
 // onAccept, which keeps it or lets it go (closing it).
+//
+// When accepting fails for want of resources (descriptors, buffers, memory)
+// the listener waits kAcceptBackoffMs before trying again and calls
+// onAcceptError once for the whole spell.
 class Listener {
  public:
-  explicit Listener(std::function<void(std::unique_ptr<Socket>)> onAccept);
+  static constexpr int32_t kAcceptBackoffMs = 100;
+
+  explicit Listener(std::function<void(std::unique_ptr<Socket>)> onAccept,
+                    std::function<void(const std::error_code&)> onAcceptError = {});
   ~Listener();
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;

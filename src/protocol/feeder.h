@@ -62,6 +62,11 @@ class MessageFeeder {
   // Forgets the message in progress.
   void Reset() { current_ = NewMessage(); }
 
+  // Whether part of a message has arrived and waits for the rest.
+  bool InProgress() const { return current_.HeaderDone || !current_.Header.empty(); }
+  // Bytes held for the message in progress.
+  size_t BufferedBytes() const { return current_.Header.capacity() + current_.Body.capacity(); }
+
   // Headers dropped as malformed since construction.
   size_t malformedCount() const { return malformed_; }
 

@@ -6,7 +6,7 @@
 #include <unordered_map>
 
 #include "core/text.h"
-#include "files/paths.h"
+#include "protocol/percent.h"
 
 namespace qel {
 namespace {

@@ -3,26 +3,21 @@
 #include <memory>
 #include <vector>
 
-#include "core/module.h"
-#include "core/report.h"
 #include "net/event_loop.h"
+#include "routing/report.h"
+#include "routing/routing_node.h"
 #include "routing/transmit.h"
 
 namespace qel {
 namespace {
 
-constexpr int32_t kConfirmIntervalMs = 500;
-
 struct Entry {
   PendingPacket packet;
-  std::weak_ptr<NodeState> owner;  // whose routes the writes follow
+  std::weak_ptr<LinkOwner> owner;  // whose routes the writes follow
 };
 
 struct Queue {
   std::vector<Entry> entries;
-  Timer timer{[] { Tick(); }};
-
-  static void Tick();
 };
 
 Queue& TheQueue() {
@@ -30,9 +25,9 @@ Queue& TheQueue() {
   return *queue;
 }
 
-void Write(Entry& entry, NodeState& fallback) {
-  auto owner = entry.owner.lock();
-  NodeState& node = owner ? *owner : fallback;
+void Write(Entry& entry, RoutingNode& fallback) {
+  auto owner = std::static_pointer_cast<RoutingNode>(entry.owner.lock());
+  RoutingNode& node = owner ? *owner : fallback;
   Transmit(node, entry.packet.Text, -1, entry.packet.ViaConn, entry.packet.Destination);
   entry.packet.Sent = true;
   entry.packet.SentTick = TickCount();
@@ -49,7 +44,7 @@ bool CanSendNow(const std::string& destination) {
 
 // One pass over the queue under node's settings; true when it gave up on a
 // message (the queue changed, so the caller scans again).
-bool ScanOnce(NodeState& node) {
+bool ScanOnce(RoutingNode& node) {
   auto& entries = TheQueue().entries;
   const int64_t now = TickCount();
   for (size_t i = 0; i < entries.size(); ++i) {
@@ -68,28 +63,16 @@ bool ScanOnce(NodeState& node) {
   return false;
 }
 
-void Queue::Tick() {
-  Module& module = TheModule();
-  // Every node with confirmation on scans the whole shared queue with its
-  // own timeout and retry count, as other nodes do.
-  for (int32_t slot = 1; slot <= module.SlotCount(); ++slot) {
-    std::shared_ptr<NodeState> node = module.Slot(slot);
-    if (!node->confirmMode) continue;
-    while (node->Owner && ScanOnce(*node)) {
-    }
-  }
-}
-
 }  // namespace
 
-void QueueConfirmable(NodeState& node, PendingPacket packet) {
+void QueueConfirmable(RoutingNode& node, PendingPacket packet) {
   const bool now = CanSendNow(packet.Destination);
   auto& entries = TheQueue().entries;
   entries.push_back({std::move(packet), node.weak_from_this()});
   if (now) Write(entries.back(), node);
 }
 
-void ConfirmReceived(NodeState& node, const std::string& destination, const std::string& id) {
+void ConfirmReceived(RoutingNode& node, const std::string& destination, const std::string& id) {
   auto& entries = TheQueue().entries;
   for (size_t i = 0; i < entries.size(); ++i) {
     const PendingPacket& p = entries[i].packet;
@@ -106,15 +89,9 @@ void ConfirmReceived(NodeState& node, const std::string& destination, const std:
   }
 }
 
-void UpdateConfirmTimer() {
-  Module& module = TheModule();
-  bool any = false;
-  for (int32_t slot = 1; slot <= module.SlotCount() && !any; ++slot) {
-    any = module.Slot(slot)->confirmMode;
+void ScanConfirmations(RoutingNode& node) {
+  while (node.Alive() && ScanOnce(node)) {
   }
-  auto& timer = TheQueue().timer;
-  if (any && !timer.Enabled()) timer.SetInterval(kConfirmIntervalMs);
-  timer.Enable(any);
 }
 
 size_t PendingCount() {

@@ -6,7 +6,7 @@
 
 namespace qel {
 
-struct NodeState;
+struct RoutingNode;
 
 struct PendingPacket {
   std::string Text;
@@ -21,14 +21,16 @@ struct PendingPacket {
 
 // Queues a confirmable message; it is written now unless an earlier one to
 // the same destination is still unconfirmed.
-void QueueConfirmable(NodeState& node, PendingPacket packet);
+void QueueConfirmable(RoutingNode& node, PendingPacket packet);
 
 // A CONFIRM for message id arrived from destination: settle it and release
 // the next message queued for that destination.
-void ConfirmReceived(NodeState& node, const std::string& destination, const std::string& id);
+void ConfirmReceived(RoutingNode& node, const std::string& destination, const std::string& id);
 
-// Runs the retry timer while some node has confirmMode on.
-void UpdateConfirmTimer();
+// Resends what waited past node's confirmTimeout and gives up on what was
+// sent confirmRetry + 1 times. Every node with confirmation on scans the
+// whole shared queue with its own timeout and retry count, as other nodes do.
+void ScanConfirmations(RoutingNode& node);
 
 // Test view of the queue.
 size_t PendingCount();

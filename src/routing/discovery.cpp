@@ -3,16 +3,17 @@
 #include <qel/error.h>
 #include <qel/settings.h>
 
-#include "core/module.h"
 #include "core/new_id.h"
 #include "net/connections.h"
 #include "net/event_loop.h"
+#include "net/local_address.h"
 #include "routing/outgoing.h"
+#include "routing/routing_node.h"
 
 namespace qel {
 namespace {
 
-void SendWithReqID(NodeState& node, const char* type, const std::string& destination,
+void SendWithReqID(RoutingNode& node, const char* type, const std::string& destination,
                    const std::string& reqID) {
   typMessage message = MakeRequest(type, destination, reqID);
   SendPacket(node, message);
@@ -26,14 +27,15 @@ std::string ReadText(cSettings& body, const char* key) {
   }
 }
 
-// The process-wide list keeps at most NodeInfoLimit + 1 places; when full,
+// The process-wide list keeps at most kKnownNodeLimit + 1 places; when full,
 // everything moves down one and the oldest place is dropped.
+constexpr int32_t kKnownNodeLimit = 20;
+
 void RememberKnownNode(const NodeEntry& entry) {
-  Module& module = TheModule();
-  auto& list = module.NodeInfoList;
+  auto& list = KnownNodes();
   if (int32_t found = FindKnownNode(entry.ID); found >= 0) {
     list[found] = entry;
-  } else if (static_cast<int32_t>(list.size()) - 1 >= module.NodeInfoLimit) {
+  } else if (static_cast<int32_t>(list.size()) - 1 >= kKnownNodeLimit) {
     list.erase(list.begin());
     list.push_back(entry);
   } else {
@@ -43,6 +45,11 @@ void RememberKnownNode(const NodeEntry& entry) {
 
 }  // namespace
 
+std::vector<NodeEntry>& KnownNodes() {
+  static auto* list = new std::vector<NodeEntry>(1);
+  return *list;
+}
+
 typMessage MakeMessage(const char* type, const std::string& destination) {
   typMessage message = NewMessage();
   message.MsgType = type;
@@ -50,52 +57,50 @@ typMessage MakeMessage(const char* type, const std::string& destination) {
   return message;
 }
 
-typMessage MakeRequest(const char* type, const std::string& destination,
-                       const std::string& reqID) {
+typMessage MakeRequest(const char* type, const std::string& destination, const std::string& reqID) {
   typMessage message = MakeMessage(type, destination);
   SetField(message.Fields, "ReqID", Variant(reqID));
   return message;
 }
 
-typMessage MakeInfo(const NodeState& node, const std::string& destination) {
+typMessage MakeInfo(const RoutingNode& node, const std::string& destination) {
   typMessage message = MakeMessage("INFO", destination);
   cSettings body;
   body.SaveSetting("Name", Variant(node.Name));
   body.SaveSetting("Role", Variant(static_cast<int32_t>(node.Role)));
   body.SaveSetting("Descriptor", Variant(node.Descriptor));
   body.SaveSetting("Encryption-Key", Variant(node.EncryptionKey));
-  body.SaveSetting("Address",
-                   Variant(TheModule().LocalAddress + ":" + std::to_string(node.ListenPort)));
+  body.SaveSetting("Address", Variant(AdvertisedAddress() + ":" + std::to_string(node.ListenPort)));
   body.SaveSetting("Sharing-Files", Variant(node.SharingFiles));
   body.SaveSetting("Active-User", Variant(node.ActiveUser));
   message.Body = body.getXML();
   return message;
 }
 
-void SendInfo(NodeState& node, const std::string& destination, int32_t viaConn) {
+void SendInfo(RoutingNode& node, const std::string& destination, int32_t viaConn) {
   typMessage info = MakeInfo(node, destination);
   SendPacket(node, info, viaConn);
 }
 
-int32_t FindCachedNode(const NodeState& node, const std::string& id) {
+int32_t FindCachedNode(const RoutingNode& node, const std::string& id) {
   return node.NodeCache.Find(id);
 }
 
 int32_t FindKnownNode(const std::string& id) {
   if (id.empty()) return -1;
-  const auto& list = TheModule().NodeInfoList;
+  const auto& list = KnownNodes();
   for (size_t i = 0; i < list.size(); ++i) {
     if (list[i].ID == id) return static_cast<int32_t>(i);
   }
   return -1;
 }
 
-std::string KnownKey(const NodeState& node, const std::string& nodeID) {
+std::string KnownKey(const RoutingNode& node, const std::string& nodeID) {
   int32_t found = FindCachedNode(node, nodeID);
   return found >= 0 ? node.NodeCache[found].EncryptionKey : std::string();
 }
 
-std::vector<typNodeInfo> QueryNodes(NodeState& node, const std::string& destination,
+std::vector<typNodeInfo> QueryNodes(RoutingNode& node, const std::string& destination,
                                     bool useCached) {
   if (destination == "BROADCAST") {
     node.NodeCache.Clear();
@@ -112,7 +117,7 @@ std::vector<typNodeInfo> QueryNodes(NodeState& node, const std::string& destinat
       return {node.NodeCache[cached].ToNodeInfo()};
     }
     if (int32_t known = FindKnownNode(destination); known >= 0) {
-      return {TheModule().NodeInfoList[known].ToNodeInfo()};
+      return {KnownNodes()[known].ToNodeInfo()};
     }
   }
   typMessage whois = MakeMessage("WHOIS", destination);
@@ -122,20 +127,20 @@ std::vector<typNodeInfo> QueryNodes(NodeState& node, const std::string& destinat
   return {found >= 0 ? node.NodeCache[found].ToNodeInfo() : typNodeInfo{}};
 }
 
-std::string ResolveAddress(NodeState& node, const std::string& nodeID) {
+std::string ResolveAddress(RoutingNode& node, const std::string& nodeID) {
   auto found = QueryNodes(node, nodeID, true);
   return found.empty() ? std::string() : found[0].Address;
 }
 
-std::string KnownAddress(const NodeState& node, const std::string& nodeID) {
+std::string KnownAddress(const RoutingNode& node, const std::string& nodeID) {
   if (int32_t cached = FindCachedNode(node, nodeID); cached >= 0) {
     return node.NodeCache[cached].Address;
   }
   int32_t known = FindKnownNode(nodeID);
-  return known >= 0 ? TheModule().NodeInfoList[known].Address : std::string();
+  return known >= 0 ? KnownNodes()[known].Address : std::string();
 }
 
-int32_t PingNode(NodeState& node, const std::string& nodeID, int32_t timeoutMs) {
+int32_t PingNode(RoutingNode& node, const std::string& nodeID, int32_t timeoutMs) {
   int32_t index = FindCachedNode(node, nodeID);
   if (index < 0) {
     throw QelError(errors::kNotInitialised, "Ping", "Cannot ping unresolved node");
@@ -156,11 +161,11 @@ int32_t PingNode(NodeState& node, const std::string& nodeID, int32_t timeoutMs) 
   return answered();
 }
 
-void OnWhois(NodeState& node, const typMessage& message) {
+void OnWhois(RoutingNode& node, const typMessage& message) {
   SendInfo(node, GetSingleField(message.Fields, "Source"));
 }
 
-void OnInfo(NodeState& node, const typMessage& message, int32_t conn) {
+void OnInfo(RoutingNode& node, const typMessage& message, int32_t conn) {
   const std::string sender = GetSingleField(message.Fields, "Source");
   const int32_t index = node.NodeCache.FindOrAdd(sender);
   cSettings body;
@@ -203,12 +208,12 @@ void OnInfo(NodeState& node, const typMessage& message, int32_t conn) {
   RememberKnownNode(entry);
 }
 
-void OnPing(NodeState& node, const typMessage& message) {
+void OnPing(RoutingNode& node, const typMessage& message) {
   SendWithReqID(node, "PONG", GetSingleField(message.Fields, "Source"),
                 GetSingleField(message.Fields, "ReqID"));
 }
 
-void OnPong(NodeState& node, const typMessage& message) {
+void OnPong(RoutingNode& node, const typMessage& message) {
   int32_t index = FindCachedNode(node, GetSingleField(message.Fields, "Source"));
   if (index < 0) return;
   NodeEntry& entry = node.NodeCache[index];

@@ -8,10 +8,11 @@
 #include <qel/types.h>
 
 #include "protocol/message.h"
+#include "routing/node_entry.h"
 
 namespace qel {
 
-struct NodeState;
+struct RoutingNode;
 
 // An empty message of type addressed to destination (WHOIS is just that).
 typMessage MakeMessage(const char* type, const std::string& destination);
@@ -19,36 +20,39 @@ typMessage MakeMessage(const char* type, const std::string& destination);
 typMessage MakeRequest(const char* type, const std::string& destination, const std::string& reqID);
 
 // This node's INFO, addressed to destination (not yet stamped).
-typMessage MakeInfo(const NodeState& node, const std::string& destination);
+typMessage MakeInfo(const RoutingNode& node, const std::string& destination);
 
 // Sends this node's INFO to destination, on viaConn when given.
-void SendInfo(NodeState& node, const std::string& destination, int32_t viaConn = 0);
+void SendInfo(RoutingNode& node, const std::string& destination, int32_t viaConn = 0);
 
 // Asks every node ("BROADCAST", waiting the full Timeout) or one node.
-std::vector<typNodeInfo> QueryNodes(NodeState& node, const std::string& destination,
+std::vector<typNodeInfo> QueryNodes(RoutingNode& node, const std::string& destination,
                                     bool useCached);
 
 // Index in the node's cache, or -1 (also for an empty id).
-int32_t FindCachedNode(const NodeState& node, const std::string& id);
+int32_t FindCachedNode(const RoutingNode& node, const std::string& id);
+// Nodes learned from INFO messages by any node of the process; position 0
+// is unused.
+std::vector<NodeEntry>& KnownNodes();
 // Index in the process-wide list, or -1.
 int32_t FindKnownNode(const std::string& id);
 
 // The address discovery knows for a node identifier (asking when needed).
-std::string ResolveAddress(NodeState& node, const std::string& nodeID);
+std::string ResolveAddress(RoutingNode& node, const std::string& nodeID);
 
 // The address already known for nodeID (this node's answers first, then the
 // process-wide list), without asking the network; "" when unknown.
-std::string KnownAddress(const NodeState& node, const std::string& nodeID);
+std::string KnownAddress(const RoutingNode& node, const std::string& nodeID);
 
 // Milliseconds from PING to PONG, or -1 after timeoutMs.
-int32_t PingNode(NodeState& node, const std::string& nodeID, int32_t timeoutMs);
+int32_t PingNode(RoutingNode& node, const std::string& nodeID, int32_t timeoutMs);
 
 // The encryption key a node announced, or empty.
-std::string KnownKey(const NodeState& node, const std::string& nodeID);
+std::string KnownKey(const RoutingNode& node, const std::string& nodeID);
 
-void OnWhois(NodeState& node, const typMessage& message);
-void OnInfo(NodeState& node, const typMessage& message, int32_t conn);
-void OnPing(NodeState& node, const typMessage& message);
-void OnPong(NodeState& node, const typMessage& message);
+void OnWhois(RoutingNode& node, const typMessage& message);
+void OnInfo(RoutingNode& node, const typMessage& message, int32_t conn);
+void OnPing(RoutingNode& node, const typMessage& message);
+void OnPong(RoutingNode& node, const typMessage& message);
 
 }  // namespace qel

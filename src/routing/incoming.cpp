@@ -1,18 +1,18 @@
 #include "routing/incoming.h"
 
-#include "core/events.h"
-#include "core/module.h"
-#include "core/report.h"
+#include "core/stats.h"
 #include "protocol/body.h"
 #include "routing/confirm.h"
 #include "routing/discovery.h"
 #include "routing/outgoing.h"
+#include "routing/report.h"
+#include "routing/routing_node.h"
 
 namespace qel {
 namespace {
 
 // keepBody: the message is relayed afterwards, so its body must stay.
-void Dispatch(NodeState& node, typMessage& message, int32_t conn, const std::string& source,
+void Dispatch(RoutingNode& node, typMessage& message, int32_t conn, const std::string& source,
               bool keepBody) {
   const std::string& type = message.MsgType;
   if (type == "CONFIRM") {
@@ -25,17 +25,9 @@ void Dispatch(NodeState& node, typMessage& message, int32_t conn, const std::str
     OnPing(node, message);
   } else if (type == "PONG") {
     OnPong(node, message);
-  } else if (type == "MSG") {
-    std::string kind = GetSingleField(message.Fields, "Type");
-    std::string body = keepBody ? message.Body : std::move(message.Body);
-    if (kind == "ERROR") {
-      ReportError(node, std::move(body), source);
-    } else {
-      RaiseMessageReceived(node, std::move(body), std::move(kind), source);
-    }
+  } else {
+    node.Deliver(message, conn, source, keepBody);
   }
-  // Other types belong to subsystems this node does not run yet, or to none:
-  // they are ignored without a reply.
 }
 
 }  // namespace
@@ -48,13 +40,13 @@ typMessage MakeConfirm(const std::string& destination, const std::string& id) {
   return confirm;
 }
 
-void ProcessMessage(NodeState& node, typMessage&& message, int32_t conn) {
+void ProcessMessage(RoutingNode& node, typMessage&& message, int32_t conn) {
   if (message.ResourceUndecodable) {
     // The resource is read as "\"; the message itself goes on.
     ReportError(node, "Error 13: Type mismatch");
-    if (!node.Owner) return;
+    if (!node.Alive()) return;
   }
-  auto& stats = TheModule().Statistics;
+  auto& stats = TheStats();
   ++stats.InPacketsAcc;
   ++stats.InPacketCount;
   // Views into the fields: nothing changes them before the relay step, and a
@@ -107,7 +99,7 @@ void ProcessMessage(NodeState& node, typMessage&& message, int32_t conn) {
     } catch (...) {
       ReportCurrentFault(node);
     }
-    if (!node.Owner) return;  // a handler shut the node down
+    if (!node.Alive()) return;  // a handler shut the node down
   }
   node.Routes.Learn(view("Route"), node.NodeID);
   if (!exact) {

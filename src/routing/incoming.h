@@ -8,12 +8,12 @@
 
 namespace qel {
 
-struct NodeState;
+struct RoutingNode;
 
 // The confirmation of message id, addressed to its sender.
 typMessage MakeConfirm(const std::string& destination, const std::string& id);
 
 // Handles one complete message that arrived on connection conn.
-void ProcessMessage(NodeState& node, typMessage&& message, int32_t conn);
+void ProcessMessage(RoutingNode& node, typMessage&& message, int32_t conn);
 
 }  // namespace qel

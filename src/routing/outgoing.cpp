@@ -2,12 +2,13 @@
 
 #include <qel/variant.h>
 
-#include "core/module.h"
 #include "core/new_id.h"
+#include "core/stats.h"
 #include "net/connections.h"
 #include "protocol/body.h"
 #include "routing/confirm.h"
 #include "routing/discovery.h"
+#include "routing/routing_node.h"
 #include "routing/transmit.h"
 
 namespace qel {
@@ -20,7 +21,7 @@ bool IsEmpty(const FieldList& fields, std::string_view name) {
 
 // Adds this node to the message's Route: appended to a route the message
 // already has, or starting one when routes are recorded.
-void ExtendRoute(NodeState& node, typMessage& message) {
+void ExtendRoute(RoutingNode& node, typMessage& message) {
   if (!IsEmpty(message.Fields, "Route")) {
     AppendField(message.Fields, "Route", node.NodeID, ",");
   } else if (node.Routes.Enabled()) {
@@ -39,7 +40,7 @@ int64_t NumberOr(const std::string* text, int64_t fallback) {
 
 }  // namespace
 
-int32_t FindRoute(NodeState& node, const std::string& destination) {
+int32_t FindRoute(RoutingNode& node, const std::string& destination) {
   if (destination == "BROADCAST" || destination == node.NodeID) return 0;
   auto& connections = Connections::Get();
   if (int32_t direct = connections.ConnectionOfNode(destination)) return direct;
@@ -48,9 +49,9 @@ int32_t FindRoute(NodeState& node, const std::string& destination) {
   return hop.empty() ? 0 : connections.ConnectionOfNode(hop);
 }
 
-void Transmit(NodeState& node, std::string_view text, int32_t fromConn, int32_t viaConn,
+void Transmit(RoutingNode& node, std::string_view text, int32_t fromConn, int32_t viaConn,
               const std::string& destination) {
-  auto& stats = TheModule().Statistics;
+  auto& stats = TheStats();
   ++stats.OutPacketsAcc;
   ++stats.OutPacketCount;
   auto& connections = Connections::Get();
@@ -62,7 +63,7 @@ void Transmit(NodeState& node, std::string_view text, int32_t fromConn, int32_t 
   }
 }
 
-bool StampMessage(NodeState& node, typMessage& message) {
+bool StampMessage(RoutingNode& node, typMessage& message) {
   FieldList& fields = message.Fields;
   if (IsEmpty(fields, "Destination")) SetField(fields, "Destination", Variant("BROADCAST"));
   if (IsEmpty(fields, "Source")) SetField(fields, "Source", Variant(node.NodeID));
@@ -85,7 +86,7 @@ bool StampMessage(NodeState& node, typMessage& message) {
   return confirm;
 }
 
-void SendPacket(NodeState& node, typMessage& message, int32_t viaConn) {
+void SendPacket(RoutingNode& node, typMessage& message, int32_t viaConn) {
   const bool confirm = StampMessage(node, message);
   std::string text = SerialiseMessage(message);
   std::string id = GetSingleField(message.Fields, "ID");
@@ -103,7 +104,7 @@ void SendPacket(NodeState& node, typMessage& message, int32_t viaConn) {
   }
 }
 
-void ForwardPacket(NodeState& node, typMessage& message, int32_t fromConn) {
+void ForwardPacket(RoutingNode& node, typMessage& message, int32_t fromConn) {
   int64_t ttl = NumberOr(FindField(message.Fields, "TTL"), 0);
   if (ttl <= 1) return;
   FieldList& fields = message.Fields;

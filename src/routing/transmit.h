@@ -7,16 +7,16 @@
 
 namespace qel {
 
-struct NodeState;
+struct RoutingNode;
 
 // The connection towards destination: a direct link, else the neighbour a
 // learned route names; 0 when neither is known.
-int32_t FindRoute(NodeState& node, const std::string& destination);
+int32_t FindRoute(RoutingNode& node, const std::string& destination);
 
 // Writes text to viaConn, or along the route to destination, or (for relays,
 // fromConn >= 1, and when no route is known) to every connection except
 // fromConn. Counts one message sent.
-void Transmit(NodeState& node, std::string_view text, int32_t fromConn, int32_t viaConn,
+void Transmit(RoutingNode& node, std::string_view text, int32_t fromConn, int32_t viaConn,
               const std::string& destination);
 
 }  // namespace qel

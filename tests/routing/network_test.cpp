@@ -3,10 +3,10 @@
 
 #include <qel/qel.h>
 
-#include "core/module.h"
-#include "core/node_access.h"
 #include "net/event_loop.h"
 #include "net/socket.h"
+#include "node/module.h"
+#include "node/node_access.h"
 #include "routing/confirm.h"
 
 namespace qel {

@@ -1,7 +1,7 @@
 // The exact bytes this node puts on the wire for each message it originates.
 #include <gtest/gtest.h>
 
-#include "core/module.h"
+#include "node/module.h"
 #include "protocol/body.h"
 #include "routing/discovery.h"
 #include "routing/incoming.h"
@@ -63,7 +63,6 @@ TEST(WireTest, DiscoveryAndConfirmationMessages) {
 }
 
 TEST(WireTest, InfoDescribesTheNodeInASettingsBody) {
-  TheModule().LocalAddress = "127.0.0.1";
   auto node = MakeNode();
   node->Name = "kitchen";
   node->Role = role_Server;
@@ -118,8 +117,8 @@ TEST(WireTest, MessagesWithBodies) {
   SetField(keyed.Fields, "Destination", Variant(kPeer));
   keyed.Body = "hello";
   text = Stamped(*node, keyed);
-  EXPECT_EQ(text, Header("MSG  QEL/2.1", "", kPeer, "Flags: KE,\r\nContent-Length: 5\r\n") +
-                      keyed.Body);
+  EXPECT_EQ(text,
+            Header("MSG  QEL/2.1", "", kPeer, "Flags: KE,\r\nContent-Length: 5\r\n") + keyed.Body);
   EXPECT_NE(keyed.Body, "hello");
   ASSERT_EQ(DecodeBody(keyed, "blankey", "PEERKEY", 1 << 20).result, DecodeResult::Ok);
   EXPECT_EQ(keyed.Body, "hello");

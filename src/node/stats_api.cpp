@@ -4,13 +4,13 @@
 
 #include <qel/version.h>
 
-#include "core/module.h"
+#include "core/stats.h"
 
 namespace qel {
 namespace {
 
 const Stats& Figures() {
-  return TheModule().Statistics;
+  return TheStats();
 }
 
 int32_t Saturate(int64_t count) {

@@ -10,15 +10,18 @@
 #include <qel/types.h>
 
 #include "core/debug_log.h"
-#include "core/node_state.h"
-#include "core/stats.h"
+#include "node/node_state.h"
+#include "node/user_settings.h"
 
 namespace qel {
 
 class Module {
  public:
-  // One-time set-up: version token, local address, empty tables.
+  // One-time set-up: the local address, the debug switch, the timers.
   void Init();
+
+  // Runs the confirmation timer while some node has confirmMode on.
+  void UpdateConfirmTimer();
 
   // Makes slotIndex's node current and returns its state. Throws QelError
   // -2147221503 before Init and -2147221502 for an index that names no slot
@@ -40,13 +43,6 @@ class Module {
   int32_t SlotCount() const { return static_cast<int32_t>(NodeSlots.size()) - 1; }
 
   bool Initialised = false;
-  std::string LocalAddress;
-  std::string ProtocolVersion;
-  // Nodes learned from INFO messages by any node; position 0 is unused.
-  std::vector<NodeEntry> NodeInfoList;
-  int16_t NodeInfoLimit = 0;
-  Stats Statistics;
-  DebugLog Debug;
   int32_t CurrentSlot = 0;
 
  private:
@@ -56,5 +52,9 @@ class Module {
 
 // The process-wide module; set up by the first node object.
 Module& TheModule();
+
+// Turns log on when the per-user setting "enabled" in section "debug" of
+// store says so, with its opening lines; a log that is on stays on.
+void CheckDebugMode(DebugLog& log, const UserSettings& store, const std::string& localAddress);
 
 }  // namespace qel

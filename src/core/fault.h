@@ -1,4 +1,4 @@
-// Reporting a fault to the host.
+// Describing a caught fault the way the host reads it.
 #pragma once
 
 #include <exception>
@@ -6,18 +6,12 @@
 
 namespace qel {
 
-struct NodeState;
-
-// Writes a debug line (with " [NodeID: id]" when nodeID is given) and raises
-// the node's Error event.
-void ReportError(NodeState& node, std::string strMessage, std::string nodeID = {});
-
 // "Error <number>: <description>" for a fault caught in a public method or a
 // handler: QelErrors keep their numbers, running out of memory is 7, anything
 // else is reported with number 5 (an invalid call) and its text.
 std::string DescribeFault(const std::exception& fault);
 
-// Reports the exception being handled (call from inside a catch block).
-void ReportCurrentFault(NodeState& node);
+// The same for the exception being handled (call from inside a catch block).
+std::string DescribeCurrentFault();
 
 }  // namespace qel

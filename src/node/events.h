@@ -1,6 +1,7 @@
 // Raising a node's events. Each handler is copied before it runs, so a
 // handler that replaces itself or destroys its node object stays safe; a node
-// that has shut down raises nothing.
+// that has shut down raises nothing. A handler that throws is reported on
+// stderr (and in the debug log) and the event counts as handled.
 #pragma once
 
 #include <string>
@@ -11,6 +12,7 @@ struct NodeState;
 
 void RaiseMessageReceived(NodeState& node, std::string strMessage, std::string strType,
                           std::string nodeID);
+void RaiseErrorEvent(NodeState& node, std::string strMessage, std::string nodeID);
 // Returns true when the host cancelled the request.
 bool RaiseConnectionReq(NodeState& node, std::string SourceIP);
 void RaiseConnectionEstab(NodeState& node, std::string SourceIP);

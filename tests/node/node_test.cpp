@@ -7,8 +7,8 @@
 
 #include <qel/settings.h>
 
-#include "core/module.h"
-#include "core/node_access.h"
+#include "node/module.h"
+#include "node/node_access.h"
 
 namespace qel {
 namespace {

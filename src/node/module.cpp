@@ -1,11 +1,16 @@
-#include "core/module.h"
+#include "node/module.h"
 
 #include <qel/error.h>
+#include <qel/variant.h>
+#include <qel/version.h>
 
-#include "core/node_access.h"
+#include "core/debug_log.h"
+#include "core/stats.h"
 #include "net/connections.h"
 #include "net/event_loop.h"
 #include "net/local_address.h"
+#include "node/node_access.h"
+#include "routing/confirm.h"
 
 namespace qel {
 
@@ -14,15 +19,51 @@ Module& TheModule() {
   return module;
 }
 
+namespace {
+
+constexpr int32_t kConfirmIntervalMs = 500;
+
+Timer& ConfirmTimer() {
+  static Timer* timer = new Timer([] {
+    Module& module = TheModule();
+    for (int32_t slot = 1; slot <= module.SlotCount(); ++slot) {
+      std::shared_ptr<NodeState> node = module.Slot(slot);
+      if (node->confirmMode) ScanConfirmations(*node);
+    }
+  });
+  return *timer;
+}
+
+}  // namespace
+
+void CheckDebugMode(DebugLog& log, const UserSettings& store, const std::string& localAddress) {
+  if (log.Enabled()) return;
+  bool on = false;
+  try {
+    on = Variant(store.Get("debug", "enabled", "False")).toBool();
+  } catch (const std::exception&) {
+    on = false;  // an unreadable switch means off
+  }
+  if (!on) return;
+  log.Open("Entered QEL Debug Mode " + Variant::Now().toString());
+  log.Write(std::string("QEL Version ") + QEL_VERSION_STRING);
+  log.Write("Local Address: " + localAddress + "\r\n");
+}
+
+void Module::UpdateConfirmTimer() {
+  bool any = false;
+  for (int32_t slot = 1; slot <= SlotCount() && !any; ++slot) any = Slot(slot)->confirmMode;
+  Timer& timer = ConfirmTimer();
+  if (any && !timer.Enabled()) timer.SetInterval(kConfirmIntervalMs);
+  timer.Enable(any);
+}
+
 void Module::Init() {
-  ProtocolVersion = "QEL/2.1";
-  LocalAddress = GetLocalAddress();
+  AdvertisedAddress();
   NodeSlots.resize(1);
-  NodeInfoLimit = 20;
-  NodeInfoList.resize(1);
   // The statistics timer turns the counters into rates twice a second; the
   // connection table starts its 5-second upkeep timer.
-  static Timer* statsTimer = new Timer([] { TheModule().Statistics.Tick(statsTimer->Interval()); });
+  static Timer* statsTimer = new Timer([] { TheStats().Tick(statsTimer->Interval()); });
   statsTimer->SetInterval(500);
   statsTimer->Enable(true);
   Connections::Get();

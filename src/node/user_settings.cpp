@@ -1,4 +1,4 @@
-#include "core/user_settings.h"
+#include "node/user_settings.h"
 
 #include <cstdlib>
 #include <filesystem>

@@ -1,11 +1,11 @@
-#include "core/module.h"
+#include "node/module.h"
 
 #include <gtest/gtest.h>
 
 #include <qel/error.h>
 #include <qel/node.h>
 
-#include "core/node_access.h"
+#include "node/node_access.h"
 
 namespace qel {
 namespace {

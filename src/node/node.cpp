@@ -8,15 +8,15 @@
 
 #include <qel/error.h>
 
-#include "core/module.h"
 #include "core/new_id.h"
-#include "core/node_access.h"
-#include "core/report.h"
 #include "core/text.h"
 #include "net/connections.h"
-#include "routing/confirm.h"
+#include "net/local_address.h"
+#include "node/module.h"
+#include "node/node_access.h"
 #include "routing/discovery.h"
 #include "routing/outgoing.h"
+#include "routing/report.h"
 #include "users/user_list.h"
 
 namespace qel {
@@ -82,6 +82,9 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
   node.confirmTimeout = 30000;
   node.confirmRetry = 2;
   node.maxMessage = 67108864;
+  node.memoryBudget = 268435456;
+  node.stallTimeout = 30000;
+  node.maxConnections = 1024;
   int32_t filePacket = 256;
   int32_t packetCache = 50;
 
@@ -113,6 +116,9 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
       filePacket = get("filePacket", filePacket).toInt32();
       packetCache = get("packetCache", packetCache).toInt32();
       node.maxMessage = get("maxMessage", node.maxMessage).toInt64();
+      node.memoryBudget = get("memoryBudget", node.memoryBudget).toInt64();
+      node.stallTimeout = get("stallTimeout", node.stallTimeout).toInt32();
+      node.maxConnections = get("maxConnections", node.maxConnections).toInt32();
     }
   }
   if (node.netPass.empty()) node.netPass = "blankey";
@@ -132,8 +138,8 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
   node.SharedFolders.assign(1, typSharedFolder{});
   node.SharingFiles = false;
 
-  if (!Trim(sharedDir).empty()) ShareFolder(node, sharedDir);
-  UpdateConfirmTimer();
+  if (!Trim(sharedDir).empty()) ShareFolder(node.SharedFolders, node.SharingFiles, sharedDir);
+  TheModule().UpdateConfirmTimer();
 }
 
 }  // namespace
@@ -141,7 +147,7 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
 cQEL::cQEL() {
   Module& module = TheModule();
   if (!module.Initialised) module.Init();
-  module.Debug.CheckDebugMode(UserSettings(), module.LocalAddress);
+  CheckDebugMode(TheDebugLog(), UserSettings(), AdvertisedAddress());
   slotIndex = module.AddSlot(this);
   NodeState& node = module.SwitchSession(slotIndex, module.CurrentSlot >= 1);
   node.LocalAccount = AccountName();
@@ -182,7 +188,7 @@ void cQEL::Initialise(const std::string& nodeName, int32_t listenPort, enmRole R
 void cQEL::shareFolder(std::string strPath) {
   auto node = Enter(*this);
   try {
-    ShareFolder(*node, std::move(strPath));
+    ShareFolder(node->SharedFolders, node->SharingFiles, std::move(strPath));
   } catch (...) {
     ReportCurrentFault(*node);
   }
@@ -191,7 +197,13 @@ void cQEL::shareFolder(std::string strPath) {
 bool cQEL::Listen(int32_t lngPort) {
   auto node = Enter(*this);
   try {
-    return Connections::Get().ListenOnPort(*node, lngPort != 0 ? lngPort : node->ListenPort);
+    int32_t port = Connections::Get().ListenOnPort(*node, lngPort != 0 ? lngPort : node->ListenPort,
+                                                   node->Limits());
+    if (port == 0) return false;
+    node->Listening = true;
+    // A node told to take any free port advertises the one it got.
+    if (node->ListenPort == 0) node->ListenPort = port;
+    return true;
   } catch (const QelError& e) {
     if (e.Number == errors::kListenPortInUse) throw;  // misuse: the host hears of it
     ReportCurrentFault(*node);
@@ -205,7 +217,7 @@ bool cQEL::Connect(std::string strServer, bool isNodeID, bool bMaintain) {
   auto node = Enter(*this);
   try {
     if (isNodeID) strServer = ResolveAddress(*node, strServer);
-    return Connections::Get().ConnectTo(*node, strServer, bMaintain);
+    return Connections::Get().ConnectTo(*node, strServer, bMaintain, node->Limits());
   } catch (...) {
     ReportCurrentFault(*node);
   }
@@ -231,6 +243,7 @@ bool cQEL::DisconnectAll() {
     auto& connections = Connections::Get();
     // Closing a listener takes effect at once, so there is nothing to wait for.
     if (node->Listening) connections.CloseListeners(*node);
+    node->Listening = false;
     if (!node->Connected) return true;
     connections.CloseOwnedBy(*node);
     return true;
@@ -283,7 +296,7 @@ int32_t cQEL::ListenPort() {
 }
 
 std::string LocalAddress() {
-  return TheModule().LocalAddress;
+  return AdvertisedAddress();
 }
 
 void cQEL::switchRole(enmRole Role) {

@@ -1,4 +1,4 @@
-#include "files/paths.h"
+#include "protocol/percent.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,56 @@
+// What the connection table tells the node that owns a connection. The node
+// layer implements it; the table knows nothing else about nodes.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "protocol/message.h"
+
+namespace qel {
+
+// The limits a connection runs under, given by its owner when it listens or
+// dials and kept with the connection.
+struct LinkLimits {
+  // A message (header or body) longer than this closes the connection.
+  int64_t maxMessage = 67108864;
+  // How long a dial may take, in ms.
+  int32_t connectTimeoutMs = 500;
+  // Bytes the table may hold for all connections together (waiting to be
+  // sent, or received and not yet processed); past it the connection holding
+  // the most is closed.
+  int64_t memoryBudget = 268435456;
+  // A connection in the middle of a message that receives nothing for this
+  // long (ms) is closed.
+  int32_t stallTimeoutMs = 30000;
+  // Connections open in the process beyond which new requests are refused.
+  int32_t maxConnections = 1024;
+  // Without a port in the address, this port is dialled.
+  int32_t defaultPort = 0;
+};
+
+// How a link came up.
+enum class LinkKind { Accepted, Dialled, Redialled };
+
+class LinkOwner : public std::enable_shared_from_this<LinkOwner> {
+ public:
+  virtual ~LinkOwner() = default;
+
+  // False once the node has shut down: the table then leaves its
+  // connections alone and raises nothing.
+  virtual bool Alive() const = 0;
+  // A host at sourceIP asks to connect; true refuses it.
+  virtual bool OnLinkRequest(const std::string& sourceIP) = 0;
+  // Connection conn came up.
+  virtual void OnLinkUp(int32_t conn, LinkKind kind, const std::string& sourceIP) = 0;
+  // Connection conn closed; address and nodeID are what the table knew.
+  virtual void OnLinkDown(int32_t conn, const std::string& address, const std::string& nodeID) = 0;
+  // A complete message arrived on conn. May run the loop; may throw, which
+  // the table reports through OnLinkFault before closing that connection.
+  virtual void OnLinkMessage(int32_t conn, typMessage&& message) = 0;
+  // Something about one of the owner's connections the host should hear of.
+  virtual void OnLinkFault(const std::string& text) = 0;
+};
+
+}  // namespace qel

@@ -1,0 +1,58 @@
+#include "node/events.h"
+
+#include <cstdio>
+
+#include <qel/node.h>
+
+#include "core/debug_log.h"
+#include "core/fault.h"
+#include "node/node_state.h"
+
+namespace qel {
+namespace {
+
+template <typename Handler, typename... Args>
+void Raise(NodeState& node, const char* name, Handler cQEL::*event, Args&... args) {
+  if (!node.Owner || !(node.Owner->*event)) return;
+  auto handler = node.Owner->*event;
+  try {
+    handler(args...);
+  } catch (...) {
+    // The host's fault must not unwind the loop (it would leave sockets and
+    // timers half handled); it is told where the host looks for it.
+    std::string text =
+        std::string("QEL: the ") + name + " handler threw (" + DescribeCurrentFault() + ")";
+    if (TheDebugLog().Enabled()) {
+      TheDebugLog().Write(text);  // mirrored to stderr
+    } else {
+      std::fprintf(stderr, "%s\n", text.c_str());
+    }
+  }
+}
+
+}  // namespace
+
+void RaiseMessageReceived(NodeState& node, std::string strMessage, std::string strType,
+                          std::string nodeID) {
+  Raise(node, "MessageReceived", &cQEL::MessageReceived, strMessage, strType, nodeID);
+}
+
+void RaiseErrorEvent(NodeState& node, std::string strMessage, std::string nodeID) {
+  Raise(node, "Error", &cQEL::Error, strMessage, nodeID);
+}
+
+bool RaiseConnectionReq(NodeState& node, std::string SourceIP) {
+  bool Cancel = false;
+  Raise(node, "ConnectionReq", &cQEL::ConnectionReq, SourceIP, Cancel);
+  return Cancel;
+}
+
+void RaiseConnectionEstab(NodeState& node, std::string SourceIP) {
+  Raise(node, "ConnectionEstab", &cQEL::ConnectionEstab, SourceIP);
+}
+
+void RaiseConnectionClosed(NodeState& node, std::string SourceIP, std::string nodeID) {
+  Raise(node, "ConnectionClosed", &cQEL::ConnectionClosed, SourceIP, nodeID);
+}
+
+}  // namespace qel

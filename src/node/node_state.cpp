@@ -1,0 +1,58 @@
+#include "node/node_state.h"
+
+#include "net/connections.h"
+#include "node/events.h"
+#include "routing/discovery.h"
+#include "routing/incoming.h"
+#include "routing/report.h"
+
+namespace qel {
+
+bool NodeState::OnLinkRequest(const std::string& sourceIP) {
+  return RaiseConnectionReq(*this, sourceIP);
+}
+
+void NodeState::OnLinkUp(int32_t conn, LinkKind kind, const std::string& sourceIP) {
+  if (kind == LinkKind::Accepted) {
+    // The Connected flag is not updated here: classic nodes set it only when
+    // a connection of their own completes or any of theirs closes.
+    RaiseConnectionEstab(*this, sourceIP);
+    return;
+  }
+  Connected = Connections::Get().HasOpenLink(*this);
+  if (announceSelf) SendInfo(*this, "BROADCAST", conn);
+  if (kind == LinkKind::Redialled && Alive()) RaiseConnectionEstab(*this, sourceIP);
+}
+
+void NodeState::OnLinkDown(int32_t, const std::string& address, const std::string& nodeID) {
+  RaiseConnectionClosed(*this, address, nodeID);
+  Connected = Connections::Get().HasOpenLink(*this);
+}
+
+void NodeState::OnLinkMessage(int32_t conn, typMessage&& message) {
+  ProcessMessage(*this, std::move(message), conn);
+}
+
+void NodeState::OnLinkFault(const std::string& text) {
+  ReportError(*this, text);
+}
+
+void NodeState::RaiseError(std::string strMessage, std::string nodeID) {
+  RaiseErrorEvent(*this, std::move(strMessage), std::move(nodeID));
+}
+
+void NodeState::Deliver(typMessage& message, int32_t, const std::string& source, bool keepBody) {
+  if (message.MsgType == "MSG") {
+    std::string kind = GetSingleField(message.Fields, "Type");
+    std::string body = keepBody ? message.Body : std::move(message.Body);
+    if (kind == "ERROR") {
+      ReportError(*this, std::move(body), source);
+    } else {
+      RaiseMessageReceived(*this, std::move(body), std::move(kind), source);
+    }
+  }
+  // Other types belong to subsystems this node does not run yet, or to none:
+  // they are ignored without a reply.
+}
+
+}  // namespace qel

@@ -1,0 +1,45 @@
+// The state each node owns. It lives in the node's slot for the node's whole
+// life; the subsystems receive it, or the part of it they know, by reference.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <qel/settings.h>
+
+#include "files/shares.h"
+#include "routing/routing_node.h"
+
+namespace qel {
+
+class cQEL;
+
+struct NodeState final : RoutingNode {
+  int32_t FilePacketBytes = 0;
+
+  // Sharing.
+  std::vector<typSharedFolder> SharedFolders;
+
+  // Users: one section per user; the local account is added at creation.
+  cSettings Users;
+  std::string LocalAccount;
+
+  // The node object its events are raised on; null once it has shut down.
+  cQEL* Owner = nullptr;
+
+  // What the connection table reports.
+  bool Alive() const override { return Owner != nullptr; }
+  bool OnLinkRequest(const std::string& sourceIP) override;
+  void OnLinkUp(int32_t conn, LinkKind kind, const std::string& sourceIP) override;
+  void OnLinkDown(int32_t conn, const std::string& address, const std::string& nodeID) override;
+  void OnLinkMessage(int32_t conn, typMessage&& message) override;
+  void OnLinkFault(const std::string& text) override;
+
+  // What routing hands up.
+  void RaiseError(std::string strMessage, std::string nodeID) override;
+  void Deliver(typMessage& message, int32_t conn, const std::string& source,
+               bool keepBody) override;
+};
+
+}  // namespace qel

@@ -1,0 +1,80 @@
+// What routing knows of a node: its identity and announcement, its settings,
+// the identifiers it saw and the routes it learned, and the hooks through
+// which the node layer above hears what routing has for the host.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include <qel/types.h>
+
+#include "net/link_owner.h"
+#include "routing/node_entry.h"
+#include "routing/packet_cache.h"
+#include "routing/route_table.h"
+
+namespace qel {
+
+struct RoutingNode : LinkOwner {
+  // Identity, from Initialise.
+  std::string NodeID;
+  std::string Name;
+  enmRole Role = role_Peer;
+  std::string Descriptor;
+  int32_t ListenPort = 0;
+  // Announced in INFO; kept by the subsystems that own them.
+  bool SharingFiles = false;
+  std::string ActiveUser;
+
+  // Advanced settings. Before Initialise everything is zero, as the slot
+  // holds empty values until then.
+  int32_t Timeout = 0;
+  int32_t TTL = 0;
+  bool useComp = false;
+  bool seeSelf = false;
+  bool announceSelf = false;
+  bool confirmMode = false;
+  int32_t confirmTimeout = 0;
+  int32_t confirmRetry = 0;
+  int16_t maxRoutes = 0;
+  bool RoutingOn = false;
+  std::string EncryptionKey;
+  bool useEnc = false;
+  std::string netPass;
+  // Largest message a peer may send; longer ones close the connection.
+  int64_t maxMessage = 0;
+  // Limits of the node's connections (see LinkLimits).
+  int64_t memoryBudget = 0;
+  int32_t stallTimeout = 0;
+  int32_t maxConnections = 0;
+
+  // Identifiers of messages seen or sent, and the learned routes.
+  PacketCache SeenIDs;
+  RouteTable Routes;
+  // Nodes that answered this node's questions; position 0 is unused.
+  NodeTable NodeCache;
+
+  // Connection flags, kept by the node layer from the table's reports.
+  bool Listening = false;
+  bool Connected = false;
+
+  // The limits this node's connections run under.
+  LinkLimits Limits() const {
+    return {.maxMessage = maxMessage,
+            .connectTimeoutMs = Timeout,
+            .memoryBudget = memoryBudget,
+            .stallTimeoutMs = stallTimeout,
+            .maxConnections = maxConnections,
+            .defaultPort = ListenPort};
+  }
+
+  // Raises the node's Error event. May run the loop.
+  virtual void RaiseError(std::string strMessage, std::string nodeID) = 0;
+  // A message for this node whose type routing does not handle itself (MSG,
+  // and the types of the subsystems above). keepBody: the message is relayed
+  // afterwards, so its body must stay. May run the loop.
+  virtual void Deliver(typMessage& message, int32_t conn, const std::string& source,
+                       bool keepBody) = 0;
+};
+
+}  // namespace qel
