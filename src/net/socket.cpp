@@ -15,7 +15,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   Impl() : socket(IoContext()), resolver(IoContext()), connectTimer(IoContext()) {}
 
   void StartReading() {
-    if (readPending || paused) return;
+    if (readPending || paused || inMemory) return;
     readPending = true;
     // Allocated when reading starts, not with the socket: many sockets are
     // refused or closed before they read anything.
@@ -47,6 +47,13 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   }
 
   void ScheduleFlush() {
+    if (inMemory && !outgoing.empty()) {
+      const size_t n = outgoing.size();
+      inMemory->append(outgoing);
+      outgoing.clear();
+      if (auto h = handlers.onSent) h(n);
+      return;
+    }
     if (writing || flushPosted || outgoing.empty()) return;
     flushPosted = true;
     // Posted rather than written now, so every message queued in this turn
@@ -99,6 +106,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     std::string().swap(outgoing);
     spare.reset();
     readBuffer.reset();
+    inMemory.reset();
     socket.shutdown(tcp::socket::shutdown_both, ignored);
     socket.close(ignored);
     state = SocketState::Closed;
@@ -119,6 +127,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   uint64_t generation = 0;  // bumped on close: completions of older operations are ignored
   bool flushPosted = false;
   uint64_t connectAttempt = 0;
+  std::shared_ptr<std::string> inMemory;  // set by the test seam: where sent bytes go
 };
 
 Socket::Socket() : impl_(std::make_shared<Impl>()) {}
@@ -216,6 +225,16 @@ uint16_t Socket::LocalPort() const {
   std::error_code ec;
   auto endpoint = impl_->socket.local_endpoint(ec);
   return ec ? 0 : endpoint.port();
+}
+
+void Socket::ConnectInMemory(std::shared_ptr<std::string> sent) {
+  Close();
+  impl_->inMemory = sent ? std::move(sent) : std::make_shared<std::string>();
+  impl_->state = SocketState::Connected;
+}
+
+void Socket::ReceiveInMemory(std::string_view data) {
+  if (impl_->inMemory) impl_->OnRead({}, data);
 }
 
 struct Listener::Impl : std::enable_shared_from_this<Impl> {

@@ -68,6 +68,13 @@ class Socket {
   std::string RemoteHost() const;
   uint16_t LocalPort() const;
 
+  // Seam for tests and fuzzing: drops any real connection and becomes
+  // Connected without touching the network. What is sent is appended to
+  // *sent at once; ReceiveInMemory hands bytes to the data handler as a read
+  // would. Close() and Connect() work as usual and end the in-memory link.
+  void ConnectInMemory(std::shared_ptr<std::string> sent);
+  void ReceiveInMemory(std::string_view data);
+
  private:
   friend class Listener;
   struct Impl;
