@@ -13,9 +13,8 @@
 namespace qel {
 namespace {
 
-// Other nodes size zlib's output buffer as n * 1.01 + n + 12: generous for
-// compression, and for inflation it lets a body a little longer than its
-// announced length through.
+// Room for compress2's output: n * 1.01 + n + 12, as other nodes size it;
+// always enough, even for data that does not compress.
 uLongf Capacity(int64_t n) {
   return static_cast<uLongf>(
       std::llround(static_cast<double>(n) * 1.01 + static_cast<double>(n) + 12.0));
@@ -69,13 +68,20 @@ void CompressBody(std::string& data, int level) {
 
 DecodeResult UncompressBody(std::string& data, int64_t originalLength, int64_t maxLength) {
   if (originalLength < 0 || originalLength > maxLength) return DecodeResult::TooLarge;
-  uLongf capacity = Capacity(originalLength);
-  auto out = std::make_unique_for_overwrite<Bytef[]>(capacity);
-  int rc = uncompress(out.get(), &capacity, reinterpret_cast<const Bytef*>(data.data()),
-                      static_cast<uLong>(data.size()));
+  // The claim bounds the output, so a sender cannot make the node allocate
+  // more than the limit it accepted; whatever inflates past it is corrupt.
+  std::string out(static_cast<size_t>(originalLength), '\0');
+  uLongf length = static_cast<uLongf>(originalLength);
+  int rc = uncompress(reinterpret_cast<Bytef*>(out.data()), &length,
+                      reinterpret_cast<const Bytef*>(data.data()), static_cast<uLong>(data.size()));
   if (rc == Z_MEM_ERROR) throw std::bad_alloc();
   if (rc != Z_OK) return DecodeResult::Corrupt;
-  data.assign(reinterpret_cast<const char*>(out.get()), capacity);
+  if (length < out.size()) {
+    // A claim larger than the body must not keep its memory.
+    out.resize(length);
+    out.shrink_to_fit();
+  }
+  data = std::move(out);
   return DecodeResult::Ok;
 }
 

@@ -27,10 +27,11 @@ enum class DecodeResult {
 };
 
 // Replaces data with its inflated form. originalLength is the sender's claim
-// and only sizes the buffer (about twice originalLength, so a few bytes more
-// are accepted); a claim above maxLength is refused before anything is
-// allocated. Unlike older nodes, a zlib error is reported instead of taking
-// whatever was left in the buffer. data is unchanged unless the result is Ok.
+// and the most it may inflate to: output that does not fit is Corrupt, output
+// that falls short is accepted. A claim above maxLength is refused before
+// anything is allocated. Unlike older nodes, a zlib error is reported instead
+// of taking whatever was left in the buffer. data is unchanged unless the
+// result is Ok.
 DecodeResult UncompressBody(std::string& data, int64_t originalLength, int64_t maxLength);
 
 struct EncodeOptions {
