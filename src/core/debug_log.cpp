@@ -19,14 +19,20 @@ void DebugLog::Open(std::string firstLine) {
 }
 
 void DebugLog::Write(std::string_view line) {
-  // The trim counts only the new line's own characters, not its line break,
-  // so the text may stand a little over the limit.
-  if (text_.size() + line.size() > kLimit) {
-    size_t keep = text_.size() > line.size() ? text_.size() - line.size() : 0;
-    text_.erase(0, text_.size() - keep);
+  // A line longer than the whole log would push everything else out and
+  // still not fit; it is cut (and marked) to what the log can hold.
+  constexpr std::string_view kBreak = "\r\n";
+  constexpr std::string_view kCut = " [...]";
+  std::string cut;
+  if (line.size() + kBreak.size() > kLimit) {
+    cut.reserve(kLimit - kBreak.size());
+    cut.append(line.substr(0, kLimit - kBreak.size() - kCut.size())).append(kCut);
+    line = cut;
   }
+  const size_t added = line.size() + kBreak.size();
+  if (text_.size() + added > kLimit) text_.erase(0, text_.size() + added - kLimit);
   text_.append(line);
-  text_.append("\r\n");
+  text_.append(kBreak);
   std::fwrite(line.data(), 1, line.size(), stderr);
   std::fputc('\n', stderr);
 }

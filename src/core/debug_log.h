@@ -1,4 +1,4 @@
-// The process-wide debug log: an in-memory text of about the last 32000
+// The process-wide debug log: an in-memory text of at most the last 32000
 // characters, mirrored line by line to stderr.
 #pragma once
 
@@ -17,7 +17,9 @@ class DebugLog {
   // on it stays on.
   void Open(std::string firstLine);
 
-  // Appends one line. Callers test Enabled() first.
+  // Appends one line, dropping the oldest text so the log stays within
+  // kLimit; a line that alone would not fit is cut, here and on stderr.
+  // Callers test Enabled() first.
   void Write(std::string_view line);
 
   const std::string& Text() const { return text_; }

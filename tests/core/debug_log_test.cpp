@@ -2,27 +2,25 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 namespace qel {
 namespace {
 
-std::string TempStore(const std::string& name) {
-  auto path = std::filesystem::path(testing::TempDir()) / name / "settings.xml";
-  std::filesystem::remove_all(path.parent_path());
-  return path.string();
-}
-
-TEST(DebugLogTest, TrimDropsAsManyOldCharactersAsTheNewLineHas) {
+TEST(DebugLogTest, AnOversizeLineIsCutAndOlderLinesGiveWay) {
   DebugLog log;
   log.EnableForTest();
-  log.Write(std::string(31988, 'a'));  // 31990 with its line break
-  ASSERT_EQ(log.Text().size(), 31990u);
-  log.Write(std::string(20, 'b'));
-  EXPECT_EQ(log.Text().size(), 31990u - 20 + 22);
-  EXPECT_TRUE(log.Text().ends_with(std::string(20, 'b') + "\r\n"));
-  for (int i = 0; i < 100; ++i) log.Write(std::string(1000, 'c'));
-  EXPECT_LE(log.Text().size(), DebugLog::kLimit + 1002);
+  log.Write("old line");
+  testing::internal::CaptureStderr();
+  log.Write(std::string(DebugLog::kLimit * 2, 'x'));
+  EXPECT_LE(testing::internal::GetCapturedStderr().size(), DebugLog::kLimit);
+  EXPECT_LE(log.Text().size(), DebugLog::kLimit);
+  EXPECT_TRUE(log.Text().starts_with("xxx"));
+
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 100; ++i) log.Write(std::string(999, static_cast<char>('a' + i % 26)));
+  testing::internal::GetCapturedStderr();
+  EXPECT_LE(log.Text().size(), DebugLog::kLimit);
+  EXPECT_TRUE(log.Text().ends_with(std::string(999, 'v') + "\r\n"));
+  EXPECT_EQ(log.Text().find(std::string(1000, 'x')), std::string::npos);
 }
 
 }  // namespace
