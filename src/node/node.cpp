@@ -14,6 +14,7 @@
 #include "net/local_address.h"
 #include "node/module.h"
 #include "node/node_access.h"
+#include "routing/confirm.h"
 #include "routing/discovery.h"
 #include "routing/outgoing.h"
 #include "routing/report.h"
@@ -308,6 +309,8 @@ void cQEL::ShutDown() {
   auto node = Enter(*this);
   DisconnectAll();
   if (slotIndex < 1) return;  // a handler of the closing connections shut it down already
+  // Nobody is left to resend them or to hear that they were lost.
+  DropConfirmations(*node);
   int32_t start = slotIndex;
   slotIndex = -1;
   TheModule().RemoveSlot(start);

@@ -1,6 +1,8 @@
 #include "routing/confirm.h"
 
+#include <deque>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "net/event_loop.h"
@@ -17,7 +19,7 @@ struct Entry {
 };
 
 struct Queue {
-  std::vector<Entry> entries;
+  std::deque<Entry> entries;
 };
 
 Queue& TheQueue() {
@@ -25,13 +27,27 @@ Queue& TheQueue() {
   return *queue;
 }
 
+std::shared_ptr<RoutingNode> OwnerOf(const Entry& entry) {
+  return std::static_pointer_cast<RoutingNode>(entry.owner.lock());
+}
+
 void Write(Entry& entry, RoutingNode& fallback) {
-  auto owner = std::static_pointer_cast<RoutingNode>(entry.owner.lock());
+  auto owner = OwnerOf(entry);
   RoutingNode& node = owner ? *owner : fallback;
   Transmit(node, entry.packet.Text, -1, entry.packet.ViaConn, entry.packet.Destination);
   entry.packet.Sent = true;
   entry.packet.SentTick = TickCount();
   ++entry.packet.SendCount;
+}
+
+// A message to destination left the queue unconfirmed: the next one held
+// behind it goes out now, along its own node's routes.
+void ReleaseNext(const std::string& destination) {
+  for (Entry& next : TheQueue().entries) {
+    if (next.packet.Destination != destination) continue;
+    if (auto owner = OwnerOf(next); owner && !next.packet.Sent) Write(next, *owner);
+    return;
+  }
 }
 
 bool CanSendNow(const std::string& destination) {
@@ -66,10 +82,26 @@ bool ScanOnce(RoutingNode& node) {
 }  // namespace
 
 void QueueConfirmable(RoutingNode& node, PendingPacket packet) {
-  const bool now = CanSendNow(packet.Destination);
   auto& entries = TheQueue().entries;
+  // Destinations that never confirm must not grow the queue without end.
+  std::optional<Entry> dropped;
+  if (entries.size() >= kMaxPendingConfirmations) {
+    dropped = std::move(entries.front());
+    entries.pop_front();
+  }
+  const bool now = CanSendNow(packet.Destination);
   entries.push_back({std::move(packet), node.weak_from_this()});
   if (now) Write(entries.back(), node);
+  if (!dropped) return;
+  // Reported last: the owner's Error handler may run the loop and queue more.
+  const PendingPacket& p = dropped->packet;
+  ReleaseNext(p.Destination);
+  if (auto owner = OwnerOf(*dropped)) {
+    ReportError(*owner,
+                p.MsgType + " packet [ID: " + p.ID + "] to " + p.Destination +
+                    " dropped: the confirmation queue is full",
+                p.Destination);
+  }
 }
 
 void ConfirmReceived(RoutingNode& node, const std::string& destination, const std::string& id) {
@@ -92,6 +124,21 @@ void ConfirmReceived(RoutingNode& node, const std::string& destination, const st
 void ScanConfirmations(RoutingNode& node) {
   while (node.Alive() && ScanOnce(node)) {
   }
+}
+
+void DropConfirmations(const RoutingNode& node) {
+  auto& entries = TheQueue().entries;
+  std::vector<std::string> released;
+  for (auto it = entries.begin(); it != entries.end();) {
+    auto owner = it->owner.lock();
+    if (owner.get() == &node) {
+      if (it->packet.Sent) released.push_back(it->packet.Destination);
+      it = entries.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  for (const std::string& destination : released) ReleaseNext(destination);
 }
 
 size_t PendingCount() {

@@ -1,6 +1,7 @@
 // Messages awaiting a delivery confirmation, shared by every node.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -19,8 +20,13 @@ struct PendingPacket {
   int32_t SendCount = 0;
 };
 
+// The most messages the queue holds, for all nodes together.
+constexpr size_t kMaxPendingConfirmations = 4096;
+
 // Queues a confirmable message; it is written now unless an earlier one to
-// the same destination is still unconfirmed.
+// the same destination is still unconfirmed. When the queue is full the
+// oldest message is given up and reported through its node's Error event
+// (which may run the loop).
 void QueueConfirmable(RoutingNode& node, PendingPacket packet);
 
 // A CONFIRM for message id arrived from destination: settle it and release
@@ -31,6 +37,10 @@ void ConfirmReceived(RoutingNode& node, const std::string& destination, const st
 // sent confirmRetry + 1 times. Every node with confirmation on scans the
 // whole shared queue with its own timeout and retry count, as other nodes do.
 void ScanConfirmations(RoutingNode& node);
+
+// Forgets node's messages, as it shuts down; what waited behind them for the
+// same destination is written now. Raises no events.
+void DropConfirmations(const RoutingNode& node);
 
 // Test view of the queue.
 size_t PendingCount();

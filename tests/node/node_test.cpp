@@ -3,12 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <memory>
 #include <sstream>
 
 #include <qel/settings.h>
 
+#include "net/event_loop.h"
 #include "node/module.h"
 #include "node/node_access.h"
+#include "routing/confirm.h"
 
 namespace qel {
 namespace {
@@ -149,6 +152,40 @@ TEST(NodeEventsTest, AHandlerMayDestroyItsOwnNodeAndSwitchRoleChangesOnlyTheRole
   node->Initialise("theta", 0, role_Peer, "", "", Common({"filePacket=3000000"}));
   EXPECT_EQ(calls, 1);
   EXPECT_EQ(node, nullptr);
+}
+
+TEST(NodeConfirmTest, AFullQueueGivesUpTheOldestAndShutDownDropsTheNodesOwn) {
+  ASSERT_EQ(PendingCount(), 0u);
+  auto first = std::make_unique<cQEL>();
+  std::vector<std::string> errors;
+  first->Error = [&](std::string& message, std::string& nodeID) {
+    errors.push_back(message + " | " + nodeID);
+  };
+  first->Initialise("kappa", 0, role_Peer, "", "", Common({"confirmMode=True"}));
+  for (size_t i = 0; i <= kMaxPendingConfirmations; ++i) first->SendMessage("m", "NOBODY");
+  EXPECT_EQ(PendingCount(), kMaxPendingConfirmations);
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_TRUE(errors[0].starts_with("MSG packet [ID: ")) << errors[0];
+  EXPECT_TRUE(errors[0].ends_with("] to NOBODY dropped: the confirmation queue is full | NOBODY"))
+      << errors[0];
+  first->ShutDown();
+  EXPECT_EQ(PendingCount(), 0u);
+
+  // Another node's message held behind a dropped one goes out, and so can be
+  // given up when nothing confirms it.
+  first = std::make_unique<cQEL>();
+  first->Initialise("kappa", 0, role_Peer, "", "", Common({"confirmMode=True"}));
+  first->SendMessage("m", "NOBODY");
+  cQEL second;
+  second.Error = [&](std::string& message, std::string&) { errors.push_back(message); };
+  second.Initialise("lambda", 0, role_Peer, "", "",
+                    Common({"confirmMode=True", "confirmTimeout=50", "confirmRetry=0"}));
+  second.SendMessage("held", "NOBODY");
+  first.reset();
+  EXPECT_EQ(PendingCount(), 1u);
+  ASSERT_TRUE(RunUntil([&] { return errors.size() == 2; }, 10000));
+  EXPECT_TRUE(errors[1].ends_with("] could not be delivered to NOBODY")) << errors[1];
+  EXPECT_EQ(PendingCount(), 0u);
 }
 
 }  // namespace
