@@ -27,6 +27,16 @@ std::string ReadText(cSettings& body, const char* key) {
   }
 }
 
+// Peers choose what they announce and the IDs they announce it under; the
+// node cache bounds how many entries it keeps and this bounds each value, so
+// the cache's size has a bound too.
+constexpr size_t kMaxInfoValue = 4096;
+
+std::string Capped(std::string value) {
+  // substr, not resize: a long value must not keep its memory.
+  return value.size() > kMaxInfoValue ? value.substr(0, kMaxInfoValue) : value;
+}
+
 // The process-wide list keeps at most kKnownNodeLimit + 1 places; when full,
 // everything moves down one and the oldest place is dropped.
 constexpr int32_t kKnownNodeLimit = 20;
@@ -166,7 +176,7 @@ void OnWhois(RoutingNode& node, const typMessage& message) {
 }
 
 void OnInfo(RoutingNode& node, const typMessage& message, int32_t conn) {
-  const std::string sender = GetSingleField(message.Fields, "Source");
+  const std::string sender = Capped(GetSingleField(message.Fields, "Source"));
   const int32_t index = node.NodeCache.FindOrAdd(sender);
   cSettings body;
   try {
@@ -176,21 +186,21 @@ void OnInfo(RoutingNode& node, const typMessage& message, int32_t conn) {
   }
   NodeEntry& entry = node.NodeCache[index];
   entry.ID = sender;
-  entry.Name = ReadText(body, "Name");
-  entry.Descriptor = ReadText(body, "Descriptor");
-  entry.Address = ReadText(body, "Address");
+  entry.Name = Capped(ReadText(body, "Name"));
+  entry.Descriptor = Capped(ReadText(body, "Descriptor"));
+  entry.Address = Capped(ReadText(body, "Address"));
   try {
     entry.Role = static_cast<enmRole>(Variant(ReadText(body, "Role")).toInt32());
   } catch (...) {
     entry.Role = role_Peer;
   }
-  entry.EncryptionKey = ReadText(body, "Encryption-Key");
+  entry.EncryptionKey = Capped(ReadText(body, "Encryption-Key"));
   try {
     entry.sharingFiles = Variant(ReadText(body, "Sharing-Files")).toBool();
   } catch (...) {
     entry.sharingFiles = false;
   }
-  entry.activeUser = ReadText(body, "Active-User");
+  entry.activeUser = Capped(ReadText(body, "Active-User"));
   entry.directConn = GetSingleField(message.Fields, "Hops") == "0";
   auto& connections = Connections::Get();
   if (entry.directConn && conn >= 1 && conn <= connections.Count()) {
