@@ -114,7 +114,9 @@ class QEL_API cQEL {
 
   // Events. Parameters are references: a handler may change the ones QEL
   // reads back. A handler may call any method of any node, or destroy this
-  // node object.
+  // node object. An exception a handler throws stops at QEL: it is written to
+  // stderr (and the debug log) as "QEL: the <event> handler threw (...)", the
+  // event counts as handled and the node goes on.
 
   // A message for this node arrived: its text, its Type field, its sender.
   std::function<void(std::string& strMessage, std::string& strType, std::string& nodeID)>
