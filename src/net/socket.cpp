@@ -1,6 +1,7 @@
 #include "net/socket.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 
 #include "net/asio_context.h"
@@ -246,8 +247,10 @@ struct Listener::Impl : std::enable_shared_from_this<Impl> {
         onAcceptError(std::move(acceptError)) {}
 
   static bool OutOfResources(const std::error_code& ec) {
-    return ec == std::errc::too_many_files_open || ec == std::errc::too_many_files_open_in_system ||
-           ec == std::errc::no_buffer_space || ec == std::errc::not_enough_memory;
+    // Asio's own system category does not compare equal to std::errc.
+    if (ec.category() != asio::error::get_system_category()) return false;
+    const int e = ec.value();
+    return e == EMFILE || e == ENFILE || e == ENOBUFS || e == ENOMEM;
   }
 
   void AcceptNext() {

@@ -2,6 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <qel/event_loop.h>
 
 #include "net/event_loop.h"
@@ -89,6 +95,34 @@ TEST(SocketTest, AHandlerMayDestroyItsSocket) {
   server.accepted[0]->Send("boom");
   ASSERT_TRUE(RunUntil([&] { return client == nullptr; }, kDeadlineMs));
   DoEvents(10);
+}
+
+// Accepting without descriptors fails at once and would fail again at once:
+// the listener must wait instead of spinning, say so once, and recover. Run
+// in a child process, whose descriptor limit it lowers.
+[[noreturn]] void AcceptUnderDescriptorLimit() {
+  int errors = 0;
+  std::vector<std::unique_ptr<Socket>> accepted;
+  Listener listener([&](std::unique_ptr<Socket> s) { accepted.push_back(std::move(s)); },
+                    [&](const std::error_code&) { ++errors; });
+  if (listener.Listen(0)) std::_Exit(10);
+  int client = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in to{.sin_family = AF_INET, .sin_port = htons(listener.LocalPort())};
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(client, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) std::_Exit(11);
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit full{static_cast<rlim_t>(dup(0)), limit.rlim_max};  // the next free one
+  setrlimit(RLIMIT_NOFILE, &full);
+  // A spinning accept never lets these return.
+  for (int i = 0; i < 5; ++i) DoEvents(Listener::kAcceptBackoffMs);
+  if (errors != 1 || !accepted.empty()) std::_Exit(12);
+  setrlimit(RLIMIT_NOFILE, &limit);
+  std::_Exit(RunUntil([&] { return accepted.size() == 1; }, kDeadlineMs) ? 0 : 13);
+}
+
+TEST(SocketTest, AcceptingWithoutDescriptorsBacksOffAndRecovers) {
+  EXPECT_EXIT(AcceptUnderDescriptorLimit(), testing::ExitedWithCode(0), "");
 }
 
 // Post, RunEventLoop and StopEventLoop drive the qel console; qel_node_test

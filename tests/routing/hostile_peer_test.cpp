@@ -53,9 +53,8 @@ struct RawPeer {
 std::string Message(const std::string& body, const std::string& extraFields = "",
                     const std::string& id = "", int ttl = 1) {
   static int counter = 0;
-  return "MSG  QEL/2.1\r\nDestination: BROADCAST\r\nSource: RAW\r\nTTL: " +
-         std::to_string(ttl) + "\r\nID: RAW" +
-         (id.empty() ? std::to_string(++counter) : id) + "\r\n" + extraFields +
+  return "MSG  QEL/2.1\r\nDestination: BROADCAST\r\nSource: RAW\r\nTTL: " + std::to_string(ttl) +
+         "\r\nID: RAW" + (id.empty() ? std::to_string(++counter) : id) + "\r\n" + extraFields +
          "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
@@ -97,15 +96,16 @@ TEST(HostilePeerTest, UndecodableBodiesAreDroppedAndTheConnectionStays) {
   // Not delivered here, but relayed as it came.
   peer.socket.Send(
       Message("not zlib either", "Flags: Z,\r\nOriginal-Length: 10\r\n", "CORRUPT", 2));
-  ASSERT_TRUE(RunUntil([&] { return relayed.find("not zlib either") != std::string::npos; },
-                       kDeadlineMs));
+  ASSERT_TRUE(
+      RunUntil([&] { return relayed.find("not zlib either") != std::string::npos; }, kDeadlineMs));
   EXPECT_NE(relayed.find("ID: RAWCORRUPT"), std::string::npos);
   EXPECT_EQ(target.errors.size(), 3u);
   target.errors.pop_back();
 
   // A resource that does not decode is reported, and the message still counts.
-  peer.socket.Send("MSG %zz QEL/2.1\r\nDestination: BROADCAST\r\nSource: RAW\r\nTTL: 1\r\n"
-                   "ID: RAWRES\r\nContent-Length: 5\r\n\r\nafter");
+  peer.socket.Send(
+      "MSG %zz QEL/2.1\r\nDestination: BROADCAST\r\nSource: RAW\r\nTTL: 1\r\n"
+      "ID: RAWRES\r\nContent-Length: 5\r\n\r\nafter");
   ASSERT_TRUE(RunUntil([&] { return target.messages.size() == 2; }, kDeadlineMs));
   EXPECT_EQ(target.messages[1], "after");
   ASSERT_EQ(target.errors.size(), 3u);
@@ -139,8 +139,9 @@ TEST(HostilePeerTest, APeerThatStopsReadingIsCutOffOnceItsQueueIsFull) {
   }
   ASSERT_TRUE(RunUntil([&] { return target.closed == 1; }, kDeadlineMs)) << target.errors.size();
   ASSERT_EQ(target.errors.size(), 1u);
-  EXPECT_TRUE(target.errors[0].starts_with("Connection to 127.0.0.1 closed: more than 265536 "
-                                           "bytes waiting to be sent"))
+  EXPECT_TRUE(
+      target.errors[0].starts_with("Connection to 127.0.0.1 closed: more than 265536 "
+                                   "bytes waiting to be sent"))
       << target.errors[0];
   close(stuck);
 
@@ -149,6 +150,87 @@ TEST(HostilePeerTest, APeerThatStopsReadingIsCutOffOnceItsQueueIsFull) {
   target.node.SendMessage("after", "BROADCAST");
   ASSERT_TRUE(RunUntil([&] { return calmBytes > before; }, kDeadlineMs));
   EXPECT_FALSE(calm.closedByNode);
+}
+
+TEST(HostilePeerTest, StalledSendersAreClosedAndIdlePeersStay) {
+  cSettings settings;
+  settings.SaveSetting("stallTimeout", 200);
+  Target target(settings.getXML());
+  RawPeer idle(target), halfHeader(target), halfBody(target);
+  halfHeader.socket.Send("MSG  QEL/2.1\r\nDestinat");
+  halfBody.socket.Send(Message("0123456789").substr(0, Message("0123456789").size() - 4));
+  ASSERT_TRUE(
+      RunUntil([&] { return halfHeader.closedByNode && halfBody.closedByNode; }, kDeadlineMs));
+  ASSERT_EQ(target.errors.size(), 2u);
+  EXPECT_NE(target.errors[0].find("nothing received for 200 ms in the middle of a message"),
+            std::string::npos)
+      << target.errors[0];
+  // Idle for as long, but with nothing half sent: still served.
+  idle.socket.Send(Message("still here"));
+  ASSERT_TRUE(RunUntil([&] { return target.messages.size() == 1; }, kDeadlineMs));
+  EXPECT_FALSE(idle.closedByNode);
+}
+
+TEST(HostilePeerTest, BodiesPastTheMemoryBudgetCloseTheLargestHolder) {
+  cSettings settings;
+  settings.SaveSetting("memoryBudget", 1 << 20);
+  Target target(settings.getXML());
+  RawPeer small(target), large(target);
+  small.socket.Send(Message(std::string(300000, 's')).substr(0, 200000));
+  const std::string big = Message(std::string(3 << 20, 'b'));
+  large.socket.Send(big.substr(0, 2 << 20));
+  ASSERT_TRUE(RunUntil([&] { return large.closedByNode; }, kDeadlineMs));
+  ASSERT_FALSE(target.errors.empty());
+  EXPECT_NE(target.errors[0].find("more than memoryBudget (1048576)"), std::string::npos)
+      << target.errors[0];
+  // The smaller holder was spared and completes its message.
+  small.socket.Send(Message(std::string(300000, 's')).substr(200000));
+  ASSERT_TRUE(RunUntil([&] { return target.messages.size() == 1; }, kDeadlineMs));
+  EXPECT_FALSE(small.closedByNode);
+}
+
+TEST(HostilePeerTest, ConnectionsPastMaxConnectionsAreRefusedAndSaidOnce) {
+  cSettings settings;
+  settings.SaveSetting("maxConnections", 2);
+  Target target(settings.getXML());
+  RawPeer first(target), second(target);
+  std::vector<std::unique_ptr<Socket>> extra;
+  int refused = 0;
+  for (int i = 0; i < 3; ++i) {
+    auto& s = *extra.emplace_back(std::make_unique<Socket>());
+    s.SetHandlers({.onPeerClosed = [&] { ++refused; }});
+    s.Connect("127.0.0.1", static_cast<uint16_t>(target.node.ListenPort()));
+  }
+  ASSERT_TRUE(RunUntil([&] { return refused == 3; }, kDeadlineMs));
+  ASSERT_EQ(target.errors.size(), 1u);
+  EXPECT_EQ(target.errors[0],
+            "Connection from 127.0.0.1 refused: 2 connections are open "
+            "(maxConnections)");
+  EXPECT_EQ(target.accepted, 2);
+  first.socket.Send(Message("served"));
+  ASSERT_TRUE(RunUntil([&] { return target.messages.size() == 1; }, kDeadlineMs));
+}
+
+TEST(HostilePeerTest, MessagesBehindAWaitingHandlerQueueInsteadOfNesting) {
+  cSettings settings;
+  settings.SaveSetting("Timeout", 20);
+  Target target(settings.getXML());
+  int active = 0, deepest = 0;
+  std::vector<std::string> order;
+  target.node.MessageReceived = [&](std::string& text, std::string&, std::string&) {
+    order.push_back(text);
+    deepest = std::max(deepest, ++active);
+    target.node.GetNodeInfo("NOBODY", false);  // waits Timeout, running the loop
+    --active;
+  };
+  RawPeer peer(target);
+  std::string burst;
+  for (int i = 0; i < 12; ++i) burst += Message(std::to_string(i));
+  peer.socket.Send(burst);
+  ASSERT_TRUE(RunUntil([&] { return order.size() == 12 && active == 0; }, kDeadlineMs));
+  // One level for answers the waiting handler may need; never one per message.
+  EXPECT_LE(deepest, 2);
+  for (int i = 0; i < 12; ++i) EXPECT_EQ(order[i], std::to_string(i));
 }
 
 TEST(HostilePeerTest, RandomBytesNeverBringTheNodeDown) {

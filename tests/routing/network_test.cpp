@@ -1,6 +1,11 @@
 // Nodes in one process talking over loopback.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <qel/qel.h>
 
 #include "net/event_loop.h"
@@ -207,6 +212,32 @@ TEST(NetworkTest, MaintainedLinksAreRedialledWhenTheyDrop) {
   EXPECT_TRUE(b.node.DisconnectFrom(address));
   EXPECT_FALSE(b.node.isConnected());
   EXPECT_EQ(b.established.size(), 1u);
+}
+
+TEST(NetworkTest, ADialThatHangsNeverBlocksTheLoop) {
+  Peer b("b", Settings({{"Timeout", 5000}}));
+  // A listener that never accepts: once one connection waits in its queue,
+  // the kernel drops further dials' handshakes and they hang.
+  int far = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in at{.sin_family = AF_INET};
+  at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof at;
+  ASSERT_EQ(bind(far, reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
+  ASSERT_EQ(listen(far, 0), 0);
+  getsockname(far, reinterpret_cast<sockaddr*>(&at), &size);
+  const std::string address = "127.0.0.1:" + std::to_string(ntohs(at.sin_port));
+  ASSERT_TRUE(b.node.Connect(address, false, true));
+  int link = accept(far, nullptr, nullptr);
+  int filler = socket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_EQ(connect(filler, reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
+  // The drop makes b dial again; the dial hangs for its Timeout, and the
+  // loop goes on meanwhile.
+  close(link);
+  const int64_t start = TickCount();
+  ASSERT_TRUE(RunUntil([&] { return b.closed.size() == 1; }, kDeadlineMs));
+  EXPECT_LT(TickCount() - start, 2500);
+  close(filler);
+  close(far);
 }
 
 }  // namespace
