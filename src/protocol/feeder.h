@@ -23,7 +23,7 @@ class MessageFeeder {
   };
 
   enum class Outcome {
-    Ok,             // everything consumed (or a malformed header dropped)
+    Ok,             // everything consumed (malformed headers dropped)
     HeaderTooLong,  // the peer is not speaking the protocol; close it
     BodyTooLong,    // the announced body is over the limit; close it
   };
@@ -33,8 +33,8 @@ class MessageFeeder {
 
   // Consumes data, calling onMessage(typMessage&&) once per message completed,
   // with the message moved out and the feeder already waiting for the next.
-  // A malformed header drops that message and the rest of data (the next call
-  // starts a fresh message) and is counted. HeaderTooLong and BodyTooLong
+  // A malformed header drops that message up to its empty line (it carries
+  // no body) and is counted; parsing goes on after it. HeaderTooLong and BodyTooLong
   // drop the message in progress and the rest of data. onMessage must not call
   // Feed or destroy the feeder; anything it throws propagates with the rest of
   // data unconsumed.
@@ -48,8 +48,12 @@ class MessageFeeder {
           if (data.empty()) return Outcome::Ok;
           break;
         }
-        case StepResult::NeedMore:
         case StepResult::Dropped:
+          // Only that header is lost: the next message starts right after
+          // its empty line, wherever the stream was cut.
+          if (data.empty()) return Outcome::Ok;
+          break;
+        case StepResult::NeedMore:
           return Outcome::Ok;
         case StepResult::HeaderTooLong:
           return Outcome::HeaderTooLong;
