@@ -1,9 +1,13 @@
 #include "routing/outgoing.h"
 
+#include <algorithm>
+#include <optional>
+
 #include <qel/variant.h>
 
 #include "core/new_id.h"
 #include "core/stats.h"
+#include "core/text.h"
 #include "net/connections.h"
 #include "protocol/body.h"
 #include "routing/confirm.h"
@@ -19,23 +23,39 @@ bool IsEmpty(const FieldList& fields, std::string_view name) {
   return !value || value->empty();
 }
 
+// The value of the first field called name, added empty at the end when there
+// is none. Relays rewrite TTL, Hops and Route through this rather than
+// SetField: a peer may also send the name as an array (TTL-Max ...), which
+// SetField refuses, and a relay must not fail on what a peer wrote.
+std::string& PlainField(FieldList& fields, std::string_view name) {
+  for (size_t i = 1; i < fields.size(); ++i) {
+    if (EqualsNoCase(fields[i].Name, name)) return fields[i].Value;
+  }
+  if (fields.empty()) fields = NewFieldList();
+  return fields.emplace_back(typField{std::string(name), std::string()}).Value;
+}
+
 // Adds this node to the message's Route: appended to a route the message
 // already has, or starting one when routes are recorded.
 void ExtendRoute(RoutingNode& node, typMessage& message) {
-  if (!IsEmpty(message.Fields, "Route")) {
-    AppendField(message.Fields, "Route", node.NodeID, ",");
-  } else if (node.Routes.Enabled()) {
-    SetField(message.Fields, "Route", Variant(node.NodeID + ","));
-  }
+  if (IsEmpty(message.Fields, "Route") && !node.Routes.Enabled()) return;
+  PlainField(message.Fields, "Route").append(node.NodeID).append(",");
 }
 
-int64_t NumberOr(const std::string* text, int64_t fallback) {
-  if (!text) return fallback;
-  try {
-    return Variant(*text).toInt64();
-  } catch (...) {
-    return fallback;
-  }
+// Hop counts only grow, and a peer may start one anywhere: it stops at the
+// top instead of wrapping.
+int64_t NextHops(const std::string* text) {
+  const int64_t hops = text ? ParseLength(*text).value_or(0) : 0;
+  return hops == INT64_MAX ? hops : hops + 1;
+}
+
+// The TTL a relay passes on, or 0 when the message goes no further. No
+// message lives longer here than one this node starts, so a peer's huge TTL
+// cannot keep it circling a loop.
+int64_t NextTTL(const RoutingNode& node, const std::string* text) {
+  const std::optional<int64_t> ttl = text ? ParseLength(*text) : std::nullopt;
+  if (!ttl || *ttl < 1) return 0;
+  return std::max<int64_t>(std::min<int64_t>(*ttl - 1, int64_t{node.TTL} - 1), 0);
 }
 
 }  // namespace
@@ -105,11 +125,12 @@ void SendPacket(RoutingNode& node, typMessage& message, int32_t viaConn) {
 }
 
 void ForwardPacket(RoutingNode& node, typMessage& message, int32_t fromConn) {
-  int64_t ttl = NumberOr(FindField(message.Fields, "TTL"), 0);
-  if (ttl <= 1) return;
   FieldList& fields = message.Fields;
-  SetField(fields, "TTL", Variant(ttl - 1));
-  SetField(fields, "Hops", Variant(NumberOr(FindField(fields, "Hops"), 0) + 1));
+  const int64_t ttl = NextTTL(node, FindField(fields, "TTL"));
+  if (ttl < 1) return;
+  const int64_t hops = NextHops(FindField(fields, "Hops"));
+  PlainField(fields, "TTL") = std::to_string(ttl);
+  PlainField(fields, "Hops") = std::to_string(hops);
   ExtendRoute(node, message);
   std::string text = SerialiseMessage(message);
   // Relays always flood: the split horizon and the duplicate cache are what

@@ -21,8 +21,12 @@ bool StampMessage(RoutingNode& node, typMessage& message);
 void SendPacket(RoutingNode& node, typMessage& message, int32_t viaConn = 0);
 
 // Relays a received message to every connection but the one it came in on,
-// with TTL one lower, Hops one higher and this node on its Route; the body,
-// flags and lengths stay as received. Stops at TTL 1.
+// with TTL one lower (and at most this node's own TTL - 1), Hops one higher
+// (stopping at INT64_MAX; not a number counts as 0) and this node on its
+// Route; every other field, the body, flags and lengths stay as received. A
+// TTL that is not a number, negative or would fall below 1 is not relayed.
+// Rewrites the first field of each name in place, so it never throws on what
+// a peer wrote (a name that also arrives as an array included).
 void ForwardPacket(RoutingNode& node, typMessage& message, int32_t fromConn);
 
 }  // namespace qel
