@@ -33,14 +33,25 @@ test-asan: setup $(BUILD_ASAN)/build.ninja
 	cd $(BUILD_ASAN) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest --output-on-failure -j $(JOBS)
 
-# The connection fuzzer for a bounded time; findings land in $(BUILD_FUZZ)/findings.
+# Each fuzzer runs FUZZ_SECONDS in turn, then its final coverage is printed;
+# findings land in $(BUILD_FUZZ)/findings/<target>, logs in $(BUILD_FUZZ).
+FUZZ_TARGETS ?= connection settings
+
 fuzz: setup
 	CC=clang CXX=clang++ cmake -S . -B $(BUILD_FUZZ) -G Ninja -DCMAKE_BUILD_TYPE=Debug \
 	  -DQEL_FUZZ=ON -DQEL_BUILD_TESTS=OFF -DQEL_BUILD_BENCH=OFF
-	cmake --build $(BUILD_FUZZ) -j $(JOBS) --target qel_fuzz_connection
-	mkdir -p $(BUILD_FUZZ)/corpus $(BUILD_FUZZ)/findings
-	$(BUILD_FUZZ)/bin/qel_fuzz_connection -max_total_time=$(FUZZ_SECONDS) -max_len=16384 \
-	  -artifact_prefix=$(BUILD_FUZZ)/findings/ $(BUILD_FUZZ)/corpus fuzz/corpus/connection
+	cmake --build $(BUILD_FUZZ) -j $(JOBS) --target $(addprefix qel_fuzz_,$(FUZZ_TARGETS))
+	@failed=""; for t in $(FUZZ_TARGETS); do \
+	  mkdir -p $(BUILD_FUZZ)/corpus/$$t $(BUILD_FUZZ)/findings/$$t; \
+	  echo "fuzzing $$t for $(FUZZ_SECONDS) s (log: $(BUILD_FUZZ)/fuzz-$$t.log)"; \
+	  $(BUILD_FUZZ)/bin/qel_fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -max_len=16384 \
+	    -artifact_prefix=$(BUILD_FUZZ)/findings/$$t/ $(BUILD_FUZZ)/corpus/$$t fuzz/corpus/$$t \
+	    > $(BUILD_FUZZ)/fuzz-$$t.log 2>&1 || { failed="$$failed $$t"; tail -n 40 $(BUILD_FUZZ)/fuzz-$$t.log; }; \
+	done; \
+	for t in $(FUZZ_TARGETS); do \
+	  echo "$$t: $$(grep -o 'cov: [0-9]*' $(BUILD_FUZZ)/fuzz-$$t.log | tail -n 1 | cut -d' ' -f2) edges covered"; \
+	done; \
+	if [ -n "$$failed" ]; then echo "fuzzing found faults in:$$failed"; exit 1; fi
 
 bench: build
 	$(BUILD)/bin/qel_figures

@@ -1,14 +1,41 @@
-// Everything a peer's bytes reach before any socket is involved: the stream
-// cutter, the header parser, body decoding and the settings bodies.
+// What a peer's bytes reach: a node with two in-memory connections takes the
+// input as arriving on one of them, so the stream cutter, the header parser,
+// body decoding, dispatch and the relay to the other connection all run.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <string>
 
 namespace qel {
 
-// Feeds data as a connection would receive it, cut into pieces at places the
-// first bytes choose, and decodes every message that comes out.
-void FuzzConnectionInput(const uint8_t* data, size_t size);
+// A node whose connections live in memory. Create, run and destroy it on
+// the host thread; it uses the process-wide connection table, so only one
+// should exist at a time.
+class ConnectionFuzzer {
+ public:
+  // The node's ID, which inputs may address: "Destination: FUZZNODE".
+  static constexpr const char* kNodeID = "FUZZNODE";
+  // Its key and the network password, so that inputs can carry KE/NE bodies.
+  static constexpr const char* kEncryptionKey = "KEY";
+  static constexpr const char* kNetPass = "blankey";
+
+  ConnectionFuzzer();
+  ~ConnectionFuzzer();
+  ConnectionFuzzer(const ConnectionFuzzer&) = delete;
+  ConnectionFuzzer& operator=(const ConnectionFuzzer&) = delete;
+
+  // Feeds data as connection one receives it, cut into pieces at places the
+  // first two bytes choose. Returns false when what the node relayed to
+  // connection two does not read back as whole messages.
+  bool Run(const uint8_t* data, size_t size);
+  // What the last Run relayed to connection two.
+  const std::string& Relayed() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
 
 }  // namespace qel
