@@ -1,22 +1,197 @@
 #include "output.h"
 
+#include <array>
+#include <cstring>
+
 namespace qelcli {
 
 std::string Latin1ToUtf8(std::string_view bytes) {
   std::string text;
   text.reserve(bytes.size());
-  for (unsigned char byte : bytes) {
-    if (byte < 0x80) {
-      text += static_cast<char>(byte);
-    } else {
-      text += static_cast<char>(0xC0 | (byte >> 6));
-      text += static_cast<char>(0x80 | (byte & 0x3F));
-    }
+  size_t run = 0;  // start of the ASCII bytes not copied yet
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(bytes[i]);
+    if (byte < 0x80) continue;
+    text.append(bytes.data() + run, i - run);
+    text += static_cast<char>(0xC0 | (byte >> 6));
+    text += static_cast<char>(0x80 | (byte & 0x3F));
+    run = i + 1;
   }
+  text.append(bytes.data() + run, bytes.size() - run);
   return text;
 }
 
 namespace {
+
+// Each byte as json's dump() writes it inside a string: control bytes as
+// \u00XX unless they have a short escape, quote and backslash escaped,
+// everything else (UTF-8 included) as it is.
+struct Escape {
+  uint8_t length = 1;
+  char text[6] = {};
+};
+constexpr std::array<Escape, 256> kEscapes = [] {
+  constexpr char kHex[] = "0123456789abcdef";
+  std::array<Escape, 256> table{};
+  for (int c = 0; c < 0x20; ++c) {
+    table[c] = {6, {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 0xF]}};
+  }
+  table['\b'] = {2, {'\\', 'b'}};
+  table['\t'] = {2, {'\\', 't'}};
+  table['\n'] = {2, {'\\', 'n'}};
+  table['\f'] = {2, {'\\', 'f'}};
+  table['\r'] = {2, {'\\', 'r'}};
+  table['"'] = {2, {'\\', '"'}};
+  table['\\'] = {2, {'\\', '\\'}};
+  return table;
+}();
+
+// Whether s is well-formed UTF-8, by the same rule as json's dump(): no
+// overlong forms, no surrogates, nothing above U+10FFFF, nothing cut off.
+bool IsUtf8(std::string_view s) {
+  const auto* p = reinterpret_cast<const unsigned char*>(s.data());
+  const auto* end = p + s.size();
+  while (p < end) {
+    // Text is mostly ASCII: skip it eight bytes at a time.
+    while (end - p >= 8) {
+      uint64_t word;
+      std::memcpy(&word, p, 8);
+      if (word & 0x8080808080808080ull) break;
+      p += 8;
+    }
+    if (p == end) break;
+    const unsigned char lead = *p;
+    if (lead < 0x80) {
+      ++p;
+      continue;
+    }
+    int more;
+    unsigned char low = 0x80, high = 0xBF;  // range of the second byte
+    if (lead >= 0xC2 && lead <= 0xDF) {
+      more = 1;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+      more = 2;
+      if (lead == 0xE0) low = 0xA0;
+      if (lead == 0xED) high = 0x9F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+      more = 3;
+      if (lead == 0xF0) low = 0x90;
+      if (lead == 0xF4) high = 0x8F;
+    } else {
+      return false;
+    }
+    if (end - p <= more || p[1] < low || p[1] > high) return false;
+    for (int k = 2; k <= more; ++k) {
+      if (p[k] < 0x80 || p[k] > 0xBF) return false;
+    }
+    p += more + 1;
+  }
+  return true;
+}
+
+// Throws json's own error when a string of value is not UTF-8, before any
+// of the line is written, as json's dump() did.
+void CheckUtf8(const Json& value) {
+  auto check = [](const std::string& s) {
+    if (!IsUtf8(s)) (void)Json(s).dump();  // throws for the faulty byte
+  };
+  if (value.is_string()) {
+    check(value.get_ref<const std::string&>());
+  } else if (value.is_object()) {
+    for (const auto& [key, item] : value.items()) {
+      check(key);
+      CheckUtf8(item);
+    }
+  } else if (value.is_array()) {
+    for (const Json& item : value) CheckUtf8(item);
+  }
+}
+
+// Writes one line byte for byte as json's compact dump() would, through a
+// small reused buffer: a message body of many MiB is escaped slice by slice
+// and never held whole a second time.
+class LineWriter {
+ public:
+  LineWriter(std::ostream& out, std::string& buffer) : out_(out), buffer_(buffer) {}
+
+  // value must have passed CheckUtf8.
+  void Value(const Json& value) {
+    if (value.is_string()) {
+      String(value.get_ref<const std::string&>());
+    } else if (value.is_object() && !value.empty()) {
+      char separator = '{';
+      for (const auto& [key, item] : value.items()) {
+        buffer_ += separator;
+        separator = ',';
+        String(key);
+        buffer_ += ':';
+        Value(item);
+      }
+      buffer_ += '}';
+    } else if (value.is_array() && !value.empty()) {
+      char separator = '[';
+      for (const Json& item : value) {
+        buffer_ += separator;
+        separator = ',';
+        Value(item);
+      }
+      buffer_ += ']';
+    } else {
+      buffer_ += value.dump();  // numbers, booleans, null: json's own digits
+    }
+  }
+
+  // A reader waits on whole lines, so each one is flushed at once.
+  void EndLine() {
+    buffer_ += '\n';
+    Spill();
+    out_.flush();
+  }
+
+ private:
+  static constexpr size_t kSlice = 16384;  // input bytes escaped at a time
+  static constexpr size_t kSpillAt = 65536;
+
+  void String(std::string_view s) {
+    buffer_ += '"';
+    for (size_t from = 0; from < s.size(); from += kSlice) {
+      AppendEscaped(s.substr(from, kSlice));
+      if (buffer_.size() >= kSpillAt) Spill();
+    }
+    buffer_ += '"';
+  }
+
+  // Plain runs are copied whole; the escaped size is known before writing.
+  void AppendEscaped(std::string_view s) {
+    size_t size = 0;
+    for (unsigned char c : s) size += kEscapes[c].length;
+    const size_t at = buffer_.size();
+    // Escapes are copied six bytes at a time, so the last one may write past
+    // its own end: room for that is added and cut off again.
+    buffer_.resize(at + size + sizeof(Escape::text));
+    char* dst = buffer_.data() + at;
+    size_t run = 0;  // start of the bytes not copied yet
+    for (size_t i = 0; i < s.size(); ++i) {
+      const auto& escape = kEscapes[static_cast<unsigned char>(s[i])];
+      if (escape.length == 1) continue;
+      std::memcpy(dst, s.data() + run, i - run);
+      dst += i - run;
+      run = i + 1;
+      std::memcpy(dst, escape.text, sizeof(escape.text));
+      dst += escape.length;
+    }
+    std::memcpy(dst, s.data() + run, s.size() - run);
+    buffer_.resize(at + size);
+  }
+
+  void Spill() {
+    out_.write(buffer_.data(), static_cast<std::streamsize>(buffer_.size()));
+    buffer_.clear();
+  }
+
+  std::ostream& out_;
+  std::string& buffer_;
+};
 
 class JsonOutput : public Output {
  public:
@@ -36,10 +211,16 @@ class JsonOutput : public Output {
   }
 
  private:
-  // A reader waits on whole lines, so each one is flushed at once.
-  void Write(const Json& line) { out_ << line.dump() << std::endl; }
+  void Write(const Json& line) {
+    CheckUtf8(line);
+    buffer_.clear();
+    LineWriter writer(out_, buffer_);
+    writer.Value(line);
+    writer.EndLine();
+  }
 
   std::ostream& out_;
+  std::string buffer_;  // every line's; LineWriter keeps it to a few slices
 };
 
 }  // namespace
