@@ -1,5 +1,7 @@
 #include "net/connections.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 
 #include <qel/error.h>
@@ -15,6 +17,7 @@ namespace qel {
 namespace {
 
 constexpr int32_t kUpkeepIntervalMs = 5000;
+constexpr size_t kTrimAfterBytes = 1 << 20;
 
 std::shared_ptr<LinkOwner> Lock(const std::weak_ptr<LinkOwner>& owner) {
   auto node = owner.lock();
@@ -70,7 +73,10 @@ bool Connections::IsConnected(int32_t index) const {
 }
 
 void Connections::ReleaseBuffers(Connection& c) {
-  c.Partial = MessageFeeder({.maxHeader = 65536, .maxMessage = c.limits.maxMessage});
+  // Swapped, not assigned: assigning an empty message to a long one would
+  // keep the long one's buffers.
+  MessageFeeder fresh({.maxHeader = 65536, .maxMessage = c.limits.maxMessage});
+  std::swap(c.Partial, fresh);
   std::deque<typMessage>().swap(c.inbox);
   c.inboxBytes = 0;
   c.drainPending = false;
@@ -251,10 +257,12 @@ int32_t Connections::ListenOnPort(LinkOwner& owner, int32_t port, const LinkLimi
   return entry.sck->LocalPort();
 }
 
-int32_t Connections::OpenCount() const {
+int32_t Connections::OpenCount(const LinkOwner& owner) const {
   int32_t open = 0;
   for (size_t i = 1; i < conns_.size(); ++i) {
-    if (conns_[i]->sck->State() != SocketState::Closed) ++open;
+    if (conns_[i]->sck->State() != SocketState::Closed && conns_[i]->Owner.lock().get() == &owner) {
+      ++open;
+    }
   }
   return open;
 }
@@ -264,7 +272,7 @@ void Connections::OnAccept(size_t listener, std::unique_ptr<Socket> socket) {
   auto owner = Lock(entry.Owner);
   if (!owner) return;
   std::string source = socket->RemoteHost();
-  if (OpenCount() >= entry.limits.maxConnections) {
+  if (OpenCount(*owner) >= entry.limits.maxConnections) {
     // Refused before the host is asked; said once until one is accepted again.
     if (!entry.refusing) {
       entry.refusing = true;
@@ -334,8 +342,12 @@ void Connections::CloseConnection(int32_t index, bool stopMaintaining) {
   Connection& c = *conns_[index];
   if (c.sck->State() == SocketState::Closed) return;
   if (stopMaintaining) c.Maintain = false;
+  const size_t held = HeldBytes(index);
   c.sck->Close();
   if (c.draining == 0) ReleaseBuffers(c);
+  // The allocator keeps large freed blocks for reuse; after a connection
+  // that held a lot, hand them back so the process shrinks again.
+  if (held >= kTrimAfterBytes) malloc_trim(0);
   auto owner = Lock(c.Owner);
   if (!owner) return;
   owner->OnLinkDown(index, c.Address, c.NodeID);
@@ -390,29 +402,35 @@ size_t Connections::HeldBytes(int32_t index) const {
   return c.sck->QueuedBytes() + c.Partial.BufferedBytes() + c.inboxBytes;
 }
 
-void Connections::CheckBudget(int32_t index) {
+void Connections::CheckBudget(int32_t index, size_t incoming) {
   const Connection& c = *conns_[index];
   const int64_t budget = std::max<int64_t>(c.limits.memoryBudget, 0);
   // Connections below their share of the budget cannot pass it together, so
   // the whole table is only added up when one grows past its share.
   const size_t share = static_cast<size_t>(budget / std::max(c.limits.maxConnections, 1));
-  if (HeldBytes(index) <= share) return;
-  size_t total = 0, most = 0;
-  int32_t largest = 0;
-  for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
-    if (conns_[i]->sck->State() == SocketState::Closed) continue;
-    const size_t held = HeldBytes(i);
-    total += held;
-    if (held > most) most = held, largest = i;
+  if (HeldBytes(index) + incoming <= share) return;
+  for (;;) {
+    // Connections already on their way out no longer count.
+    size_t total = incoming, most = 0;
+    int32_t largest = 0;
+    for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
+      const Connection& other = *conns_[i];
+      if (other.sck->State() == SocketState::Closed || other.backlogFull) continue;
+      const size_t held = HeldBytes(i);
+      total += held;
+      if (held + (i == index ? incoming : 0) > most) {
+        most = held + (i == index ? incoming : 0);
+        largest = i;
+      }
+    }
+    if (total <= static_cast<size_t>(budget) || largest == 0) return;
+    Connection& victim = *conns_[largest];
+    victim.backlogFull = true;
+    CloseLater(largest, "Connection to " + PeerOf(victim) + " closed: it held " +
+                            std::to_string(most) + " of the " + std::to_string(total) +
+                            " bytes the node keeps for its connections, more than memoryBudget (" +
+                            std::to_string(budget) + ")");
   }
-  if (total <= static_cast<size_t>(budget) || largest == 0) return;
-  Connection& victim = *conns_[largest];
-  if (victim.backlogFull) return;  // already on its way out
-  victim.backlogFull = true;
-  CloseLater(largest, "Connection to " + PeerOf(victim) + " closed: it held " +
-                          std::to_string(most) + " of the " + std::to_string(total) +
-                          " bytes the node keeps for its connections, more than memoryBudget (" +
-                          std::to_string(budget) + ")");
 }
 
 bool Connections::HasOpenLink(const LinkOwner& owner) const {
@@ -441,6 +459,10 @@ void Connections::Write(int32_t index, std::string_view text) {
     DebugLine("<< OUTGOING <<<<<<<<<<");
     DebugLine(text);
   }
+  // A piece that would pass the budget first closes whoever holds the most,
+  // this connection perhaps.
+  CheckBudget(index, text.size());
+  if (c.backlogFull) return;
   c.sck->Send(text);
   // A peer that stops reading must not make this process hold everything
   // the network sends its way. Room for two whole messages of the largest
@@ -450,9 +472,7 @@ void Connections::Write(int32_t index, std::string_view text) {
     c.backlogFull = true;
     CloseLater(index, "Connection to " + PeerOf(c) + " closed: more than " + std::to_string(limit) +
                           " bytes waiting to be sent");
-    return;
   }
-  CheckBudget(index);
 }
 
 void Connections::WriteToAllExcept(int32_t except, std::string_view text) {

@@ -108,11 +108,14 @@ class Connections {
   void OnAccept(size_t listener, std::unique_ptr<Socket> socket);
   void UpkeepTick();
   void SweepStalled();
-  void CheckBudget(int32_t index);
+  // Closes the largest holders while the bytes held, with incoming more for
+  // index, pass the budget.
+  void CheckBudget(int32_t index, size_t incoming = 0);
   void CloseWithFault(int32_t index, uint64_t generation, const std::string& text);
   void CloseLater(int32_t index, std::string text);
   void ReleaseBuffers(Connection& c);
-  int32_t OpenCount() const;
+  // Connections of owner that are open or opening.
+  int32_t OpenCount(const LinkOwner& owner) const;
 
   struct ListenerEntry {
     std::unique_ptr<Listener> sck;

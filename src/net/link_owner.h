@@ -24,7 +24,7 @@ struct LinkLimits {
   // A connection in the middle of a message that receives nothing for this
   // long (ms) is closed.
   int32_t stallTimeoutMs = 30000;
-  // Connections open in the process beyond which new requests are refused.
+  // Open connections of the owner beyond which new requests are refused.
   int32_t maxConnections = 1024;
   // Without a port in the address, this port is dialled.
   int32_t defaultPort = 0;

@@ -63,8 +63,11 @@ class MessageFeeder {
     }
   }
 
-  // Forgets the message in progress.
-  void Reset() { current_ = NewMessage(); }
+  // Forgets the message in progress and gives its buffers back.
+  void Reset() {
+    typMessage fresh = NewMessage();
+    std::swap(current_, fresh);
+  }
 
   // Whether part of a message has arrived and waits for the rest.
   bool InProgress() const { return current_.HeaderDone || !current_.Header.empty(); }

@@ -1,0 +1,154 @@
+// Hostile loads from raw TCP peers against a `qel node` process: it keeps
+// serving a well-behaved peer, stays idle when it cannot accept, and holds
+// about memoryBudget however peers stall.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "node_process.h"
+
+namespace {
+
+int Dial(int port, int receiveBuffer = 0) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (receiveBuffer > 0) setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+  sockaddr_in to{.sin_family = AF_INET, .sin_port = htons(static_cast<uint16_t>(port))};
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  // A node that stops reading must fail the test, not hang it.
+  timeval limit{.tv_sec = 10};
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+  return fd;
+}
+
+// Sends what the node takes; stops when it closes the connection.
+void SendAll(int fd, std::string_view data) {
+  while (!data.empty()) {
+    ssize_t n = send(fd, data.data(), data.size(), MSG_NOSIGNAL);
+    if (n <= 0) return;
+    data.remove_prefix(static_cast<size_t>(n));
+  }
+}
+
+// A message for everybody, or, to be relayed only, for a node nobody knows.
+std::string Broadcast(const std::string& body, const std::string& id,
+                      const std::string& destination = "BROADCAST") {
+  return "MSG  QEL/2.1\r\nDestination: " + destination +
+         "\r\nSource: RAWPEER\r\nTTL: 2\r\nHops: 0\r\nID: " + id +
+         "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+// A /proc/PID/status figure in bytes ("VmRSS", "VmHWM").
+int64_t StatusBytes(pid_t pid, const std::string& key) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(in, line);) {
+    if (line.starts_with(key + ":")) return std::stoll(line.substr(key.size() + 1)) * 1024;
+  }
+  return -1;
+}
+
+double CpuSeconds(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(in)), {});
+  std::istringstream fields(text.substr(text.rfind(')') + 2));
+  std::string skip;
+  for (int i = 3; i < 14; ++i) fields >> skip;
+  double user = 0, system = 0;
+  fields >> user >> system;
+  return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+auto IsMessage(const std::string& text) {
+  return [text](const json& l) { return l.value("strMessage", "") == text; };
+}
+
+TEST(QelLimitsTest, OutOfDescriptorsTheNodeIdlesAndKeepsServing) {
+  rlimit own{};
+  getrlimit(RLIMIT_NOFILE, &own);
+  if (own.rlim_max < 1024) GTEST_SKIP() << "needs 1024 descriptors";
+  rlimit raised{own.rlim_max, own.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &raised);
+
+  NodeProcess node({}, 256);
+  const int port = node.WaitEvent("Ready")["Port"].get<int>();
+  const int calm = Dial(port);
+  node.WaitEvent("ConnectionEstab");
+  std::vector<int> flood;
+  for (int i = 0; i < 600; ++i) flood.push_back(Dial(port));
+  node.WaitEvent("Error", [](const json& l) {
+    return l.value("strMessage", "").find("paused") != std::string::npos;
+  });
+  // While 350 connections wait for descriptors the node is served at once
+  // and burns no CPU; a spinning accept takes a whole core.
+  const double cpuBefore = CpuSeconds(node.Pid());
+  const auto start = Clock::now();
+  SendAll(calm, Broadcast("still served", "CALM1"));
+  node.WaitEvent("MessageReceived", IsMessage("still served"));
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
+  node.WaitFor([](const json&) { return false; }, std::chrono::seconds(1));
+  EXPECT_LT(CpuSeconds(node.Pid()) - cpuBefore, 0.3);
+  for (int fd : flood) close(fd);
+  close(calm);
+  setrlimit(RLIMIT_NOFILE, &own);
+}
+
+TEST(QelLimitsTest, StalledPeersKeepTheNodeNearItsMemoryBudget) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the sanitizer's quarantine holds freed memory";
+#endif
+  constexpr int64_t kBudget = 64 << 20;
+  // Beyond the budget: the message being relayed and its copies, and what
+  // the allocator has not handed back yet.
+  constexpr int64_t kSlack = 64 << 20;
+  NodeProcess node({"--set", "memoryBudget=" + std::to_string(kBudget), "--set",
+                    "maxMessage=" + std::to_string(16 << 20)});
+  const int port = node.WaitEvent("Ready")["Port"].get<int>();
+  const int64_t baseline = StatusBytes(node.Pid(), "VmRSS");
+
+  // Ten bodies announced at 16 MiB that stop at 12 MiB: 120 MiB held
+  // without a budget.
+  std::vector<int> stalled;
+  const std::string body = Broadcast(std::string(16 << 20, 'b'), "BIG");
+  for (int i = 0; i < 10; ++i) {
+    stalled.push_back(Dial(port));
+    SendAll(stalled.back(), std::string_view(body).substr(0, 12 << 20));
+  }
+  // Eight peers that never read while another floods: each would be let
+  // queue 32 MiB.
+  std::vector<int> stuck;
+  for (int i = 0; i < 8; ++i) stuck.push_back(Dial(port, 4096));
+  const int flooder = Dial(port);
+  const std::string chunk(4 << 20, 'f');
+  for (int i = 0; i < 24; ++i) {
+    SendAll(flooder, Broadcast(chunk, "FLOOD" + std::to_string(i), "ELSEWHERE"));
+  }
+  // Whoever held the most was closed on the way, the flooder too perhaps; a
+  // fresh peer is served.
+  const int marker = Dial(port);
+  SendAll(marker, Broadcast("marker", "MARKER"));
+  node.WaitEvent("MessageReceived", IsMessage("marker"));
+  close(marker);
+  const int64_t peak = StatusBytes(node.Pid(), "VmHWM");
+  EXPECT_LT(peak, baseline + kBudget + kSlack);
+
+  for (int fd : stalled) close(fd);
+  for (int fd : stuck) close(fd);
+  close(flooder);
+  // Once they are gone the node gives the memory back.
+  for (int i = 0; i < 20; ++i) node.WaitEvent("ConnectionClosed");
+  const int probe = Dial(port);
+  SendAll(probe, Broadcast("after", "AFTER"));
+  node.WaitEvent("MessageReceived", IsMessage("after"));
+  const int64_t after = StatusBytes(node.Pid(), "VmRSS");
+  std::printf("resident: %lld MiB at start, %lld at most, %lld after\n",
+              static_cast<long long>(baseline >> 20), static_cast<long long>(peak >> 20),
+              static_cast<long long>(after >> 20));
+  // The allocator may keep some; most must go.
+  EXPECT_LT(after - baseline, (peak - baseline) / 2);
+  close(probe);
+}
+
+}  // namespace
