@@ -148,6 +148,7 @@ void Connections::OnData(int32_t index, uint64_t generation, std::string_view da
     DebugLine(data);
   }
   c.lastByteTick = TickCount();
+  if (c.backlogFull) return;  // closing: what it sends no longer matters
   auto outcome = c.Partial.Feed(data, [&](typMessage&& message) {
     c.inboxBytes += MessageBytes(message);
     c.inbox.push_back(std::move(message));
@@ -399,7 +400,7 @@ void Connections::SweepStalled() {
 
 size_t Connections::HeldBytes(int32_t index) const {
   const Connection& c = *conns_[index];
-  return c.sck->QueuedBytes() + c.Partial.BufferedBytes() + c.inboxBytes;
+  return c.sck->BufferBytes() + c.Partial.BufferedBytes() + c.inboxBytes;
 }
 
 void Connections::CheckBudget(int32_t index, size_t incoming) {
@@ -426,6 +427,14 @@ void Connections::CheckBudget(int32_t index, size_t incoming) {
     if (total <= static_cast<size_t>(budget) || largest == 0) return;
     Connection& victim = *conns_[largest];
     victim.backlogFull = true;
+    // It closes on the next turn of the loop; what it holds goes now, or a
+    // burst of writes would pile up behind every victim of this turn.
+    victim.sck->DiscardQueued();
+    victim.Partial.Reset();
+    if (victim.draining == 0) {
+      std::deque<typMessage>().swap(victim.inbox);
+      victim.inboxBytes = 0;
+    }
     CloseLater(largest, "Connection to " + PeerOf(victim) + " closed: it held " +
                             std::to_string(most) + " of the " + std::to_string(total) +
                             " bytes the node keeps for its connections, more than memoryBudget (" +

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <deque>
+#include <vector>
 
 #include "net/asio_context.h"
 
@@ -47,11 +49,26 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     if (state == SocketState::Connected) StartReading();
   }
 
+  // Small messages share pieces of up to this size; a larger one is a piece
+  // of its own. A queue of pieces never reallocates what it holds, so a long
+  // queue costs its bytes and not twice them while it grows.
+  static constexpr size_t kPieceBytes = 256 * 1024;
+
+  void Queue(std::string_view data) {
+    if (!outgoing.empty() && outgoing.back().size() + data.size() <= kPieceBytes) {
+      outgoing.back().append(data);
+    } else {
+      outgoing.emplace_back(data);
+    }
+    queuedBytes += data.size();
+  }
+
   void ScheduleFlush() {
     if (inMemory && !outgoing.empty()) {
-      const size_t n = outgoing.size();
-      inMemory->append(outgoing);
+      for (const std::string& piece : outgoing) inMemory->append(piece);
+      const size_t n = queuedBytes;
       outgoing.clear();
+      queuedBytes = 0;
       if (auto h = handlers.onSent) h(n);
       return;
     }
@@ -68,19 +85,21 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   void WriteQueued() {
     if (writing || outgoing.empty() || state != SocketState::Connected) return;
     writing = true;
-    // The buffer belongs to this write: a close and reconnect meanwhile must
-    // not free it under the kernel.
-    auto buffer = spare ? std::move(spare) : std::make_shared<std::string>();
-    buffer->swap(outgoing);
-    inflightBytes = buffer->size();
+    // The pieces belong to this write: a close and reconnect meanwhile must
+    // not free them under the kernel.
+    auto batch = std::make_shared<std::deque<std::string>>();
+    batch->swap(outgoing);
+    inflightBytes = queuedBytes;
+    queuedBytes = 0;
+    std::vector<asio::const_buffer> buffers;
+    buffers.reserve(batch->size());
+    for (const std::string& piece : *batch) buffers.push_back(asio::buffer(piece));
     asio::async_write(
-        socket, asio::buffer(*buffer),
-        [self = shared_from_this(), buffer, gen = generation](const std::error_code& ec, size_t n) {
+        socket, buffers,
+        [self = shared_from_this(), batch, gen = generation](const std::error_code& ec, size_t n) {
           if (gen != self->generation) return;
           self->writing = false;
           self->inflightBytes = 0;
-          buffer->clear();
-          self->spare = buffer;
           if (ec || self->state != SocketState::Connected) return;  // reads report the break
           if (auto h = self->handlers.onSent) h(n);
           self->WriteQueued();
@@ -101,11 +120,13 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
       // Best effort for messages queued just before a close: whatever the
       // kernel takes without blocking still goes out.
       socket.non_blocking(true, ignored);
-      socket.write_some(asio::buffer(outgoing), ignored);
+      for (const std::string& piece : outgoing) {
+        if (socket.write_some(asio::buffer(piece), ignored) < piece.size()) break;
+      }
     }
     // Released, not cleared: a closed socket holds no memory.
-    std::string().swap(outgoing);
-    spare.reset();
+    std::deque<std::string>().swap(outgoing);
+    queuedBytes = 0;
     readBuffer.reset();
     inMemory.reset();
     socket.shutdown(tcp::socket::shutdown_both, ignored);
@@ -120,8 +141,8 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   asio::steady_timer connectTimer;
   std::shared_ptr<char[]> readBuffer;
   bool paused = false;
-  std::string outgoing;
-  std::shared_ptr<std::string> spare;
+  std::deque<std::string> outgoing;
+  size_t queuedBytes = 0;
   size_t inflightBytes = 0;
   bool writing = false;
   bool readPending = false;
@@ -193,18 +214,21 @@ void Socket::PauseReading() {
 }
 
 void Socket::Send(std::string_view data) {
-  impl_->outgoing.append(data);
+  impl_->Queue(data);
   impl_->ScheduleFlush();
 }
 
-std::string& Socket::Outgoing() {
-  return impl_->outgoing;
+void Socket::DiscardQueued() {
+  std::deque<std::string>().swap(impl_->outgoing);
+  impl_->queuedBytes = 0;
 }
-void Socket::Flush() {
-  impl_->ScheduleFlush();
-}
+
 size_t Socket::QueuedBytes() const {
-  return impl_->outgoing.size() + impl_->inflightBytes;
+  return impl_->queuedBytes + impl_->inflightBytes;
+}
+
+size_t Socket::BufferBytes() const {
+  return QueuedBytes() + (impl_->readBuffer ? Impl::kReadSize : 0);
 }
 
 void Socket::Close() {

@@ -54,11 +54,12 @@ class Socket {
   // Queues bytes. Everything queued during one turn of the loop leaves in one
   // write; a slow peer only grows its own queue.
   void Send(std::string_view data);
-  // The queue itself, for callers that serialise straight into it; call
-  // Flush() after appending.
-  std::string& Outgoing();
-  void Flush();
+  // Forgets what is queued and not yet being written, giving its memory back.
+  void DiscardQueued();
+  // Bytes queued or being written.
   size_t QueuedBytes() const;
+  // Memory the socket's buffers take, reserved room included.
+  size_t BufferBytes() const;
 
   // Writes what the kernel takes of the queue at once, then closes and
   // releases the socket's buffers.
