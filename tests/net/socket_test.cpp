@@ -2,28 +2,19 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <qel/event_loop.h>
+#include "../support/peers.h"
 
-#include "net/event_loop.h"
-
-namespace qel {
+namespace qel::test {
 namespace {
-
-constexpr int64_t kDeadlineMs = 10000;
 
 // A listener on a free loopback port that keeps what it accepts.
 struct Server {
   std::vector<std::unique_ptr<Socket>> accepted;
   std::string received;
   Listener listener{[this](std::unique_ptr<Socket> socket) {
-    Socket* raw = socket.get();
-    raw->SetHandlers({.onData = [this](std::string_view data) { received.append(data); }});
+    socket->SetHandlers({.onData = [this](std::string_view data) { received.append(data); }});
     accepted.push_back(std::move(socket));
   }};
   Server() { EXPECT_FALSE(listener.Listen(0)); }
@@ -33,8 +24,6 @@ struct Server {
 TEST(SocketTest, ConnectsSendsBothWaysAndSeesThePeerClose) {
   Server server;
   ASSERT_EQ(server.listener.State(), SocketState::Listening);
-  ASSERT_NE(server.Port(), 0);
-
   Socket client;
   std::string clientReceived;
   bool connected = false, closed = false;
@@ -45,7 +34,7 @@ TEST(SocketTest, ConnectsSendsBothWaysAndSeesThePeerClose) {
                       .onSent = [&](size_t n) { sent += n; }});
   client.Connect("127.0.0.1", server.Port());
   EXPECT_EQ(client.State(), SocketState::Connecting);
-  ASSERT_TRUE(RunUntil([&] { return connected && server.accepted.size() == 1; }, kDeadlineMs));
+  ASSERT_TRUE(Eventually([&] { return connected && server.accepted.size() == 1; }));
   EXPECT_EQ(client.State(), SocketState::Connected);
   EXPECT_EQ(server.accepted[0]->RemoteHost(), "127.0.0.1");
 
@@ -55,15 +44,14 @@ TEST(SocketTest, ConnectsSendsBothWaysAndSeesThePeerClose) {
     client.Send("message " + std::to_string(i) + "\n");
     expected += "message " + std::to_string(i) + "\n";
   }
-  ASSERT_TRUE(RunUntil([&] { return server.received.size() == expected.size(); }, kDeadlineMs));
+  ASSERT_TRUE(Eventually([&] { return server.received.size() == expected.size(); }));
   EXPECT_EQ(server.received, expected);
   EXPECT_EQ(sent, expected.size());
 
   server.accepted[0]->Send("reply");
-  ASSERT_TRUE(RunUntil([&] { return clientReceived == "reply"; }, kDeadlineMs));
-
   server.accepted[0]->Close();
-  ASSERT_TRUE(RunUntil([&] { return closed; }, kDeadlineMs));
+  ASSERT_TRUE(Eventually([&] { return closed; }));
+  EXPECT_EQ(clientReceived, "reply");
   EXPECT_EQ(client.State(), SocketState::Closed);
 }
 
@@ -80,20 +68,18 @@ TEST(SocketTest, RefusedConnectEndsInErrorAndAPortInUseCannotBeListenedOn) {
   bool failed = false;
   client.SetHandlers({.onError = [&](const std::error_code&) { failed = true; }});
   client.Connect("127.0.0.1", port);
-  ASSERT_TRUE(RunUntil([&] { return failed; }, kDeadlineMs));
+  ASSERT_TRUE(Eventually([&] { return failed; }));
   EXPECT_EQ(client.State(), SocketState::Error);
 }
 
 TEST(SocketTest, AHandlerMayDestroyItsSocket) {
   Server server;
   auto client = std::make_unique<Socket>();
-  bool connected = false;
-  client->SetHandlers({.onConnected = [&] { connected = true; },
-                       .onData = [&](std::string_view) { client.reset(); }});
+  client->SetHandlers({.onData = [&](std::string_view) { client.reset(); }});
   client->Connect("127.0.0.1", server.Port());
-  ASSERT_TRUE(RunUntil([&] { return connected && !server.accepted.empty(); }, kDeadlineMs));
+  ASSERT_TRUE(Eventually([&] { return !server.accepted.empty(); }));
   server.accepted[0]->Send("boom");
-  ASSERT_TRUE(RunUntil([&] { return client == nullptr; }, kDeadlineMs));
+  ASSERT_TRUE(Eventually([&] { return client == nullptr; }));
   DoEvents(10);
 }
 
@@ -106,10 +92,7 @@ TEST(SocketTest, AHandlerMayDestroyItsSocket) {
   Listener listener([&](std::unique_ptr<Socket> s) { accepted.push_back(std::move(s)); },
                     [&](const std::error_code&) { ++errors; });
   if (listener.Listen(0)) std::_Exit(10);
-  int client = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in to{.sin_family = AF_INET, .sin_port = htons(listener.LocalPort())};
-  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(client, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) std::_Exit(11);
+  Dial(listener.LocalPort());
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
   const rlimit full{static_cast<rlim_t>(dup(0)), limit.rlim_max};  // the next free one
@@ -118,26 +101,29 @@ TEST(SocketTest, AHandlerMayDestroyItsSocket) {
   for (int i = 0; i < 5; ++i) DoEvents(Listener::kAcceptBackoffMs);
   if (errors != 1 || !accepted.empty()) std::_Exit(12);
   setrlimit(RLIMIT_NOFILE, &limit);
-  std::_Exit(RunUntil([&] { return accepted.size() == 1; }, kDeadlineMs) ? 0 : 13);
+  std::_Exit(Eventually([&] { return accepted.size() == 1; }) ? 0 : 13);
 }
 
 TEST(SocketTest, AcceptingWithoutDescriptorsBacksOffAndRecovers) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the sanitizers need descriptors of their own to check memory";
+#endif
+  // A fresh process: a forked copy would share the loop's epoll instance.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(AcceptUnderDescriptorLimit(), testing::ExitedWithCode(0), "");
 }
 
-// Post, RunEventLoop and StopEventLoop drive the qel console; qel_node_test
-// runs them from its reader thread.
 TEST(EventLoopTest, TimersTickUntilDisabled) {
   int ticks = 0;
   Timer timer([&] { ++ticks; });
   timer.SetInterval(5);
   timer.Enable(true);
-  ASSERT_TRUE(RunUntil([&] { return ticks >= 3; }, kDeadlineMs));
+  ASSERT_TRUE(Eventually([&] { return ticks >= 3; }));
   timer.Enable(false);
-  int seen = ticks;
+  const int seen = ticks;
   DoEvents(30);
   EXPECT_EQ(ticks, seen);
 }
 
 }  // namespace
-}  // namespace qel
+}  // namespace qel::test

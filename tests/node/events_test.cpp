@@ -5,36 +5,14 @@
 
 #include <stdexcept>
 
-#include <qel/qel.h>
+#include "../support/peers.h"
 
-#include "net/event_loop.h"
-#include "node/module.h"
-#include "node/node_access.h"
-
-namespace qel {
+namespace qel::test {
 namespace {
 
-constexpr int64_t kDeadlineMs = 10000;
-
-struct Peer {
-  cQEL node;
-  std::vector<std::string> messages, errors;
-  explicit Peer(const std::string& name) {
-    node.MessageReceived = [this](std::string& text, std::string&, std::string&) {
-      messages.push_back(text);
-    };
-    node.Initialise(name);
-  }
-  NodeState& State() { return *TheModule().Slot(detail::NodeAccess::SlotIndex(node)); }
-  std::string Address() { return "127.0.0.1:" + std::to_string(State().ListenPort); }
-  bool Knows(const std::string& id) { return State().NodeCache.Find(id) >= 0; }
-};
-
 TEST(EventsTest, AThrowingHandlerIsReportedAndTheNodeKeepsServing) {
-  Peer a("a"), b("b");
-  ASSERT_TRUE(a.node.Listen());
-  ASSERT_TRUE(b.node.Connect(a.Address()));
-  ASSERT_TRUE(RunUntil([&] { return a.Knows(b.node.NodeID()); }, kDeadlineMs));
+  Peer a("a", "", true), b("b");
+  b.ConnectTo(a);
   a.node.MessageReceived = [&](std::string& text, std::string&, std::string&) {
     a.messages.push_back(text);
     throw std::runtime_error("host bug");
@@ -45,10 +23,10 @@ TEST(EventsTest, AThrowingHandlerIsReportedAndTheNodeKeepsServing) {
   };
 
   testing::internal::CaptureStderr();
-  b.node.SendMessage("one", a.node.NodeID());
-  b.node.SendMessage("oops", a.node.NodeID(), "ERROR");
-  b.node.SendMessage("two", a.node.NodeID());
-  const bool arrived = RunUntil([&] { return a.messages.size() == 2; }, kDeadlineMs);
+  b.node.SendMessage("one", a.ID());
+  b.node.SendMessage("oops", a.ID(), "ERROR");
+  b.node.SendMessage("two", a.ID());
+  const bool arrived = Eventually([&] { return a.messages.size() == 2; });
   const std::string said = testing::internal::GetCapturedStderr();
   ASSERT_TRUE(arrived);
   EXPECT_EQ(a.messages, (std::vector<std::string>{"one", "two"}));
@@ -61,11 +39,10 @@ TEST(EventsTest, AThrowingHandlerIsReportedAndTheNodeKeepsServing) {
 
   // Its listener still takes new connections.
   Peer c("c");
-  ASSERT_TRUE(c.node.Connect(a.Address()));
-  ASSERT_TRUE(RunUntil([&] { return a.Knows(c.node.NodeID()); }, kDeadlineMs));
-  c.node.SendMessage("three", a.node.NodeID());
-  ASSERT_TRUE(RunUntil([&] { return a.messages.size() == 3; }, kDeadlineMs));
+  c.ConnectTo(a);
+  c.node.SendMessage("three", a.ID());
+  ASSERT_TRUE(Eventually([&] { return a.messages.size() == 3; }));
 }
 
 }  // namespace
-}  // namespace qel
+}  // namespace qel::test

@@ -1,34 +1,19 @@
 // Hostile loads from raw TCP peers against a `qel node` process: it keeps
 // serving a well-behaved peer, stays idle when it cannot accept, and holds
 // about memoryBudget however peers stall.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include <fstream>
 #include <sstream>
 
+#include "../support/peers.h"
 #include "node_process.h"
 
 namespace {
 
-int Dial(int port, int receiveBuffer = 0) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (receiveBuffer > 0) setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-  sockaddr_in to{.sin_family = AF_INET, .sin_port = htons(static_cast<uint16_t>(port))};
-  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  // A node that stops reading must fail the test, not hang it.
-  timeval limit{.tv_sec = 10};
-  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-  EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
-  return fd;
-}
+using qel::test::Dial;
 
 // Sends what the node takes; stops when it closes the connection.
 void SendAll(int fd, std::string_view data) {
-  while (!data.empty()) {
-    ssize_t n = send(fd, data.data(), data.size(), MSG_NOSIGNAL);
-    if (n <= 0) return;
+  for (ssize_t n; !data.empty() && (n = send(fd, data.data(), data.size(), MSG_NOSIGNAL)) > 0;) {
     data.remove_prefix(static_cast<size_t>(n));
   }
 }
@@ -36,9 +21,7 @@ void SendAll(int fd, std::string_view data) {
 // A message for everybody, or, to be relayed only, for a node nobody knows.
 std::string Broadcast(const std::string& body, const std::string& id,
                       const std::string& destination = "BROADCAST") {
-  return "MSG  QEL/2.1\r\nDestination: " + destination +
-         "\r\nSource: RAWPEER\r\nTTL: 2\r\nHops: 0\r\nID: " + id +
-         "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  return qel::test::RawMsg(id, "TTL: 2\r\n", body, destination);
 }
 
 // A /proc/PID/status figure in bytes ("VmRSS", "VmHWM").
@@ -73,7 +56,7 @@ TEST(QelLimitsTest, OutOfDescriptorsTheNodeIdlesAndKeepsServing) {
   setrlimit(RLIMIT_NOFILE, &raised);
 
   NodeProcess node({}, 256);
-  const int port = node.WaitEvent("Ready")["Port"].get<int>();
+  const auto port = node.WaitEvent("Ready")["Port"].get<uint16_t>();
   const int calm = Dial(port);
   node.WaitEvent("ConnectionEstab");
   std::vector<int> flood;
@@ -105,7 +88,7 @@ TEST(QelLimitsTest, StalledPeersKeepTheNodeNearItsMemoryBudget) {
   constexpr int64_t kSlack = 64 << 20;
   NodeProcess node({"--set", "memoryBudget=" + std::to_string(kBudget), "--set",
                     "maxMessage=" + std::to_string(16 << 20)});
-  const int port = node.WaitEvent("Ready")["Port"].get<int>();
+  const auto port = node.WaitEvent("Ready")["Port"].get<uint16_t>();
   const int64_t baseline = StatusBytes(node.Pid(), "VmRSS");
 
   // Ten bodies announced at 16 MiB that stop at 12 MiB: 120 MiB held
@@ -142,12 +125,9 @@ TEST(QelLimitsTest, StalledPeersKeepTheNodeNearItsMemoryBudget) {
   const int probe = Dial(port);
   SendAll(probe, Broadcast("after", "AFTER"));
   node.WaitEvent("MessageReceived", IsMessage("after"));
-  const int64_t after = StatusBytes(node.Pid(), "VmRSS");
-  std::printf("resident: %lld MiB at start, %lld at most, %lld after\n",
-              static_cast<long long>(baseline >> 20), static_cast<long long>(peak >> 20),
-              static_cast<long long>(after >> 20));
   // The allocator may keep some; most must go.
-  EXPECT_LT(after - baseline, (peak - baseline) / 2);
+  EXPECT_LT(StatusBytes(node.Pid(), "VmRSS") - baseline, (peak - baseline) / 2)
+      << "peak " << (peak >> 20) << " MiB, at start " << (baseline >> 20);
   close(probe);
 }
 

@@ -1,0 +1,118 @@
+// Nodes and raw TCP peers for tests that talk over loopback.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <initializer_list>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <qel/qel.h>
+
+#include "net/event_loop.h"
+#include "net/socket.h"
+#include "node/module.h"
+#include "node/node_access.h"
+#include "protocol/feeder.h"
+
+namespace qel::test {
+
+constexpr int64_t kDeadlineMs = 10000;
+
+inline bool Eventually(const std::function<bool()>& done) {
+  return RunUntil(done, kDeadlineMs);
+}
+
+inline std::string Settings(std::initializer_list<std::pair<const char*, Variant>> values) {
+  cSettings settings;
+  for (const auto& [key, value] : values) settings.SaveSetting(key, value);
+  return settings.getXML();
+}
+
+// A node with everything it raised written down.
+struct Peer {
+  cQEL node;
+  std::vector<std::string> messages, types, senders, errors, closed, established;
+  explicit Peer(const std::string& name, const std::string& settings = "", bool listen = false) {
+    node.MessageReceived = [this](std::string& text, std::string& type, std::string& from) {
+      messages.push_back(text);
+      types.push_back(type);
+      senders.push_back(from);
+    };
+    node.Error = [this](std::string& text, std::string&) { errors.push_back(text); };
+    node.ConnectionClosed = [this](std::string& ip, std::string&) { closed.push_back(ip); };
+    node.ConnectionEstab = [this](std::string& ip) { established.push_back(ip); };
+    node.Initialise(name, 0, role_Peer, "", "", settings);
+    if (listen) {
+      EXPECT_TRUE(node.Listen());
+    }
+  }
+  NodeState& State() { return *TheModule().Slot(detail::NodeAccess::SlotIndex(node)); }
+  std::string ID() { return node.NodeID(); }
+  uint16_t Port() { return static_cast<uint16_t>(node.ListenPort()); }
+  std::string Address() { return "127.0.0.1:" + std::to_string(Port()); }
+  bool Knows(const std::string& id) { return State().NodeCache.Find(id) >= 0; }
+  // Connects and waits until the other has our INFO, so it knows which link is ours.
+  void ConnectTo(Peer& other) {
+    ASSERT_TRUE(node.Connect(other.Address()));
+    ASSERT_TRUE(Eventually([&] { return other.Knows(ID()); }));
+  }
+};
+
+inline sockaddr_in Loopback(uint16_t port) {
+  sockaddr_in at{.sin_family = AF_INET, .sin_port = htons(port)};
+  at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return at;
+}
+
+// A blocking POSIX connection, for peers that must not run on the loop.
+// Sends time out, so a node that stops reading fails the test, not hangs it.
+inline int Dial(uint16_t port, int receiveBuffer = 0) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (receiveBuffer > 0)
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+  timeval limit{.tv_sec = 10};
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  const sockaddr_in to = Loopback(port);
+  EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
+  return fd;
+}
+
+// A raw TCP peer of a node that keeps every MSG it is sent, by ID.
+struct RawPeer {
+  Socket socket;
+  MessageFeeder feeder;
+  std::map<std::string, typMessage> got;
+  bool connected = false, closedByNode = false;
+  explicit RawPeer(Peer& node) {
+    socket.SetHandlers({.onConnected = [this] { connected = true; },
+                        .onData =
+                            [this](std::string_view data) {
+                              feeder.Feed(data, [this](typMessage&& m) {
+                                if (m.MsgType == "MSG") got[GetSingleField(m.Fields, "ID")] = m;
+                              });
+                            },
+                        .onPeerClosed = [this] { closedByNode = true; }});
+    const size_t before = node.established.size();
+    socket.Connect("127.0.0.1", node.Port());
+    EXPECT_TRUE(Eventually([&] { return connected && node.established.size() > before; }));
+  }
+  bool Got(const std::string& id) { return got.contains(id); }
+};
+
+// A MSG as a raw peer writes it; fields go between Source and ID.
+inline std::string RawMsg(const std::string& id, const std::string& fields, const std::string& body,
+                          const std::string& destination = "BROADCAST") {
+  return "MSG  QEL/2.1\r\nDestination: " + destination + "\r\nSource: RAW\r\n" + fields +
+         "ID: " + id + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+}  // namespace qel::test
