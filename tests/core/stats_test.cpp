@@ -5,30 +5,21 @@
 namespace qel {
 namespace {
 
-TEST(StatsTest, TicksTurnAccumulatorsIntoPerSecondRates) {
+// A tick turns each accumulator into a per-second rate and starts it again;
+// a rate that overflows stops the tick, and later counters keep accumulating.
+TEST(StatsTest, TicksTurnAccumulatorsIntoRatesUntilOneOverflows) {
   Stats stats;
   stats.InBytesAcc = 300;
-  stats.OutBytesAcc = 10;
-  stats.InPacketsAcc = 3;
   stats.OutPacketsAcc = 1;
   EXPECT_TRUE(stats.Tick(500));
   EXPECT_EQ(stats.InByteSpeed, 600);
-  EXPECT_EQ(stats.OutByteSpeed, 20);
-  EXPECT_EQ(stats.InPacketRate, 6);
   EXPECT_EQ(stats.OutPacketRate, 2);
-  EXPECT_TRUE(stats.Tick(500));  // the accumulators start again from zero
-  EXPECT_EQ(stats.InByteSpeed, 0);
-}
-
-TEST(StatsTest, AnOverflowingRateStopsTheTickAndKeepsLaterCounters) {
-  Stats stats;
-  stats.InBytesAcc = 100;
+  stats.InBytesAcc += 100;  // started again from zero
   stats.OutBytesAcc = 2'000'000'000;
   stats.InPacketsAcc = 4;
   EXPECT_FALSE(stats.Tick(500));
   EXPECT_EQ(stats.InByteSpeed, 200);
-  EXPECT_EQ(stats.OutBytesAcc, 2'000'000'000);
-  EXPECT_EQ(stats.InPacketsAcc, 4);  // after the fault: still accumulating
+  EXPECT_EQ(stats.InPacketsAcc, 4);
   stats.OutBytesAcc = 5;
   EXPECT_TRUE(stats.Tick(500));
   EXPECT_EQ(stats.InPacketRate, 8);

@@ -13,8 +13,6 @@
 namespace qel {
 namespace {
 
-const std::string kArray = "-2147220990 SetField Cannot update string array field";
-
 // Runs f, which must throw QelError without touching the list, and returns
 // "number source description".
 std::string Refused(FieldList& fields, const std::function<void()>& f) {
@@ -44,47 +42,29 @@ StringArray ArrayOf(const FieldList& fields, std::string_view name) {
   return std::get<StringArray>(GetField(fields, name));
 }
 
-// Setting, appending and first-match lookup are covered by the random model
-// test below; this covers reads of single values and their defaults.
-TEST(FieldLookupTest, EmptyOrMissingValuesReadAsTheDefault) {
-  FieldList fields;
-  AddSingleField(fields, "ID", "first");  // an empty list gets its placeholder
-  AddSingleField(fields, "Flags", "");
-  EXPECT_EQ(fields[0], typField{});
-  EXPECT_EQ(std::get<Variant>(GetField(fields, "id")).toString(), "first");
-  EXPECT_EQ(GetSingleField(fields, "Missing"), "");
-  for (const char* name : {"Missing", "Flags"}) {
-    EXPECT_EQ(std::get<Variant>(GetField(fields, name, Variant(42))).toInt32(), 42) << name;
-  }
-}
-
 TEST(FieldErrorTest, FailuresCarryTheirNumberAndLeaveTheListAlone) {
   FieldList fields = NewFieldList();
   AddSingleField(fields, "A", "x\ny");  // only the CR LF pair is refused
   AddSingleField(fields, "B", "x\r");
   AddField(fields, "R", StringArray{0, {"a"}});
-  EXPECT_EQ(Refused(fields, [&] { AddSingleField(fields, "C", "1\r\n2"); }),
-            NewLineFrom("AddSingleField"));
-  EXPECT_EQ(Refused(fields, [&] { SetField(fields, "A", "\r\n"); }), NewLineFrom("SetField"));
-  EXPECT_EQ(Refused(fields, [&] { SetField(fields, "New", "\r\n"); }),
-            NewLineFrom("AddSingleField"));
-  // The pair may form where the old text meets the appended one.
-  EXPECT_EQ(Refused(fields, [&] { AppendField(fields, "B", "\nz", ","); }),
-            NewLineFrom("SetField"));
-  EXPECT_EQ(Refused(fields,
-                    [&] {
-                      AddField(fields, "S", StringArray{0, {"a", "b\r\n"}});
-                    }),
-            NewLineFrom("AddSingleField"));
-
-  EXPECT_EQ(Refused(fields, [&] { SetField(fields, "A", StringArray{0, {"b"}}); }), kArray);
-  EXPECT_EQ(Refused(fields, [&] { SetField(fields, "r", "b"); }), kArray);
-  EXPECT_EQ(Refused(fields, [&] { SetField(fields, "R", StringArray{0, {"b"}}); }), kArray);
-  EXPECT_EQ(Refused(fields, [&] { AppendField(fields, "R", "b", ","); }), kArray);
-
-  for (StringArray bad :
-       {StringArray{-32769, {"a"}}, StringArray{32767, {"a", "b"}}, StringArray{-32768, {}}}) {
-    EXPECT_EQ(Refused(fields, [&] { AddField(fields, "S", bad); }), "6 AddField Overflow");
+  const std::string array = "-2147220990 SetField Cannot update string array field";
+  const StringArray crlf{0, {"a", "b\r\n"}}, one{0, {"b"}}, low{-32769, {"a"}},
+      high{32767, {"a", "b"}};
+  const std::vector<std::pair<std::function<void()>, std::string>> cases = {
+      {[&] { AddSingleField(fields, "C", "1\r\n2"); }, NewLineFrom("AddSingleField")},
+      {[&] { SetField(fields, "A", "\r\n"); }, NewLineFrom("SetField")},
+      {[&] { SetField(fields, "New", "\r\n"); }, NewLineFrom("AddSingleField")},
+      // The pair may form where the old text meets the appended one.
+      {[&] { AppendField(fields, "B", "\nz", ","); }, NewLineFrom("SetField")},
+      {[&] { AddField(fields, "S", crlf); }, NewLineFrom("AddSingleField")},
+      {[&] { SetField(fields, "A", one); }, array},
+      {[&] { SetField(fields, "r", "b"); }, array},
+      {[&] { AppendField(fields, "R", "b", ","); }, array},
+      {[&] { AddField(fields, "S", low); }, "6 AddField Overflow"},
+      {[&] { AddField(fields, "S", high); }, "6 AddField Overflow"},
+  };
+  for (size_t i = 0; i < cases.size(); ++i) {
+    EXPECT_EQ(Refused(fields, cases[i].first), cases[i].second) << i;
   }
 }
 

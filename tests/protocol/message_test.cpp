@@ -9,23 +9,6 @@
 namespace qel {
 namespace {
 
-// Stamped messages with bodies are checked byte for byte in wire_test.
-TEST(MessageSerialiseTest, WritesStartLineFieldsAndBodyExactly) {
-  typMessage ping = NewMessage();
-  ping.MsgType = "PING";
-  SetField(ping.Fields, "TTL", 1);
-  SetField(ping.Fields, "Route", "A,");
-  ping.Body = "xy";
-  std::string out = "queued";
-  SerialiseMessage(ping, out);
-  EXPECT_EQ(out, "queuedPING  QEL/2.1\r\nTTL: 1\r\nRoute: A,\r\n\r\nxy");
-
-  typMessage get = NewMessage();
-  get.MsgType = "GET";
-  get.Resource = "\\my docs\\a b.txt";
-  EXPECT_EQ(SerialiseMessage(get), "GET \\my%20docs\\a%20b.txt QEL/2.1\r\n\r\n");
-}
-
 typMessage Parsed(std::string header, bool expectOk = true) {
   typMessage m = NewMessage();
   m.Header = std::move(header);
@@ -42,16 +25,20 @@ TEST(MessageParseTest, ReadsStartLineResourceAndFields) {
   EXPECT_EQ(ping.Fields, (FieldList{{}, {"ttl", "6"}, {"Route", " a, "}}));
 
   EXPECT_EQ(Parsed("GET \\my%20docs\\a%20b.txt QEL/2.1\r\n\r\n").Resource, "\\my docs\\a b.txt");
+  // Written back, after what the buffer held; exact bytes are in wire_test.
+  std::string out = "queued";
+  SerialiseMessage(ping, out);
+  EXPECT_EQ(out, "queuedPING  QEL/2.1\r\nttl: 6\r\nRoute:  a, \r\n\r\n");
   EXPECT_EQ(Parsed("GET my%20docs/x QEL/2.1\r\n\r\n").Resource, "\\my docs\\x");
   // The version is not checked, nor even required.
   EXPECT_EQ(Parsed("GET /x\r\n\r\n").Resource, "\\x");
 }
 
 TEST(MessageParseTest, RefusesMalformedHeaders) {
-  for (const char* bad : {"PING\r\n\r\n", "MSG  QEL/2.1\r\nTTL 5\r\n\r\n",
-                          "MSG  QEL/2.1\r\nTTL:5\r\n\r\n",
-                          // SetField would throw here; a peer's header must not.
-                          "MSG  QEL/2.1\r\nX-Max: 2\r\nX: 1\r\n\r\n"}) {
+  for (const char* bad :
+       {"PING\r\n\r\n", "MSG  QEL/2.1\r\nTTL 5\r\n\r\n", "MSG  QEL/2.1\r\nTTL:5\r\n\r\n",
+        // SetField would throw here; a peer's header must not.
+        "MSG  QEL/2.1\r\nX-Max: 2\r\nX: 1\r\n\r\n"}) {
     Parsed(bad, false);
   }
   // A resource that does not decode is not malformed: it reads "\" and is
@@ -95,7 +82,6 @@ TEST(MessageParseTest, AgreesWithSetFieldLineByLine) {
 
 TEST(MessageFlagTest, MatchesFlagWordFollowedByComma) {
   typMessage m = NewMessage();
-  EXPECT_FALSE(HasFlag(m, "Z"));
   SetField(m.Fields, "Flags", "ke,z,");
   // "E" matches: a plain substring test, kept as other nodes do it.
   for (const char* flag : {"KE", "z", "E"}) EXPECT_TRUE(HasFlag(m, flag)) << flag;

@@ -30,40 +30,40 @@ std::string Stamped(NodeState& node, typMessage& message) {
   SetField(message.Fields, "ID", Variant(kMsgID));
   return SerialiseMessage(message);
 }
-
 std::string Stamped(NodeState& node, typMessage&& message) {
   return Stamped(node, message);
 }
 
-std::string Header(const std::string& startLine, const std::string& ownFields,
-                   const std::string& destination, const std::string& tail = "") {
-  return startLine + "\r\n" + ownFields + "Destination: " + destination + "\r\nSource: " + kSelf +
-         "\r\nTTL: 20\r\nHops: 0\r\nID: " + kMsgID + "\r\n" + tail + "Route: " + kSelf +
-         ",\r\n\r\n";
+std::string Header(const std::string& startLine, const std::string& destination,
+                   const std::string& afterDestination = "", const std::string& beforeRoute = "",
+                   const std::string& beforeDestination = "") {
+  return startLine + " QEL/2.1\r\n" + beforeDestination + "Destination: " + destination + "\r\n" +
+         afterDestination + "Source: " + kSelf + "\r\nTTL: 20\r\nHops: 0\r\nID: " + kMsgID +
+         "\r\n" + beforeRoute + "Route: " + kSelf + ",\r\n\r\n";
 }
 
-TEST(WireTest, DiscoveryAndConfirmationMessages) {
+// A message as the host's SendMessage makes it.
+typMessage Chat(const std::string& body, const std::string& type = "") {
+  typMessage m = NewMessage();
+  m.MsgType = "MSG";
+  if (!type.empty()) SetField(m.Fields, "Type", Variant(type));
+  SetField(m.Fields, "Destination", Variant(kPeer));
+  m.Body = body;
+  return m;
+}
+
+TEST(WireTest, DiscoveryConfirmationAndInfoMessages) {
   auto node = MakeNode();
-  EXPECT_EQ(Stamped(*node, MakeMessage("WHOIS", "BROADCAST")),
-            Header("WHOIS  QEL/2.1", "", "BROADCAST"));
-  EXPECT_EQ(Stamped(*node, MakeRequest("PING", kPeer, "7")),
-            "PING  QEL/2.1\r\nDestination: " + std::string(kPeer) +
-                "\r\nReqID: 7\r\nSource: " + kSelf + "\r\nTTL: 20\r\nHops: 0\r\nID: " + kMsgID +
-                "\r\nRoute: " + kSelf + ",\r\n\r\n");
-  EXPECT_EQ(Stamped(*node, MakeRequest("PONG", kPeer, "7")),
-            "PONG  QEL/2.1\r\nDestination: " + std::string(kPeer) +
-                "\r\nReqID: 7\r\nSource: " + kSelf + "\r\nTTL: 20\r\nHops: 0\r\nID: " + kMsgID +
-                "\r\nRoute: " + kSelf + ",\r\n\r\n");
+  EXPECT_EQ(Stamped(*node, MakeMessage("WHOIS", "BROADCAST")), Header("WHOIS ", "BROADCAST"));
+  for (const char* type : {"PING", "PONG"}) {
+    EXPECT_EQ(Stamped(*node, MakeRequest(type, kPeer, "7")),
+              Header(type + std::string(" "), kPeer, "ReqID: 7\r\n"));
+  }
   // Confirmations are never confirmed themselves.
   node->confirmMode = true;
   EXPECT_EQ(Stamped(*node, MakeConfirm(kPeer, "ABC")),
-            "CONFIRM  QEL/2.1\r\nDestination: " + std::string(kPeer) + "\r\nSource-ID: ABC\r\n" +
-                "Source: " + kSelf + "\r\nTTL: 20\r\nHops: 0\r\nID: " + kMsgID +
-                "\r\nRoute: " + kSelf + ",\r\n\r\n");
-}
+            Header("CONFIRM ", kPeer, "Source-ID: ABC\r\n"));
 
-TEST(WireTest, InfoDescribesTheNodeInASettingsBody) {
-  auto node = MakeNode();
   node->Name = "kitchen";
   node->Role = role_Server;
   node->Descriptor = "a small node";
@@ -75,71 +75,45 @@ TEST(WireTest, InfoDescribesTheNodeInASettingsBody) {
       "    <Descriptor>a small node</Descriptor>\r\n    <Encryption-Key>KEY</Encryption-Key>\r\n"
       "    <Address>127.0.0.1:4000</Address>\r\n    <Sharing-Files>False</Sharing-Files>\r\n"
       "    <Active-User>ann</Active-User>\r\n  </Common>\r\n</Settings>";
-  EXPECT_EQ(Stamped(*node, MakeInfo(*node, "BROADCAST")),
-            Header("INFO  QEL/2.1", "", "BROADCAST",
-                   "Content-Length: " + std::to_string(body.size()) + "\r\n") +
-                body);
+  EXPECT_EQ(
+      Stamped(*node, MakeInfo(*node, "BROADCAST")),
+      Header("INFO ", "BROADCAST", "", "Content-Length: " + std::to_string(body.size()) + "\r\n") +
+          body);
 }
 
-TEST(WireTest, MessagesWithBodies) {
+TEST(WireTest, BodiesAreEncryptedThenCompressedAndResourcesEscaped) {
   auto node = MakeNode();
-  typMessage msg = NewMessage();
-  msg.MsgType = "MSG";
-  SetField(msg.Fields, "Type", Variant("chat"));
-  SetField(msg.Fields, "Destination", Variant(kPeer));
-  msg.Body = "hello";
-  EXPECT_EQ(Stamped(*node, msg),
-            Header("MSG  QEL/2.1", "Type: chat\r\n", kPeer, "Content-Length: 5\r\n") + "hello");
+  EXPECT_EQ(Stamped(*node, Chat("hello", "chat")),
+            Header("MSG ", kPeer, "", "Content-Length: 5\r\n", "Type: chat\r\n") + "hello");
 
   // Encrypted with the pass phrase, then compressed; a directed message in
   // confirm mode asks for a confirmation after the body flags.
   node->useEnc = node->useComp = node->confirmMode = true;
-  typMessage packed = NewMessage();
-  packed.MsgType = "MSG";
-  SetField(packed.Fields, "Type", Variant("chat"));
-  SetField(packed.Fields, "Destination", Variant(kPeer));
-  packed.Body = std::string(200, 'x');
+  typMessage packed = Chat(std::string(200, 'x'), "chat");
   std::string text = Stamped(*node, packed);
-  const std::string compressedLength = GetSingleField(packed.Fields, "Content-Length");
   EXPECT_EQ(text.substr(0, text.size() - packed.Body.size()),
-            Header("MSG  QEL/2.1", "Type: chat\r\n", kPeer,
-                   "Flags: NE,Z,C,\r\nOriginal-Length: 200\r\nContent-Length: " + compressedLength +
-                       "\r\n"));
+            Header("MSG ", kPeer, "",
+                   "Flags: NE,Z,C,\r\nOriginal-Length: 200\r\nContent-Length: " +
+                       std::to_string(packed.Body.size()) + "\r\n",
+                   "Type: chat\r\n"));
   EXPECT_LT(packed.Body.size(), 200u);
   ASSERT_EQ(DecodeBody(packed, "blankey", "", 1 << 20).result, DecodeResult::Ok);
   EXPECT_EQ(packed.Body, std::string(200, 'x'));
 
+  // A GET without a body carries only the confirm flag.
+  typMessage get = MakeMessage("GET", kPeer);
+  get.Resource = "\\my docs\\a b.txt";
+  EXPECT_EQ(Stamped(*node, get), Header("GET \\my%20docs\\a%20b.txt", kPeer, "", "Flags: C,\r\n"));
+
   // A destination whose key is known gets the body encrypted with that key.
   node->useComp = node->confirmMode = false;
   node->NodeCache[node->NodeCache.FindOrAdd(kPeer)].EncryptionKey = "PEERKEY";
-  typMessage keyed = NewMessage();
-  keyed.MsgType = "MSG";
-  SetField(keyed.Fields, "Destination", Variant(kPeer));
-  keyed.Body = "hello";
+  typMessage keyed = Chat("hello");
   text = Stamped(*node, keyed);
-  EXPECT_EQ(text,
-            Header("MSG  QEL/2.1", "", kPeer, "Flags: KE,\r\nContent-Length: 5\r\n") + keyed.Body);
+  EXPECT_EQ(text, Header("MSG ", kPeer, "", "Flags: KE,\r\nContent-Length: 5\r\n") + keyed.Body);
   EXPECT_NE(keyed.Body, "hello");
   ASSERT_EQ(DecodeBody(keyed, "blankey", "PEERKEY", 1 << 20).result, DecodeResult::Ok);
   EXPECT_EQ(keyed.Body, "hello");
-}
-
-TEST(WireTest, ResourcesAreEscapedAndBodilessMessagesCarryOnlyTheConfirmFlag) {
-  auto node = MakeNode();
-  node->useEnc = node->useComp = node->confirmMode = true;
-  typMessage get = MakeMessage("GET", kPeer);
-  get.Resource = "\\my docs\\a b.txt";
-  EXPECT_EQ(Stamped(*node, get),
-            Header("GET \\my%20docs\\a%20b.txt QEL/2.1", "", kPeer, "Flags: C,\r\n"));
-
-  node->useEnc = node->confirmMode = false;
-  typMessage msg = MakeMessage("MSG", "BROADCAST");
-  msg.Body = "zz";
-  std::string text = Stamped(*node, msg);
-  EXPECT_EQ(text.substr(0, text.size() - msg.Body.size()),
-            Header("MSG  QEL/2.1", "", "BROADCAST",
-                   "Flags: Z,\r\nOriginal-Length: 2\r\nContent-Length: " +
-                       std::to_string(msg.Body.size()) + "\r\n"));
 }
 
 }  // namespace

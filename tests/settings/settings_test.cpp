@@ -3,10 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
-#include <random>
 
 #include <qel/error.h>
 
@@ -27,9 +24,8 @@ std::string Err(const std::function<void()>& f) {
 
 const std::string kCorrupt = "4 LoadSettings: Corrupt or incompatible XMLSettings file";
 
-TEST(SettingsTest, TextFormIsExactAndLoadsBack) {
+TEST(SettingsTest, TextFormIsExactAndLoadsBackThroughAFile) {
   cSettings s;
-  EXPECT_EQ(s.getXML(), "<Settings>\r\n</Settings>");
   s.SaveSetting("TTL", Variant(4), "COMMON");
   s.SaveSetting("useComp", Variant(true));
   s.SaveSetting("Name", Variant(""), "Other");
@@ -41,15 +37,18 @@ TEST(SettingsTest, TextFormIsExactAndLoadsBack) {
   EXPECT_EQ(s.ListSections(), (Strings{"", "Other"}));
   EXPECT_EQ(s.ListSections(true), (Strings{"", "COMMON", "Other"}));
 
+  const std::string path = testing::TempDir() + "settings_test.xml";
+  s.SaveSettings(path);
   cSettings t;
-  EXPECT_TRUE(t.LoadXML(xml));
-  EXPECT_EQ(t.getXML(), xml);
+  EXPECT_TRUE(t.LoadSettings(path));
+  EXPECT_EQ(t.getXML(), s.getXML());
   EXPECT_EQ(t.GetSetting("ttl", {}, "common"), Variant("5"));  // loaded values are text
-  EXPECT_EQ(t.GetSetting("NAME", {}, "other"), Variant(""));
   EXPECT_EQ(t.GetSetting("missing", Variant(7)), Variant(7));
   EXPECT_EQ(Err([&] { t.GetSetting("missing"); }), "2 GetSetting: Setting not found");
   EXPECT_EQ(Err([&] { t.SaveSetting("a b", Variant(1)); }),
             "5 SaveSetting: Space characters not allowed in tag");
+  std::filesystem::remove(path);
+  EXPECT_EQ(Err([&] { t.LoadSettings(path); }), "3 LoadSettings: File Not Found: " + path);
 }
 
 TEST(SettingsTest, CorruptTextFailsAndKeepsWhatWasRead) {
@@ -58,9 +57,6 @@ TEST(SettingsTest, CorruptTextFailsAndKeepsWhatWasRead) {
   cSettings t;
   EXPECT_EQ(Err([&] { t.LoadXML(s.getXML()); }), kCorrupt);
   EXPECT_EQ(t.GetSetting("a"), Variant("x"));
-
-  EXPECT_TRUE(t.LoadXML(""));
-  EXPECT_EQ(t.ListSections(true), Strings{""});
   for (const char* bad : {"<Common><k>v", "<C><k>v</K", "<C", "<C><k>v</j></C>",
                           "<C><ab</cd>x</ab</cd></C>", "<C><k>v</k></c><j>w</j></C>"}) {
     EXPECT_EQ(Err([&] { t.LoadXML(bad); }), kCorrupt) << bad;
@@ -75,7 +71,6 @@ TEST(SettingsTest, CorruptTextFailsAndKeepsWhatWasRead) {
 TEST(SettingsTest, ArraysStoreTheirUpperBound) {
   cSettings s;
   EXPECT_EQ(Err([&] { s.GetSettingArray("L"); }), "2 GetSettingArray: Setting array not found");
-  EXPECT_EQ(s.GetSettingArray("L", Strings{"d"}), Strings{"d"});
   s.SaveSettingArray("L", {"a", "b", "c"});
   s.SaveSettingArray("E", {});
   EXPECT_EQ(s.GetSetting("Count", {}, "L"), Variant(2));
@@ -83,7 +78,6 @@ TEST(SettingsTest, ArraysStoreTheirUpperBound) {
   t.LoadXML(s.getXML());
   EXPECT_EQ(t.GetSettingArray("l"), (Strings{"a", "b", "c"}));
   EXPECT_EQ(t.GetSettingArray("E"), Strings{});
-
   for (auto [count, error] : {std::pair{3, "2 GetSetting: Setting not found"},
                               {-2, "9 GetSettingArray: Subscript out of range"},
                               {40000, "6 GetSettingArray: Overflow"}}) {
@@ -92,36 +86,16 @@ TEST(SettingsTest, ArraysStoreTheirUpperBound) {
   }
 }
 
-TEST(SettingsTest, ClearPrevOnSaveAndDeleteSetting) {
+TEST(SettingsTest, ClearPrevOnSaveAppendsAndDeleteRemovesEveryCopy) {
   cSettings s;
   s.ClearPrevOnSave(true);
-  s.SaveSetting("k", Variant(1));
-  s.SaveSetting("K", Variant(2));
-  s.SaveSetting("other", Variant(3));
+  for (auto [key, value] : {std::pair{"k", 1}, {"K", 2}, {"other", 3}}) s.SaveSetting(key, value);
   EXPECT_EQ(s.GetSetting("k"), Variant(1));  // the older entry is found first
-  EXPECT_NE(s.getXML().find("<K>2</K>"), std::string::npos);
-
   s.DeleteSetting("K");
   EXPECT_EQ(s.GetSetting("k", Variant("gone")), Variant("gone"));
   EXPECT_EQ(s.GetSetting("other"), Variant(3));  // indices after it still line up
   s.DeleteSetting("other");
   EXPECT_EQ(s.getXML(), "<Settings>\r\n  <Common>\r\n  </Common>\r\n</Settings>");
-}
-
-TEST(SettingsTest, FileRoundTripAndMissingFile) {
-  const std::string path = testing::TempDir() + "settings_test.xml";
-  cSettings s;
-  s.SaveSetting("TTL", Variant(5));
-  s.SaveSettings(path);
-  EXPECT_EQ(s.GetSetting("AppName", {}, "FileInfo"), Variant("Mardek QEL"));
-  std::ifstream in(path, std::ios::binary);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), s.getXML());
-
-  cSettings t;
-  EXPECT_TRUE(t.LoadSettings(path));
-  EXPECT_EQ(t.getXML(), s.getXML());
-  std::filesystem::remove(path);
-  EXPECT_EQ(Err([&] { t.LoadSettings(path); }), "3 LoadSettings: File Not Found: " + path);
 }
 
 TEST(SettingsTest, LimitsHoldAndLargeTextsLoadQuickly) {
@@ -141,38 +115,6 @@ TEST(SettingsTest, LimitsHoldAndLargeTextsLoadQuickly) {
   EXPECT_EQ(s.ListSections().size(), 32768u);
   EXPECT_EQ(s.GetSetting("k", {}, "Big").toString().size(), 1u << 20);
   EXPECT_EQ(s.GetSetting("K", {}, "S32765"), Variant("s32765"));
-}
-
-// Any store's text loads back to the same text; damaged text loads or fails
-// with the corrupt-text error, nothing else.
-TEST(SettingsTest, RandomTextNeverBreaksTheLoader) {
-  const uint32_t seed = 20240611;
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 rng(seed);
-  auto fill = [&](size_t n, const std::string& from) {
-    std::string text(n, ' ');
-    for (char& c : text) c = from[rng() % from.size()];
-    return text;
-  };
-  for (int round = 0; round < 100; ++round) {
-    cSettings s;
-    for (int i = 0, n = rng() % 20; i < n; ++i) {
-      s.SaveSetting(fill(1 + rng() % 4, "abcXYZ09_"), Variant(fill(rng() % 6, "xyz />&\r\n")),
-                    fill(1, "ABCab"));
-    }
-    const std::string xml = s.getXML();
-    cSettings copy;
-    ASSERT_TRUE(copy.LoadXML(xml));
-    ASSERT_EQ(copy.getXML(), xml);
-
-    const std::string noise = "<>/ aAbB\r\nSettings";
-    std::string mutated = xml;
-    for (int i = 0; i < 3; ++i) mutated[rng() % mutated.size()] = noise[rng() % noise.size()];
-    for (const std::string& bad : {mutated, fill(rng() % 200, noise)}) {
-      const std::string error = Err([&] { copy.LoadXML(bad); });
-      EXPECT_TRUE(error.empty() || error == kCorrupt) << bad;
-    }
-  }
 }
 
 }  // namespace
