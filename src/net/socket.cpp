@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <deque>
+#include <utility>
 #include <vector>
 
 #include "net/asio_context.h"
@@ -57,6 +58,11 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   void Queue(std::string_view data) {
     if (!outgoing.empty() && outgoing.back().size() + data.size() <= kPieceBytes) {
       outgoing.back().append(data);
+    } else if (data.size() <= kPieceBytes && spare.capacity() > 0) {
+      // The first piece of the last write, kept so that a stream of small
+      // messages does not allocate and grow a piece every turn.
+      outgoing.push_back(std::exchange(spare, std::string()));
+      outgoing.back().assign(data);
     } else {
       outgoing.emplace_back(data);
     }
@@ -101,6 +107,10 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
           self->writing = false;
           self->inflightBytes = 0;
           if (ec || self->state != SocketState::Connected) return;  // reads report the break
+          if (batch->front().capacity() <= 2 * kPieceBytes) {
+            self->spare = std::move(batch->front());
+            self->spare.clear();
+          }
           if (auto h = self->handlers.onSent) h(n);
           self->WriteQueued();
         });
@@ -126,6 +136,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     }
     // Released, not cleared: a closed socket holds no memory.
     std::deque<std::string>().swap(outgoing);
+    std::string().swap(spare);
     queuedBytes = 0;
     readBuffer.reset();
     inMemory.reset();
@@ -142,6 +153,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   std::shared_ptr<char[]> readBuffer;
   bool paused = false;
   std::deque<std::string> outgoing;
+  std::string spare;
   size_t queuedBytes = 0;
   size_t inflightBytes = 0;
   bool writing = false;
@@ -228,7 +240,7 @@ size_t Socket::QueuedBytes() const {
 }
 
 size_t Socket::BufferBytes() const {
-  return QueuedBytes() + (impl_->readBuffer ? Impl::kReadSize : 0);
+  return QueuedBytes() + impl_->spare.capacity() + (impl_->readBuffer ? Impl::kReadSize : 0);
 }
 
 void Socket::Close() {
