@@ -19,8 +19,11 @@ int HexValue(char c) {
   return -1;
 }
 
-// Replaces every "%" + hi + lo at or after from by decoded, in place.
-void ReplaceEscape(std::string& path, size_t from, char hi, char lo, char decoded) {
+// Rewrites path in place from from on: runs without "%" move down as they
+// are, and each "%" is handed to onPercent(data, size, read, write), which
+// consumes it (and what it decodes) and writes the result.
+template <typename OnPercent>
+void RewritePercents(std::string& path, size_t from, OnPercent onPercent) {
   char* data = path.data();
   const size_t size = path.size();
   size_t read = from;
@@ -32,38 +35,34 @@ void ReplaceEscape(std::string& path, size_t from, char hi, char lo, char decode
     write += percent - read;
     read = percent;
     if (read == size) break;
+    onPercent(data, size, read, write);
+  }
+  path.resize(write);
+}
+
+// Replaces every "%" + hi + lo at or after from by decoded, in place.
+void ReplaceEscape(std::string& path, size_t from, char hi, char lo, char decoded) {
+  RewritePercents(path, from, [=](char* data, size_t size, size_t& read, size_t& write) {
     if (read + 2 < size && data[read + 1] == hi && data[read + 2] == lo) {
       data[write++] = decoded;
       read += 3;
     } else {
       data[write++] = data[read++];
     }
-  }
-  path.resize(write);
+  });
 }
 
 // Decoding "%25" k times in a row takes one "25" off every "%" followed by a
 // run of "25"s (a decoded "%" can only start a new escape, never end one), so
 // the k passes are done in one sweep.
 void StripPercentChains(std::string& path, size_t from, size_t k) {
-  char* data = path.data();
-  const size_t size = path.size();
-  size_t read = from;
-  size_t write = from;
-  while (read < size) {
-    const void* hit = std::memchr(data + read, '%', size - read);
-    size_t percent = hit ? static_cast<size_t>(static_cast<const char*>(hit) - data) : size;
-    std::memmove(data + write, data + read, percent - read);
-    write += percent - read;
-    read = percent;
-    if (read == size) break;
+  RewritePercents(path, from, [k](char* data, size_t size, size_t& read, size_t& write) {
     data[write++] = data[read++];
     for (size_t skipped = 0;
          skipped < k && read + 1 < size && data[read] == '2' && data[read + 1] == '5'; ++skipped) {
       read += 2;
     }
-  }
-  path.resize(write);
+  });
 }
 
 }  // namespace
