@@ -5,6 +5,7 @@
 #include <qel/error.h>
 
 namespace qel {
+namespace {
 
 std::string DescribeFault(const std::exception& fault) {
   if (auto* error = dynamic_cast<const QelError*>(&fault)) {
@@ -13,6 +14,8 @@ std::string DescribeFault(const std::exception& fault) {
   if (dynamic_cast<const std::bad_alloc*>(&fault)) return "Error 7: Out of memory";
   return std::string("Error 5: ") + fault.what();
 }
+
+}  // namespace
 
 std::string DescribeCurrentFault() {
   try {

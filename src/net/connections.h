@@ -91,12 +91,12 @@ class Connections {
   // maintaining it; true when any element held that address.
   bool CloseAddress(const std::string& address);
 
+ private:
+  Connections();
   // Bytes the table holds for a connection: waiting to be sent, and received
   // but not yet processed.
   size_t HeldBytes(int32_t index) const;
 
- private:
-  Connections();
   int32_t GetFreeSocket(LinkOwner& owner, const LinkLimits& limits);
   void Attach(int32_t index);
   void StartDial(int32_t index, bool redial);

@@ -37,6 +37,13 @@ std::string Capped(std::string value) {
   return value.size() > kMaxInfoValue ? value.substr(0, kMaxInfoValue) : value;
 }
 
+// Nodes learned from INFO messages by any node of the process; position 0
+// is unused.
+std::vector<NodeEntry>& KnownNodes() {
+  static auto* list = new std::vector<NodeEntry>(1);
+  return *list;
+}
+
 // The process-wide list keeps at most kKnownNodeLimit + 1 places; when full,
 // everything moves down one and the oldest place is dropped.
 constexpr int32_t kKnownNodeLimit = 20;
@@ -54,11 +61,6 @@ void RememberKnownNode(const NodeEntry& entry) {
 }
 
 }  // namespace
-
-std::vector<NodeEntry>& KnownNodes() {
-  static auto* list = new std::vector<NodeEntry>(1);
-  return *list;
-}
 
 typMessage MakeMessage(const char* type, const std::string& destination) {
   typMessage message = NewMessage();

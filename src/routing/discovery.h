@@ -31,9 +31,6 @@ std::vector<typNodeInfo> QueryNodes(RoutingNode& node, const std::string& destin
 
 // Index in the node's cache, or -1 (also for an empty id).
 int32_t FindCachedNode(const RoutingNode& node, const std::string& id);
-// Nodes learned from INFO messages by any node of the process; position 0
-// is unused.
-std::vector<NodeEntry>& KnownNodes();
 // Index in the process-wide list, or -1.
 int32_t FindKnownNode(const std::string& id);
 
