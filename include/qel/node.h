@@ -46,9 +46,9 @@ class QEL_API cQEL {
   // advanced settings from section "Common" of advancedSettings (a cSettings
   // text): Timeout, TTL, useEnc, netPass, useComp, seeSelf, announceSelf,
   // maxRoutes, confirmMode, confirmTimeout, confirmRetry, filePacket (KiB),
-  // packetCache, maxMessage, memoryBudget, stallTimeout, maxConnections
-  // (docs/guide.md lists their meanings and defaults). Absent keys keep their defaults; text that is not a settings
-  // text is ignored; a value of the wrong type is reported through Error and
+  // packetCache, maxMessage, memoryBudget, stallTimeout, maxConnections,
+  // listenAddress (docs/guide.md lists their meanings and defaults). Absent
+  // keys keep their defaults; text that is not a settings text is ignored; a value of the wrong type is reported through Error and
   // stops reading at that key. May be called again on a live node.
   void Initialise(const std::string& nodeName, int32_t listenPort = 0, enmRole Role = role_Peer,
                   const std::string& Descriptor = "", const std::string& sharedDir = "",

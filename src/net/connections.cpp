@@ -2,7 +2,10 @@
 
 #include <malloc.h>
 
+#include <cerrno>
+
 #include <algorithm>
+#include <utility>
 
 #include <qel/error.h>
 #include <qel/event_loop.h>
@@ -224,7 +227,8 @@ void Connections::DrainPending() {
   }
 }
 
-int32_t Connections::ListenOnPort(LinkOwner& owner, int32_t port, const LinkLimits& limits) {
+int32_t Connections::ListenOnPort(LinkOwner& owner, int32_t port, const std::string& address,
+                                  const LinkLimits& limits) {
   size_t reuse = listeners_.size();
   for (size_t i = 0; i < listeners_.size(); ++i) {
     auto& entry = listeners_[i];
@@ -254,7 +258,14 @@ int32_t Connections::ListenOnPort(LinkOwner& owner, int32_t port, const LinkLimi
   entry.Owner = owner.weak_from_this();
   entry.limits = limits;
   entry.refusing = false;
-  if (port < 0 || port > 65535 || entry.sck->Listen(static_cast<uint16_t>(port))) return 0;
+  if (port < 0 || port > 65535) return 0;
+  if (auto ec = entry.sck->Listen(static_cast<uint16_t>(port), address)) {
+    // Errno values, whatever the category: the address itself is wrong.
+    if (!address.empty() && (ec.value() == EINVAL || ec.value() == EADDRNOTAVAIL)) {
+      owner.OnLinkFault("Cannot listen on address '" + address + "': " + ec.message());
+    }
+    return 0;
+  }
   return entry.sck->LocalPort();
 }
 
@@ -349,9 +360,13 @@ void Connections::CloseConnection(int32_t index, bool stopMaintaining) {
   // The allocator keeps large freed blocks for reuse; after a connection
   // that held a lot, hand them back so the process shrinks again.
   if (held >= kTrimAfterBytes) malloc_trim(0);
+  // The element may come back to another node at the same address: what
+  // it knew of this peer goes now, so neither routing nor a later close
+  // names the old one.
+  const std::string nodeID = std::exchange(c.NodeID, {});
   auto owner = Lock(c.Owner);
   if (!owner) return;
-  owner->OnLinkDown(index, c.Address, c.NodeID);
+  owner->OnLinkDown(index, c.Address, nodeID);
   if (c.Maintain && owner->Alive() && c.sck->State() == SocketState::Closed) Redial(index);
 }
 
@@ -507,18 +522,21 @@ void Connections::CloseOwnedBy(const LinkOwner& owner) {
   }
 }
 
-bool Connections::CloseAddress(const std::string& address) {
-  bool any = false;
+bool Connections::CloseAddress(const std::string& address, const std::string& nodeID) {
+  bool closed = false;
   for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
-    if (conns_[i]->Address == address) {
-      // Every element with the address counts, also one closed already (a
-      // maintained link waiting to be re-dialled, say), as classic nodes count.
-      conns_[i]->Maintain = false;
-      any = true;
-      CloseConnection(i, true);
-    }
+    Connection& c = *conns_[i];
+    const bool match =
+        (!address.empty() && c.Address == address) || (!nodeID.empty() && c.NodeID == nodeID);
+    if (!match) continue;
+    // A maintained link waiting to be re-dialled stops being maintained, but
+    // only closing an open one counts.
+    c.Maintain = false;
+    if (c.sck->State() == SocketState::Closed) continue;
+    closed = true;
+    CloseConnection(i, true);
   }
-  return any;
+  return closed;
 }
 
 }  // namespace qel

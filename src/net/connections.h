@@ -60,11 +60,13 @@ class Connections {
   Connection& At(int32_t index) { return *conns_[index]; }
   bool IsConnected(int32_t index) const;
 
-  // Opens a listening socket for owner on port (0: any free port) and
-  // returns the port it listens on, or 0 when it cannot. Throws QelError
-  // -2147221501 when this process already listens on the port. Accepted
-  // connections run under limits.
-  int32_t ListenOnPort(LinkOwner& owner, int32_t port, const LinkLimits& limits);
+  // Opens a listening socket for owner on port (0: any free port) at address
+  // (empty: every IPv4 interface) and returns the port it listens on, or 0
+  // when it cannot; an address that is not a numeric IP address is reported
+  // to the owner. Throws QelError -2147221501 when this process already
+  // listens on the port. Accepted connections run under limits.
+  int32_t ListenOnPort(LinkOwner& owner, int32_t port, const std::string& address,
+                       const LinkLimits& limits);
   // Dials address ("host:port", or a host and limits.defaultPort) and runs
   // the loop until it is up or limits.connectTimeoutMs passed. Throws
   // QelError 6 for a port out of range, 13 for one that is not a number.
@@ -87,9 +89,10 @@ class Connections {
   bool CloseListeners(const LinkOwner& owner);
   // Closes every connection owner owns.
   void CloseOwnedBy(const LinkOwner& owner);
-  // Closes every connection to address, whoever owns it, and stops
-  // maintaining it; true when any element held that address.
-  bool CloseAddress(const std::string& address);
+  // Closes every connection to address, or to the peer nodeID when it is
+  // not empty, whoever owns it, and stops maintaining it; true when it
+  // closed one that was open.
+  bool CloseAddress(const std::string& address, const std::string& nodeID = {});
 
  private:
   Connections();

@@ -338,10 +338,15 @@ Listener::~Listener() {
   Close();
 }
 
-std::error_code Listener::Listen(uint16_t port) {
+std::error_code Listener::Listen(uint16_t port, const std::string& address) {
   Close();
   std::error_code ec;
   tcp::endpoint endpoint(tcp::v4(), port);
+  if (!address.empty()) {
+    auto ip = asio::ip::make_address(address, ec);
+    if (ec) return ec;
+    endpoint = tcp::endpoint(ip, port);
+  }
   auto& acceptor = impl_->acceptor;
   acceptor.open(endpoint.protocol(), ec);
   if (!ec) acceptor.set_option(tcp::acceptor::reuse_address(true), ec);

@@ -98,8 +98,9 @@ class Listener {
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
 
-  // Listens on port (0: any free port) on every IPv4 interface.
-  std::error_code Listen(uint16_t port);
+  // Listens on port (0: any free port) at address, a numeric IPv4 or IPv6
+  // address; empty means every IPv4 interface.
+  std::error_code Listen(uint16_t port, const std::string& address = {});
   void Close();
   SocketState State() const;
   uint16_t LocalPort() const;

@@ -86,6 +86,7 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
   node.memoryBudget = 268435456;
   node.stallTimeout = 30000;
   node.maxConnections = 1024;
+  node.listenAddress.clear();
   int32_t filePacket = 256;
   int32_t packetCache = 50;
 
@@ -120,6 +121,7 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
       node.memoryBudget = get("memoryBudget", node.memoryBudget).toInt64();
       node.stallTimeout = get("stallTimeout", node.stallTimeout).toInt32();
       node.maxConnections = get("maxConnections", node.maxConnections).toInt32();
+      node.listenAddress = Trim(get("listenAddress", node.listenAddress).toString());
     }
   }
   if (node.netPass.empty()) node.netPass = "blankey";
@@ -199,7 +201,7 @@ bool cQEL::Listen(int32_t lngPort) {
   auto node = Enter(*this);
   try {
     int32_t port = Connections::Get().ListenOnPort(*node, lngPort != 0 ? lngPort : node->ListenPort,
-                                                   node->Limits());
+                                                   node->listenAddress, node->Limits());
     if (port == 0) return false;
     node->Listening = true;
     // A node told to take any free port advertises the one it got.
@@ -228,10 +230,9 @@ bool cQEL::Connect(std::string strServer, bool isNodeID, bool bMaintain) {
 bool cQEL::DisconnectFrom(const std::string& strServer, bool isNodeID) {
   auto node = Enter(*this);
   try {
-    if (!node->Connected) return false;
     std::string target = isNodeID ? KnownAddress(*node, strServer) : strServer;
-    if (target.empty()) return false;
-    return Connections::Get().CloseAddress(target);
+    if (target.empty() && !isNodeID) return false;
+    return Connections::Get().CloseAddress(target, isNodeID ? strServer : std::string());
   } catch (...) {
     ReportCurrentFault(*node);
   }
@@ -245,7 +246,6 @@ bool cQEL::DisconnectAll() {
     // Closing a listener takes effect at once, so there is nothing to wait for.
     if (node->Listening) connections.CloseListeners(*node);
     node->Listening = false;
-    if (!node->Connected) return true;
     connections.CloseOwnedBy(*node);
     return true;
   } catch (...) {

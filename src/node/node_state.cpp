@@ -12,16 +12,12 @@ bool NodeState::OnLinkRequest(const std::string& sourceIP) {
   return RaiseConnectionReq(*this, sourceIP);
 }
 
-void NodeState::OnLinkUp(int32_t conn, LinkKind kind, const std::string& sourceIP) {
-  if (kind == LinkKind::Accepted) {
-    // The Connected flag is not updated here: classic nodes set it only when
-    // a connection of their own completes or any of theirs closes.
-    RaiseConnectionEstab(*this, sourceIP);
-    return;
-  }
+void NodeState::OnLinkUp(int32_t conn, LinkKind, const std::string& sourceIP) {
+  // Whoever dialled, both ends announce themselves, so each learns the
+  // other's identifier and can reach it on this link.
   Connected = Connections::Get().HasOpenLink(*this);
   if (announceSelf) SendInfo(*this, "BROADCAST", conn);
-  if (kind == LinkKind::Redialled && Alive()) RaiseConnectionEstab(*this, sourceIP);
+  if (Alive()) RaiseConnectionEstab(*this, sourceIP);
 }
 
 void NodeState::OnLinkDown(int32_t, const std::string& address, const std::string& nodeID) {

@@ -1,5 +1,7 @@
 #include "routing/discovery.h"
 
+#include <algorithm>
+
 #include <qel/error.h>
 #include <qel/settings.h>
 
@@ -112,6 +114,25 @@ std::string KnownKey(const RoutingNode& node, const std::string& nodeID) {
   return found >= 0 ? node.NodeCache[found].EncryptionKey : std::string();
 }
 
+namespace {
+
+// Asks nodeID to describe itself and waits for its answer; the answer's
+// position in the cache, or -1.
+int32_t AskNode(RoutingNode& node, const std::string& nodeID, int32_t timeoutMs) {
+  // Only an INFO taken after the question counts: the cached one may be stale.
+  const uint64_t asked = node.InfoCount;
+  auto fresh = [&] {
+    int32_t i = FindCachedNode(node, nodeID);
+    return i >= 0 && node.NodeCache[i].InfoSerial > asked ? i : -1;
+  };
+  typMessage whois = MakeMessage("WHOIS", nodeID);
+  SendPacket(node, whois);
+  RunUntil([&] { return fresh() >= 0; }, timeoutMs);
+  return fresh();
+}
+
+}  // namespace
+
 std::vector<typNodeInfo> QueryNodes(RoutingNode& node, const std::string& destination,
                                     bool useCached) {
   if (destination == "BROADCAST") {
@@ -132,10 +153,7 @@ std::vector<typNodeInfo> QueryNodes(RoutingNode& node, const std::string& destin
       return {KnownNodes()[known].ToNodeInfo()};
     }
   }
-  typMessage whois = MakeMessage("WHOIS", destination);
-  SendPacket(node, whois);
-  RunUntil([&] { return FindCachedNode(node, destination) >= 0; }, node.Timeout);
-  int32_t found = FindCachedNode(node, destination);
+  int32_t found = AskNode(node, destination, node.Timeout);
   return {found >= 0 ? node.NodeCache[found].ToNodeInfo() : typNodeInfo{}};
 }
 
@@ -154,6 +172,9 @@ std::string KnownAddress(const RoutingNode& node, const std::string& nodeID) {
 
 int32_t PingNode(RoutingNode& node, const std::string& nodeID, int32_t timeoutMs) {
   int32_t index = FindCachedNode(node, nodeID);
+  const int64_t start = TickCount();
+  // A node not heard of yet is asked first, within the same time-out.
+  if (index < 0) index = AskNode(node, nodeID, timeoutMs);
   if (index < 0) {
     throw QelError(errors::kNotInitialised, "Ping", "Cannot ping unresolved node");
   }
@@ -169,7 +190,8 @@ int32_t PingNode(RoutingNode& node, const std::string& nodeID, int32_t timeoutMs
     int32_t i = FindCachedNode(node, nodeID);
     return i >= 0 && node.NodeCache[i].PingReqID == reqID ? node.NodeCache[i].PingTime : -1;
   };
-  RunUntil([&] { return answered() != -1; }, timeoutMs);
+  const int64_t left = std::max<int64_t>(0, timeoutMs - (TickCount() - start));
+  RunUntil([&] { return answered() != -1; }, static_cast<int32_t>(left));
   return answered();
 }
 
@@ -204,6 +226,7 @@ void OnInfo(RoutingNode& node, const typMessage& message, int32_t conn) {
   }
   entry.activeUser = Capped(ReadText(body, "Active-User"));
   entry.directConn = GetSingleField(message.Fields, "Hops") == "0";
+  entry.InfoSerial = ++node.InfoCount;
   auto& connections = Connections::Get();
   if (entry.directConn && conn >= 1 && conn <= connections.Count()) {
     // A neighbour is recorded under the address it is actually reached at,

@@ -25,6 +25,9 @@ struct NodeEntry {
   std::string PingReqID;
   int64_t PingStart = 0;
   int32_t PingTime = -1;
+  // Which INFO of the node's (counted by the node that keeps the table) this
+  // entry holds, so a question can tell an answer to it from an older one.
+  uint64_t InfoSerial = 0;
 
   typNodeInfo ToNodeInfo() const {
     return {ID, Name, Role, Descriptor, directConn, Address, sharingFiles, activeUser};

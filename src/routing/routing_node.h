@@ -47,12 +47,16 @@ struct RoutingNode : LinkOwner {
   int64_t memoryBudget = 0;
   int32_t stallTimeout = 0;
   int32_t maxConnections = 0;
+  // Where Listen listens; empty: every IPv4 interface.
+  std::string listenAddress;
 
   // Identifiers of messages seen or sent, and the learned routes.
   PacketCache SeenIDs;
   RouteTable Routes;
   // Nodes that answered this node's questions; position 0 is unused.
   NodeTable NodeCache;
+  // INFO messages taken into NodeCache so far.
+  uint64_t InfoCount = 0;
 
   // Connection flags, kept by the node layer from the table's reports.
   bool Listening = false;

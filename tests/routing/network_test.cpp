@@ -11,11 +11,12 @@ TEST(NetworkTest, TwoNodesExchangeMessagesAndErrors) {
   Peer a("alpha", "", true), b("bravo");
   ASSERT_NE(a.Port(), 0);  // a free port, advertised
   b.ConnectTo(a);
-  // Only a node's own connections set its flag; a node that just accepted
-  // stays "not connected" and cannot disconnect by address.
-  EXPECT_FALSE(a.node.isConnected());
-  EXPECT_FALSE(a.node.DisconnectFrom(b.Address()));
+  // Both ends announce themselves and count the link as theirs.
+  ASSERT_TRUE(Eventually([&] { return b.Knows(a.ID()); }));
+  EXPECT_TRUE(a.node.isConnected());
   EXPECT_TRUE(b.node.isConnected());
+  EXPECT_EQ(a.established.size(), 1u);
+  EXPECT_EQ(b.established, std::vector<std::string>{a.Address()});
 
   b.node.SendMessage("hello all", "BROADCAST", "greeting");
   a.node.SendMessage("went wrong", b.ID(), "ERROR");
@@ -23,14 +24,39 @@ TEST(NetworkTest, TwoNodesExchangeMessagesAndErrors) {
   EXPECT_EQ(a.messages[0] + " " + a.types[0] + " " + a.senders[0], "hello all greeting " + b.ID());
   EXPECT_EQ(b.errors[0], "went wrong");
 
+  EXPECT_GE(a.node.Ping(b.ID(), 5000), 0);
+  EXPECT_THROW(b.node.Ping("NOSUCHNODE"), QelError);
+  // Asking afresh waits for a new answer instead of returning the cached one.
+  a.node.switchRole(role_Router);
   auto info = b.node.GetNodeInfo(a.ID(), false);
   ASSERT_EQ(info.size(), 1u);
   EXPECT_EQ(info[0].Name, "alpha");
+  EXPECT_EQ(info[0].Role, role_Router);
   EXPECT_TRUE(info[0].directConn);
   EXPECT_EQ(info[0].Address, a.Address());
-  EXPECT_THROW(b.node.Ping("NOSUCHNODE"), QelError);
 
-  EXPECT_TRUE(b.node.DisconnectFrom(a.Address()));
+  // The accepting end can close the link, by identifier; only an open one counts.
+  EXPECT_TRUE(a.node.DisconnectFrom(b.ID(), true));
+  EXPECT_FALSE(a.node.DisconnectFrom(b.ID(), true));
+  ASSERT_TRUE(Eventually([&] { return b.closed.size() == 1; }));
+  EXPECT_EQ(a.closedIDs, std::vector<std::string>{b.ID()});
+  EXPECT_EQ(b.closedIDs, std::vector<std::string>{a.ID()});
+  EXPECT_FALSE(a.node.isConnected());
+  EXPECT_FALSE(b.node.isConnected());
+}
+
+TEST(NetworkTest, ListenAddressPingOfUnknownNodeAndDisconnectAllOfAcceptedLinks) {
+  Peer a("a", "", true), b("b", Settings({{"announceSelf", false}, {"listenAddress", "127.0.0.1"}}), true);
+  Peer wrong("wrong", Settings({{"listenAddress", "localhost:1"}}));
+  EXPECT_FALSE(wrong.node.Listen());
+  ASSERT_EQ(wrong.errors.size(), 1u);
+  EXPECT_NE(wrong.errors[0].find("localhost:1"), std::string::npos);
+  ASSERT_TRUE(a.node.Connect(b.Address()));
+  // Neither announced itself to a, so a knows b only by asking.
+  ASSERT_TRUE(Eventually([&] { return b.established.size() == 1; }));
+  EXPECT_FALSE(a.Knows(b.ID()));
+  EXPECT_GE(a.node.Ping(b.ID(), 5000), 0);
+  EXPECT_TRUE(b.node.DisconnectAll());
   ASSERT_TRUE(Eventually([&] { return a.closed.size() == 1; }));
   EXPECT_FALSE(b.node.isConnected());
 }
@@ -102,13 +128,13 @@ TEST(NetworkTest, MaintainedLinksAreRedialledWhenTheyDrop) {
   ASSERT_TRUE(Eventually([&] { return links.size() == 1; }));
   // The far end drops the link; b dials again at once and says so.
   links[0]->Close();
-  ASSERT_TRUE(Eventually([&] { return !b.established.empty() && links.size() == 2; }));
-  EXPECT_EQ(b.established[0], address);
+  ASSERT_TRUE(Eventually([&] { return b.established.size() == 2 && links.size() == 2; }));
+  EXPECT_EQ(b.established[1], address);
   EXPECT_TRUE(b.node.isConnected());
   // Disconnecting on purpose stops the maintaining.
   EXPECT_TRUE(b.node.DisconnectFrom(address));
   EXPECT_FALSE(b.node.isConnected());
-  EXPECT_EQ(b.established.size(), 1u);
+  EXPECT_EQ(b.established.size(), 2u);
 }
 
 TEST(NetworkTest, ADialThatHangsNeverBlocksTheLoop) {

@@ -40,7 +40,7 @@ inline std::string Settings(std::initializer_list<std::pair<const char*, Variant
 // A node with everything it raised written down.
 struct Peer {
   cQEL node;
-  std::vector<std::string> messages, types, senders, errors, closed, established;
+  std::vector<std::string> messages, types, senders, errors, closed, closedIDs, established;
   explicit Peer(const std::string& name, const std::string& settings = "", bool listen = false) {
     node.MessageReceived = [this](std::string& text, std::string& type, std::string& from) {
       messages.push_back(text);
@@ -48,7 +48,10 @@ struct Peer {
       senders.push_back(from);
     };
     node.Error = [this](std::string& text, std::string&) { errors.push_back(text); };
-    node.ConnectionClosed = [this](std::string& ip, std::string&) { closed.push_back(ip); };
+    node.ConnectionClosed = [this](std::string& ip, std::string& id) {
+      closed.push_back(ip);
+      closedIDs.push_back(id);
+    };
     node.ConnectionEstab = [this](std::string& ip) { established.push_back(ip); };
     node.Initialise(name, 0, role_Peer, "", "", settings);
     if (listen) {
