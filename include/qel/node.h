@@ -71,18 +71,20 @@ class QEL_API cQEL {
   // it cannot be made).
   bool Connect(std::string strServer, bool isNodeID = false, bool bMaintain = false);
 
-  // Closes every connection of the process to strServer (or to the address
-  // known for a node identifier), whichever node owns it, and stops
-  // maintaining it. True when one was closed.
+  // Closes every connection of the process to strServer (or, when isNodeID,
+  // to the address known for that node and any link it announced itself
+  // on), whichever node owns it, accepted or made, and stops maintaining it.
+  // True only when it closed a connection that was open.
   bool DisconnectFrom(const std::string& strServer, bool isNodeID = false);
 
-  // Stops listening and closes this node's connections.
+  // Stops listening and closes this node's connections, accepted ones too.
   bool DisconnectAll();
 
   // Describes the nodes of the network. "BROADCAST" asks every node and waits
   // the full Timeout for answers (element 0 of the result is empty); a node
   // identifier gives one element, from the cache when bUseCached and known,
-  // otherwise by asking it and waiting up to Timeout ms.
+  // otherwise by asking it and waiting up to Timeout ms for an answer given
+  // after the question (an empty element when none came).
   std::vector<typNodeInfo> GetNodeInfo(const std::string& strDestination = "BROADCAST",
                                        bool bUseCached = true);
 
@@ -91,12 +93,13 @@ class QEL_API cQEL {
   void SendMessage(const std::string& strMessage, const std::string& nodeID,
                    const std::string& strType = "");
 
-  // Round-trip time in ms to a node discovery knows, or -1 when no answer
-  // came within Timeout ms. Throws QelError -2147221503 ("Cannot ping
-  // unresolved node") for an unknown node.
+  // Round-trip time in ms to a node, or -1 when no answer came within
+  // Timeout ms. A node not known yet is asked to describe itself first,
+  // within the same Timeout; when it does not answer, throws QelError
+  // -2147221503 ("Cannot ping unresolved node").
   int32_t Ping(const std::string& nodeID, int32_t Timeout = 3000);
 
-  // Whether one of this node's connections is up.
+  // Whether one of this node's connections, accepted or made, is up.
   bool isConnected();
 
   // Changes the role the node announces from now on; nothing is sent.
@@ -126,7 +129,8 @@ class QEL_API cQEL {
   std::function<void(std::string& strMessage, std::string& nodeID)> Error;
   // A remote host asks to connect; set Cancel to refuse it.
   std::function<void(std::string& SourceIP, bool& Cancel)> ConnectionReq;
-  // A connection was accepted or re-established.
+  // A connection came up: accepted, made by Connect, or re-made for a
+  // maintained link. SourceIP is the peer's IP, or the address dialled.
   std::function<void(std::string& SourceIP)> ConnectionEstab;
   // A connection of this node closed.
   std::function<void(std::string& SourceIP, std::string& nodeID)> ConnectionClosed;
