@@ -355,6 +355,8 @@ void Connections::CloseConnection(int32_t index, bool stopMaintaining) {
   if (c.sck->State() == SocketState::Closed) return;
   if (stopMaintaining) c.Maintain = false;
   const size_t held = HeldBytes(index);
+  // An accepted link whose peer never said where it listens is named by its IP.
+  const std::string address = PeerOf(c);
   c.sck->Close();
   if (c.draining == 0) ReleaseBuffers(c);
   // The allocator keeps large freed blocks for reuse; after a connection
@@ -366,7 +368,7 @@ void Connections::CloseConnection(int32_t index, bool stopMaintaining) {
   const std::string nodeID = std::exchange(c.NodeID, {});
   auto owner = Lock(c.Owner);
   if (!owner) return;
-  owner->OnLinkDown(index, c.Address, nodeID);
+  owner->OnLinkDown(index, address, nodeID);
   if (c.Maintain && owner->Alive() && c.sck->State() == SocketState::Closed) Redial(index);
 }
 

@@ -25,6 +25,7 @@ TEST(HostilePeerTest, OverlongHeaderOrBodyClosesOnlyThatConnection) {
   rude.socket.Send(std::string(70000, 'x'));
   ASSERT_TRUE(Eventually([&] { return rude.closedByNode && target.closed.size() == 1; }));
   EXPECT_TRUE(Has(target.errors, 0, "header longer than 65536 bytes"));
+  EXPECT_EQ(target.closed[0], "127.0.0.1");  // a peer that never said where it listens
   greedy.socket.Send("MSG  QEL/2.1\r\nContent-Length: 67108865\r\n\r\n");
   ASSERT_TRUE(Eventually([&] { return greedy.closedByNode && target.closed.size() == 2; }));
   EXPECT_TRUE(Has(target.errors, 1, "message longer than 67108864 bytes"));
