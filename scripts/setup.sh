@@ -1,16 +1,26 @@
 #!/usr/bin/env bash
-# Installs the Debian packages QEL needs to build, test and benchmark, when
-# they are missing. Safe to run again: it does nothing when all are present.
+# Installs the Debian packages a group of tasks needs, when they are missing:
+#   setup.sh            what building and running need (make build, make run)
+#   setup.sh test       the test suite's extras (make test, make test-asan)
+#   setup.sh bench      the benchmarks' extras (make bench)
+#   setup.sh fuzz       the fuzzers' extras (make fuzz)
+#   setup.sh format     clang-format (make format)
+# Safe to run again: it does nothing when all are present.
 set -euo pipefail
 
-packages=(
-  build-essential cmake ninja-build pkg-config
-  zlib1g-dev libssl-dev libasio-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
-  libcli11-dev nlohmann-json3-dev
-  clang libclang-rt-14-dev clang-format
-  libzmq3-dev
-)
+packages=()
+for group in "${@:-build}"; do
+  case "$group" in
+    build)
+      packages+=(build-essential cmake ninja-build pkg-config
+        zlib1g-dev libssl-dev libasio-dev libcli11-dev nlohmann-json3-dev libedit-dev) ;;
+    test)   packages+=(libgtest-dev libgmock-dev binutils pkg-config) ;;
+    bench)  packages+=(libbenchmark-dev libzmq3-dev) ;;
+    fuzz)   packages+=(clang libclang-rt-14-dev) ;;
+    format) packages+=(clang-format) ;;
+    *) echo "setup: unknown group '$group' (build, test, bench, fuzz, format)" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for p in "${packages[@]}"; do
