@@ -1,6 +1,7 @@
 // QEL: make an application a node of a peer-to-peer overlay network.
 #pragma once
 
+#include <qel/advanced_settings.h>
 #include <qel/debug.h>
 #include <qel/error.h>
 #include <qel/event_loop.h>

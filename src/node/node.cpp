@@ -12,6 +12,7 @@
 #include "core/text.h"
 #include "net/connections.h"
 #include "net/local_address.h"
+#include "node/advanced_values.h"
 #include "node/module.h"
 #include "node/node_access.h"
 #include "routing/confirm.h"
@@ -48,13 +49,6 @@ std::string AccountName() {
   return name.substr(0, 24);
 }
 
-int16_t ToInt16(const Variant& value) {
-  int32_t number = value.toInt32();
-  if (number < -32768 || number > 32767)
-    throw QelError(errors::kOverflow, "Initialise", "Overflow");
-  return static_cast<int16_t>(number);
-}
-
 // Table sizes below zero are the classic subscript fault.
 void MakeTable(int32_t upper) {
   if (upper < 0) {
@@ -72,58 +66,29 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
   node.Role = role;
   node.Descriptor = descriptor;
 
-  node.Timeout = 500;
-  node.TTL = 20;
-  node.useEnc = false;
-  node.useComp = false;
-  node.seeSelf = false;
-  node.announceSelf = true;
-  node.maxRoutes = 10;
-  node.confirmMode = false;
-  node.confirmTimeout = 30000;
-  node.confirmRetry = 2;
-  node.maxMessage = 67108864;
-  node.memoryBudget = 268435456;
-  node.stallTimeout = 30000;
-  node.maxConnections = 1024;
-  node.listenAddress.clear();
-  int32_t filePacket = 256;
-  int32_t packetCache = 50;
-
-  if (!advancedSettings.empty()) {
-    cSettings settings;
-    bool loaded = false;
-    try {
-      loaded = settings.LoadXML(advancedSettings);
-    } catch (const QelError&) {
-      loaded = false;  // text that is not a settings text leaves every default
-    }
-    if (loaded) {
-      // Read in this order, each written as soon as it converts: a value of
-      // the wrong type stops here with the earlier keys already set.
-      auto get = [&](const char* key, Variant current) {
-        return settings.GetSetting(key, std::move(current), "Common");
-      };
-      node.Timeout = get("Timeout", node.Timeout).toInt32();
-      node.TTL = get("TTL", node.TTL).toInt32();
-      node.useEnc = get("useEnc", node.useEnc).toBool();
-      node.netPass = get("netPass", node.netPass).toString();
-      node.useComp = get("useComp", node.useComp).toBool();
-      node.seeSelf = get("seeSelf", node.seeSelf).toBool();
-      node.announceSelf = get("announceSelf", node.announceSelf).toBool();
-      node.maxRoutes = ToInt16(get("maxRoutes", node.maxRoutes));
-      node.confirmMode = get("confirmMode", node.confirmMode).toBool();
-      node.confirmTimeout = get("confirmTimeout", node.confirmTimeout).toInt32();
-      node.confirmRetry = get("confirmRetry", node.confirmRetry).toInt32();
-      filePacket = get("filePacket", filePacket).toInt32();
-      packetCache = get("packetCache", packetCache).toInt32();
-      node.maxMessage = get("maxMessage", node.maxMessage).toInt64();
-      node.memoryBudget = get("memoryBudget", node.memoryBudget).toInt64();
-      node.stallTimeout = get("stallTimeout", node.stallTimeout).toInt32();
-      node.maxConnections = get("maxConnections", node.maxConnections).toInt32();
-      node.listenAddress = Trim(get("listenAddress", node.listenAddress).toString());
-    }
-  }
+  // Keys the text does not give take the table's defaults, all but the pass
+  // phrase, which a node keeps from its last Initialise. A value of the wrong
+  // type stops the reading there, with the earlier keys already set.
+  const AdvancedValues values(advancedSettings);
+  node.Timeout = values.Get("Timeout").toInt32();
+  node.TTL = values.Get("TTL").toInt32();
+  node.useEnc = values.Get("useEnc").toBool();
+  if (values.Given("netPass")) node.netPass = values.Get("netPass").toString();
+  node.useComp = values.Get("useComp").toBool();
+  node.seeSelf = values.Get("seeSelf").toBool();
+  node.announceSelf = values.Get("announceSelf").toBool();
+  node.maxRoutes = static_cast<int16_t>(values.Get("maxRoutes").toInt32());
+  node.confirmMode = values.Get("confirmMode").toBool();
+  node.confirmTimeout = values.Get("confirmTimeout").toInt32();
+  node.confirmRetry = values.Get("confirmRetry").toInt32();
+  const int32_t filePacket = values.Get("filePacket").toInt32();
+  const int32_t packetCache = values.Get("packetCache").toInt32();
+  node.maxMessage = values.Get("maxMessage").toInt64();
+  node.memoryBudget = values.Get("memoryBudget").toInt64();
+  node.stallTimeout = values.Get("stallTimeout").toInt32();
+  node.maxConnections = values.Get("maxConnections").toInt32();
+  node.listenAddress = Trim(values.Get("listenAddress").toString());
+  values.ThrowFault();
   if (node.netPass.empty()) node.netPass = "blankey";
 
   int64_t packetBytes = int64_t{filePacket} * 1024;
