@@ -11,10 +11,12 @@ install(FILES ${PROJECT_BINARY_DIR}/include/qel/version.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qel)
 
 # The command finds the library beside it in the prefix, wherever that is.
-file(RELATIVE_PATH qel_bin_to_lib
-  ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-set_target_properties(qel_cli PROPERTIES INSTALL_RPATH "$ORIGIN/${qel_bin_to_lib}")
-install(TARGETS qel_cli)
+if(TARGET qel_cli)
+  file(RELATIVE_PATH qel_bin_to_lib
+    ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(qel_cli PROPERTIES INSTALL_RPATH "$ORIGIN/${qel_bin_to_lib}")
+  install(TARGETS qel_cli)
+endif()
 
 install(EXPORT qelTargets NAMESPACE qel:: DESTINATION ${QEL_CMAKE_DIR})
 configure_package_config_file(cmake/qelConfig.cmake.in
