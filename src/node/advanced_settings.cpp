@@ -145,7 +145,7 @@ std::vector<SettingProblem> CheckAdvancedSettings(const std::string& settingsTex
   for (const Entry& entry : CommonEntries(store)) {
     const AdvancedSetting* setting = Find(entry.key);
     if (!setting) {
-      problems.push_back({entry.key, entry.value, "is not a setting; it is ignored", false});
+      problems.push_back({entry.key, entry.value, "not a setting, ignored", false});
       continue;
     }
     // Only the first of a repeated key is read.

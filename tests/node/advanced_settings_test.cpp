@@ -41,7 +41,7 @@ TEST(AdvancedSettingsTest, CheckNamesWrongTypesRangesAndUnknownKeys) {
             "error Timeout=-1: must be an integer from 0 to 2147483647\n"
             "error maxRoutes=40000: must be an integer from 0 to 32767\n"
             "error filePacket=2097152: must be an integer from 1 to 2097151\n"
-            "warning Tiemout=900: is not a setting; it is ignored\n");
+            "warning Tiemout=900: not a setting, ignored\n");
 
   auto corrupt = CheckAdvancedSettings("<Settings><Common><TTL>5");
   ASSERT_EQ(corrupt.size(), 1u);
