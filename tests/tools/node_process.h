@@ -1,10 +1,11 @@
 // A `qel node --json` process driven from a test: its stdin for commands,
-// its stdout read as one JSON object per line.
+// its stdout read as one JSON object per line, its stderr kept in memory.
 #pragma once
 
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -42,6 +43,9 @@ class NodeProcess {
     // Close-on-exec everywhere, so no child holds another child's stdin open.
     int in[2], out[2];
     if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) std::abort();
+    // A file, not a pipe: nothing the child writes there can block it.
+    stderr_ = memfd_create("qel-stderr", MFD_CLOEXEC);
+    if (stderr_ < 0) std::abort();
     pid_ = fork();
     if (pid_ == 0) {
       if (fileLimit > 0) {
@@ -50,6 +54,7 @@ class NodeProcess {
       }
       dup2(in[0], 0);
       dup2(out[1], 1);
+      dup2(stderr_, 2);
       execv(argv[0], argv.data());
       _exit(127);
     }
@@ -66,6 +71,7 @@ class NodeProcess {
       waitpid(pid_, nullptr, 0);
     }
     close(stdout_);
+    close(stderr_);
   }
 
   void CloseStdin() {
@@ -124,6 +130,15 @@ class NodeProcess {
   }
 
   pid_t Pid() const { return pid_; }
+  // What the process wrote to stderr so far.
+  std::string Errors() const {
+    std::string text;
+    char buffer[4096];
+    for (ssize_t n; (n = pread(stderr_, buffer, sizeof buffer, text.size())) > 0;) {
+      text.append(buffer, static_cast<size_t>(n));
+    }
+    return text;
+  }
   size_t LineCount() const { return lines_.size(); }
   std::string Output() const {
     std::string text;
@@ -161,6 +176,7 @@ class NodeProcess {
   pid_t pid_ = -1;
   int stdin_ = -1;
   int stdout_ = -1;
+  int stderr_ = -1;
   bool eof_ = false;
   std::string partial_;
   std::vector<json> lines_;
@@ -172,7 +188,7 @@ struct Ready {
   std::string address;
 };
 
-Ready WaitReady(NodeProcess& p) {
+inline Ready WaitReady(NodeProcess& p) {
   json ready = p.WaitEvent("Ready");
   if (ready.is_null()) return {};
   EXPECT_EQ(ready["Address"], "127.0.0.1:" + std::to_string(ready["Port"].get<int>()));

@@ -2,6 +2,7 @@
 #include "node_process.h"
 
 #include <filesystem>
+#include <fstream>
 
 #include <qel/settings.h>
 
@@ -75,11 +76,15 @@ TEST(QelNodeTest, MessagesCrossAMiddleProcessRepliesFollowTheRouteAndBadCommands
                              {"send", "usage: "},
                              {"send " /* only blanks */, "usage: "},
                              {"send-type ERROR BROADCAST", "usage: "},
-                             {"ping X notanumber", "usage: "},
+                             {"ping X notanumber", "from 0 to 2147483647"},
+                             {"ping X -1", "from 0 to 2147483647"},
+                             {"connect 127.0.0.1:65536", "from 1 to 65535"},
+                             {"listen 70000", "from 0 to 65535"},
                              {"connect 127.0.0.1:1 forever", "usage: "},
                              {"nodes BROADCAST stale", "usage: "},
+                             {"role king", "usage: "},
                              {"id extra", "usage: "},
-                             {"ping NOSUCHNODE", "Cannot ping unresolved node"}}) {
+                             {"ping NOSUCHNODE 0", "Cannot ping unresolved node"}}) {
     json result = a.Command(line);
     EXPECT_EQ(result["ok"], false) << line;
     EXPECT_NE(result.value("error", "").find(error), std::string::npos) << line << ": " << result;
@@ -98,32 +103,69 @@ TEST(QelNodeTest, MessagesCrossAMiddleProcessRepliesFollowTheRouteAndBadCommands
   }
 }
 
-// A value of the wrong type in the settings file is reported; --set replaces
-// it before the node reads it. Bad options stop the process before it starts.
-TEST(QelNodeTest, SetOverridesTheSettingsFileAndBadOptionsExitNonZero) {
+// A line A-B-C where each end learns the other's identifier as it connects:
+// the dialler pings at once, the accepting end closes the link by node, and
+// disconnect-all also closes the links a node accepted.
+TEST(QelNodeTest, BothEndsOfALinkKnowEachOtherAndEitherMayCloseIt) {
+  NodeProcess c({"--name", "c"}), b({"--name", "b"}), a({"--name", "a"});
+  Ready rc = WaitReady(c), rb = WaitReady(b);
+  WaitReady(a);
+  ASSERT_EQ(b.Command("connect " + rc.address)["ok"], true);
+  c.WaitEvent("ConnectionEstab");
+  ASSERT_EQ(a.Command("connect " + rb.address)["ok"], true);
+  b.WaitEvent("ConnectionEstab");
+  json ping = a.Command("ping " + rb.id + " 10000");
+  EXPECT_EQ(ping["ok"], true) << ping;
+
+  // The far node's new role reaches A only when A asks afresh.
+  EXPECT_EQ(c.Command("role router")["ok"], true);
+  json nodes = a.Command("nodes " + rc.id + " fresh");
+  ASSERT_EQ(nodes["value"].size(), 1u) << nodes;
+  EXPECT_EQ(nodes["value"][0]["Role"], 2);
+
+  EXPECT_EQ(c.Command("disconnect-node " + rb.id)["value"], true);
+  b.WaitEvent("ConnectionClosed");
+  EXPECT_EQ(c.Command("disconnect-node " + rb.id)["ok"], false);
+  EXPECT_EQ(b.Command("disconnect-all")["ok"], true);
+  a.WaitEvent("ConnectionClosed");
+  // listen opens again what disconnect-all closed.
+  EXPECT_EQ(b.Command("listen")["value"], std::stoi(rb.address.substr(rb.address.find(':') + 1)));
+  EXPECT_EQ(a.Command("connect " + rb.address)["ok"], true);
+}
+
+// Settings are checked before the node starts: a bad value or an option out
+// of range stops it with a message, an unknown key is a warning.
+TEST(QelNodeTest, SettingsAndOptionsAreCheckedBeforeTheNodeStarts) {
   auto path =
       std::filesystem::temp_directory_path() / ("qel-node-test-" + std::to_string(getpid()));
   qel::cSettings file;
   file.SaveSetting("TTL", "many");
   file.SaveSettings(path);
-  NodeProcess fromFile({"--settings", path});
-  EXPECT_NE(fromFile.WaitEvent("Error")["strMessage"].get<std::string>().find("Type mismatch"),
-            std::string::npos);
-  NodeProcess overridden({"--settings", path, "--set", "TTL=5"});
+  NodeProcess overridden({"--settings", path, "--set", "TTL=5", "--set", "Tiemout=9"});
   WaitReady(overridden);
-  overridden.CloseStdin();
-  EXPECT_EQ(overridden.WaitExit(), 0);
-  EXPECT_EQ(overridden.LineCount(), 1u) << overridden.Output();
-  std::filesystem::remove(path);
+  EXPECT_NE(overridden.Errors().find("warning: Tiemout=9"), std::string::npos)
+      << overridden.Errors();
 
-  for (const std::vector<std::string>& args : {std::vector<std::string>{"--role", "king"},
-                                               {"--set", "noequals"},
-                                               {"--set", "bad key=1"},
-                                               {"--settings", "/nonexistent/settings.xml"}}) {
+  auto corrupt = path;
+  corrupt += "-corrupt";
+  std::ofstream(corrupt) << "<Settings><Common><TTL>5";
+  for (const auto& [args, error] :
+       std::vector<std::pair<std::vector<std::string>, std::string>>{
+           {{"--settings", path}, "TTL=many: must be an integer"},
+           {{"--set", "useEnc=maybe"}, "useEnc=maybe: must be True or False"},
+           {{"--set", "Timeout=-1"}, "from 0 to"},
+           {{"--settings", corrupt}, corrupt.string() + ": Error 4"},
+           {{"--port", "65536"}, "65535"},
+           {{"--role", "king"}, "king"},
+           {{"--set", "noequals"}, "KEY=VALUE"},
+           {{"--set", "bad key=1"}, "space"}}) {
     NodeProcess p(args);
     EXPECT_NE(p.WaitExit(), 0) << args[0] << " " << args[1];
     EXPECT_EQ(p.LineCount(), 0u) << p.Output();
+    EXPECT_NE(p.Errors().find(error), std::string::npos) << p.Errors();
   }
+  std::filesystem::remove(path);
+  std::filesystem::remove(corrupt);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstdint>
 #include <stdexcept>
 
 #include <qel/error.h>
@@ -20,36 +21,59 @@ CommandResult Fail(std::string error, Json value = nullptr) {
   return {false, std::move(value), std::move(error)};
 }
 
-int32_t ParseInt(const std::string& text, const char* what) {
-  int32_t number = 0;
+// A number argument within [min, max]; the error says what is allowed.
+int32_t ParseNumber(const std::string& text, const char* what, int32_t min, int32_t max) {
+  int64_t number = 0;
   auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (ec != std::errc() || end != text.data() + text.size()) {
-    throw UsageError(std::string(what) + " must be a number, got '" + text + "'");
+  if (ec != std::errc() || end != text.data() + text.size() || number < min || number > max) {
+    throw UsageError(std::string(what) + " must be a number from " + std::to_string(min) +
+                     " to " + std::to_string(max) + ", got '" + text + "'");
   }
-  return number;
+  return static_cast<int32_t>(number);
 }
 
 Json NodeInfoJson(const qel::typNodeInfo& info) {
-  return {{"ID", Text(info.ID)},
-          {"Name", Text(info.Name)},
+  return {{"ID", info.ID},
+          {"Name", info.Name},
           {"Role", static_cast<int32_t>(info.Role)},
-          {"Descriptor", Text(info.Descriptor)},
+          {"Descriptor", info.Descriptor},
           {"directConn", info.directConn},
-          {"Address", Text(info.Address)},
+          {"Address", info.Address},
           {"sharingFiles", info.sharingFiles},
-          {"activeUser", Text(info.activeUser)}};
+          {"activeUser", info.activeUser}};
 }
 
 CommandResult Id(Session& s, const Args&) {
-  return {true, Text(s.node.NodeID()), ""};
+  return {true, s.node.NodeID(), ""};
 }
 
 CommandResult Connect(Session& s, const Args& args) {
   bool maintain = args.size() > 1;
   if (maintain && args[1] != "maintain")
     throw UsageError("expected 'maintain', got '" + args[1] + "'");
-  if (s.node.Connect(args[0], false, maintain)) return {true, true, ""};
-  return Fail("could not connect to " + args[0], false);
+  // The node reads what follows the last colon as the port.
+  std::string address = args[0];
+  std::string note;
+  if (size_t colon = address.rfind(':'); colon != std::string::npos) {
+    ParseNumber(address.substr(colon + 1), "PORT", 1, 65535);
+  } else {
+    // Without a port the node dials its own listen port.
+    address += ":" + std::to_string(s.node.ListenPort());
+    note = "no port given: dialled " + address + ", this node's own port";
+  }
+  if (s.node.Connect(args[0], false, maintain)) return {true, true, "", note};
+  return Fail("could not connect to " + address, false);
+}
+
+CommandResult Listen(Session& s, const Args& args) {
+  const int32_t port = args.empty() ? 0 : ParseNumber(args[0], "PORT", 0, 65535);
+  const int32_t advertised = s.node.ListenPort();
+  if (!s.node.Listen(port)) {
+    return Fail("could not listen on port " + std::to_string(port != 0 ? port : advertised) +
+                "; is it in use?", false);
+  }
+  if (port == 0 || port == s.node.ListenPort()) return {true, s.node.ListenPort(), ""};
+  return {true, port, "", "other nodes are still told port " + std::to_string(advertised)};
 }
 
 CommandResult Disconnect(Session& s, const Args& args) {
@@ -78,7 +102,7 @@ CommandResult SendType(Session& s, const Args& args) {
 }
 
 CommandResult Ping(Session& s, const Args& args) {
-  int32_t timeout = args.size() > 1 ? ParseInt(args[1], "TIMEOUT_MS") : 3000;
+  int32_t timeout = args.size() > 1 ? ParseNumber(args[1], "TIMEOUT_MS", 0, INT32_MAX) : 3000;
   int32_t ms = s.node.Ping(args[0], timeout);
   if (ms >= 0) return {true, ms, ""};
   return Fail("no answer within " + std::to_string(timeout) + " ms", ms);
@@ -108,6 +132,18 @@ CommandResult Nodes(Session& s, const Args& args) {
   return {true, std::move(list), ""};
 }
 
+CommandResult Role(Session& s, const Args& args) {
+  const std::array<std::pair<std::string_view, qel::enmRole>, 3> roles = {
+      {{"peer", qel::role_Peer}, {"server", qel::role_Server}, {"router", qel::role_Router}}};
+  for (const auto& [name, role] : roles) {
+    if (args[0] == name) {
+      s.node.switchRole(role);
+      return {};
+    }
+  }
+  throw UsageError("expected peer, server or router, got '" + args[0] + "'");
+}
+
 CommandResult Stats(Session&, const Args&) {
   qel::cQELStats stats;
   return {true,
@@ -131,7 +167,7 @@ CommandResult Quit(Session& s, const Args&) {
 
 const std::array kCommands = {
     Command{"id", "", "this node's identifier", 0, 0, false, Id},
-    Command{"connect", "HOST[:PORT] [maintain]", "connect to a node; maintain re-dials it", 1, 2,
+    Command{"connect", "HOST[:PORT] [maintain]", "connect; maintain re-dials when it drops", 1, 2,
             false, Connect},
     Command{"disconnect", "HOST:PORT", "close the connections to an address", 1, 1, false,
             Disconnect},
@@ -139,12 +175,14 @@ const std::array kCommands = {
             DisconnectNode},
     Command{"disconnect-all", "", "stop listening and close every connection", 0, 0, false,
             DisconnectAll},
+    Command{"listen", "[PORT]", "listen again after disconnect-all", 0, 1, false, Listen},
     Command{"send", "NODEID|BROADCAST TEXT", "send a message", 2, 2, true, Send},
     Command{"send-type", "TYPE NODEID|BROADCAST TEXT", "send a message of a type (ERROR: an error)",
             3, 3, true, SendType},
     Command{"ping", "NODEID [TIMEOUT_MS]", "round-trip time to a node in ms", 1, 2, false, Ping},
     Command{"nodes", "[NODEID|BROADCAST] [fresh]",
-            "describe nodes; fresh asks instead of the cache", 0, 2, false, Nodes},
+            "describe nodes; fresh: ask, not the cache", 0, 2, false, Nodes},
+    Command{"role", "peer|server|router", "the role announced from now on", 1, 1, false, Role},
     Command{"stats", "", "traffic figures of this process", 0, 0, false, Stats},
     Command{"help", "", "list the commands", 0, 0, false, Help},
     Command{"quit", "", "shut the node down and exit", 0, 0, false, Quit},

@@ -4,6 +4,7 @@
 
 #include <deque>
 #include <iostream>
+#include <memory>
 #include <optional>
 
 #include <qel/error.h>
@@ -22,19 +23,19 @@ void ReportEvents(qel::cQEL& node, Output& out) {
                                 std::string& nodeID) {
     out.Event(
         "MessageReceived",
-        {{"strMessage", Text(strMessage)}, {"strType", Text(strType)}, {"nodeID", Text(nodeID)}});
+        {{"strMessage", strMessage}, {"strType", strType}, {"nodeID", nodeID}});
   };
   node.Error = [&out](std::string& strMessage, std::string& nodeID) {
-    out.Event("Error", {{"strMessage", Text(strMessage)}, {"nodeID", Text(nodeID)}});
+    out.Event("Error", {{"strMessage", strMessage}, {"nodeID", nodeID}});
   };
   node.ConnectionReq = [&out](std::string& SourceIP, bool&) {
-    out.Event("ConnectionReq", {{"SourceIP", Text(SourceIP)}});
+    out.Event("ConnectionReq", {{"SourceIP", SourceIP}});
   };
   node.ConnectionEstab = [&out](std::string& SourceIP) {
-    out.Event("ConnectionEstab", {{"SourceIP", Text(SourceIP)}});
+    out.Event("ConnectionEstab", {{"SourceIP", SourceIP}});
   };
   node.ConnectionClosed = [&out](std::string& SourceIP, std::string& nodeID) {
-    out.Event("ConnectionClosed", {{"SourceIP", Text(SourceIP)}, {"nodeID", Text(nodeID)}});
+    out.Event("ConnectionClosed", {{"SourceIP", SourceIP}, {"nodeID", nodeID}});
   };
 }
 
@@ -61,10 +62,10 @@ class Console {
     while (!queue_.empty() && !session_.quit) {
       std::optional<std::string> next = std::move(queue_.front());
       queue_.pop_front();
-      if (!next) {
+      if (next) {
+        Run(*next);
+      } else {
         Stop();  // end of input: like quit, with nothing written
-      } else if (Run(*next); !session_.quit) {
-        out_.Prompt();
       }
     }
     running_ = false;
@@ -77,27 +78,38 @@ class Console {
     if (session_.quit) Stop();
   }
 
- private:
   void Stop() {
+    if (stopped_) return;
+    stopped_ = true;
     session_.quit = true;
     // Nothing more is written once the console is done.
     SilenceEvents(session_.node);
-    out_.Close();
     qel::StopEventLoop();
   }
 
+ private:
   Session session_;
   Output& out_;
   std::deque<std::optional<std::string>> queue_;
   bool running_ = false;
+  bool stopped_ = false;
 };
 
 }  // namespace
 
 int RunNode(const NodeOptions& options) {
+  std::string settings;
+  try {
+    settings = AdvancedSettings(options);
+  } catch (const OptionError& e) {
+    std::cerr << "qel: " << e.what() << "\n";
+    return 2;
+  }
+  if (!CheckSettings(settings, std::cerr)) return 2;
+
   std::unique_ptr<Output> out =
-      options.json ? MakeJsonOutput(std::cout) : MakeTextOutput(std::cout, isatty(0) != 0);
-  const std::string settings = AdvancedSettings(options);
+      options.json ? MakeJsonOutput(std::cout)
+                   : MakeTextOutput([](std::string_view text) { std::cout << text << std::flush; });
 
   qel::cQEL node;
   ReportEvents(node, *out);
@@ -111,28 +123,26 @@ int RunNode(const NodeOptions& options) {
     std::cerr << "qel: " << e.Description << "\n";
   }
   if (!listening) {
-    std::cerr << "qel: cannot listen on port " << options.port << "\n";
+    std::cerr << "qel: cannot listen on port " << options.port
+              << (options.listenAddress.empty() ? "" : " of " + options.listenAddress)
+              << "; is it in use? (--port 0 takes any free port)\n";
     return 1;
   }
   const int32_t port = node.ListenPort();
-  out->Event("Ready", {{"ID", Text(node.NodeID())},
-                       {"Name", Text(options.name)},
+  out->Event("Ready", {{"ID", node.NodeID()},
+                       {"Name", options.name},
                        {"Port", port},
-                       {"Address", Text(qel::LocalAddress() + ":" + std::to_string(port))}});
+                       {"Address", qel::LocalAddress() + ":" + std::to_string(port)}});
 
   Console console(node, *out);
   for (const std::string& server : options.connects) {
     console.Run("connect " + server + (options.maintain ? " maintain" : ""));
   }
-  out->Prompt();
   {
-    LineReader reader(
-        0,
-        [&console](std::string line) {
-          qel::Post(
-              [&console, line = std::move(line)]() mutable { console.Submit(std::move(line)); });
-        },
-        [&console] { qel::Post([&console] { console.Submit(std::nullopt); }); });
+    auto submit = [&console](std::optional<std::string> line) {
+      qel::Post([&console, line = std::move(line)]() mutable { console.Submit(std::move(line)); });
+    };
+    LineReader reader(0, submit, [submit] { submit(std::nullopt); });
     qel::RunEventLoop();
   }
   SilenceEvents(node);

@@ -5,9 +5,8 @@
 
 namespace qelcli {
 
-// Starts the node, reads commands from stdin until `quit` or end of input,
-// shuts the node down and returns the exit code. Throws what
-// AdvancedSettings throws.
+// Checks the settings, starts the node, reads commands from stdin until
+// `quit` or end of input, shuts the node down and returns the exit code.
 int RunNode(const NodeOptions& options);
 
 }  // namespace qelcli

@@ -2,9 +2,12 @@
 
 #include <array>
 #include <cstring>
+#include <vector>
 
 namespace qelcli {
+namespace {
 
+// Each byte as the code point of the same number.
 std::string Latin1ToUtf8(std::string_view bytes) {
   std::string text;
   text.reserve(bytes.size());
@@ -20,8 +23,6 @@ std::string Latin1ToUtf8(std::string_view bytes) {
   text.append(bytes.data() + run, bytes.size() - run);
   return text;
 }
-
-namespace {
 
 // Each byte as json's dump() writes it inside a string: control bytes as
 // \u00XX unless they have a short escape, quote and backslash escaped,
@@ -89,43 +90,39 @@ bool IsUtf8(std::string_view s) {
   return true;
 }
 
-// Throws json's own error when a string of value is not UTF-8, before any
-// of the line is written, as json's dump() did.
-void CheckUtf8(const Json& value) {
-  auto check = [](const std::string& s) {
-    if (!IsUtf8(s)) (void)Json(s).dump();  // throws for the faulty byte
-  };
-  if (value.is_string()) {
-    check(value.get_ref<const std::string&>());
-  } else if (value.is_object()) {
-    for (const auto& [key, item] : value.items()) {
-      check(key);
-      CheckUtf8(item);
-    }
-  } else if (value.is_array()) {
-    for (const Json& item : value) CheckUtf8(item);
-  }
-}
-
-// Writes one line byte for byte as json's compact dump() would, through a
-// small reused buffer: a message body of many MiB is escaped slice by slice
-// and never held whole a second time.
+// Writes one line byte for byte as json's compact dump() would for its
+// UTF-8 strings, through a small reused buffer: a message body of many MiB
+// is escaped slice by slice and never held whole a second time. A string
+// that is not UTF-8 goes out as Latin-1, and the key it sits under is listed
+// in "latin1" at the end of its object.
 class LineWriter {
  public:
   LineWriter(std::ostream& out, std::string& buffer) : out_(out), buffer_(buffer) {}
 
-  // value must have passed CheckUtf8.
-  void Value(const Json& value) {
-    if (value.is_string()) {
-      String(value.get_ref<const std::string&>());
-    } else if (value.is_object() && !value.empty()) {
+  // True when value is a string, or an array of them, that went out as
+  // Latin-1: its key must be listed.
+  bool Value(const Json& value) {
+    if (value.is_string()) return String(value.get_ref<const std::string&>());
+    bool latin1 = false;
+    if (value.is_object() && !value.empty()) {
+      std::vector<const std::string*> listed;
       char separator = '{';
       for (const auto& [key, item] : value.items()) {
         buffer_ += separator;
         separator = ',';
         String(key);
         buffer_ += ':';
-        Value(item);
+        if (Value(item)) listed.push_back(&key);
+      }
+      if (!listed.empty()) {
+        buffer_ += ",\"latin1\":";
+        separator = '[';
+        for (const std::string* key : listed) {
+          buffer_ += separator;
+          separator = ',';
+          String(*key);
+        }
+        buffer_ += ']';
       }
       buffer_ += '}';
     } else if (value.is_array() && !value.empty()) {
@@ -133,12 +130,13 @@ class LineWriter {
       for (const Json& item : value) {
         buffer_ += separator;
         separator = ',';
-        Value(item);
+        if (Value(item)) latin1 = true;  // objects list their own keys and give false
       }
       buffer_ += ']';
     } else {
       buffer_ += value.dump();  // numbers, booleans, null: json's own digits
     }
+    return latin1;
   }
 
   // A reader waits on whole lines, so each one is flushed at once.
@@ -152,13 +150,17 @@ class LineWriter {
   static constexpr size_t kSlice = 16384;  // input bytes escaped at a time
   static constexpr size_t kSpillAt = 65536;
 
-  void String(std::string_view s) {
+  // True when s is not UTF-8 and went out as Latin-1.
+  bool String(std::string_view s) {
+    const bool latin1 = !IsUtf8(s);
     buffer_ += '"';
     for (size_t from = 0; from < s.size(); from += kSlice) {
-      AppendEscaped(s.substr(from, kSlice));
+      const std::string_view slice = s.substr(from, kSlice);
+      AppendEscaped(latin1 ? std::string_view(mapped_ = Latin1ToUtf8(slice)) : slice);
       if (buffer_.size() >= kSpillAt) Spill();
     }
     buffer_ += '"';
+    return latin1;
   }
 
   // Plain runs are copied whole; the escaped size is known before writing.
@@ -191,6 +193,7 @@ class LineWriter {
 
   std::ostream& out_;
   std::string& buffer_;
+  std::string mapped_;  // a Latin-1 slice as UTF-8
 };
 
 class JsonOutput : public Output {
@@ -204,15 +207,15 @@ class JsonOutput : public Output {
   }
 
   void Result(std::string_view command, const CommandResult& result) override {
-    Json line = {{"command", Latin1ToUtf8(command)}, {"ok", result.ok}};
+    Json line = {{"command", command}, {"ok", result.ok}};
     line["value"] = result.value;
-    if (!result.ok) line["error"] = Latin1ToUtf8(result.error);
+    if (!result.ok) line["error"] = result.error;
+    if (!result.note.empty()) line["note"] = result.note;
     Write(line);
   }
 
  private:
   void Write(const Json& line) {
-    CheckUtf8(line);
     buffer_.clear();
     LineWriter writer(out_, buffer_);
     writer.Value(line);

@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include <qel/error.h>
+#include <qel/stats.h>
 #include <CLI/CLI.hpp>
 
 #include "console.h"
@@ -9,16 +10,33 @@
 
 int main(int argc, char** argv) {
   CLI::App app{"QEL peer-to-peer overlay node"};
+  app.set_version_flag("--version", "qel " + qel::cQELStats().QELVersion(),
+                       "Print the library's version and exit");
   app.require_subcommand(1);
   qelcli::NodeOptions nodeOptions;
   CLI::App* node = app.add_subcommand("node", "Run one node with a console");
   qelcli::AddNodeOptions(*node, nodeOptions);
+  std::string topic;
+  CLI::App* help = app.add_subcommand("help", "Print this help, or a command's");
+  help->add_option("command", topic, "The command to describe");
   CLI11_PARSE(app, argc, argv);
 
+  if (help->parsed()) {
+    // app.help() would describe the help command itself, the one parsed.
+    auto formatter = app.get_formatter();
+    if (topic.empty()) {
+      std::cout << formatter->make_help(&app, "qel", CLI::AppFormatMode::Normal);
+    } else if (topic == "node") {
+      std::cout << formatter->make_help(node, "qel node", CLI::AppFormatMode::Normal);
+    } else {
+      std::cerr << "qel: no command '" << topic << "' (try qel help)\n";
+      return 2;
+    }
+    return 0;
+  }
   try {
     return qelcli::RunNode(nodeOptions);
   } catch (const qel::QelError& e) {
-    // A settings file or --set the store refuses.
     std::cerr << "qel: Error " << e.Number << ": " << e.Description << "\n";
   } catch (const std::exception& e) {
     std::cerr << "qel: " << e.what() << "\n";

@@ -2,9 +2,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <climits>
 #include <map>
+#include <system_error>
 
+#include <qel/advanced_settings.h>
+#include <qel/error.h>
 #include <qel/settings.h>
 
 namespace qelcli {
@@ -19,7 +24,44 @@ std::string HostName() {
 std::string CheckAssignment(const std::string& text) {
   auto eq = text.find('=');
   if (eq == std::string::npos || eq == 0) return "expected KEY=VALUE, got '" + text + "'";
+  if (text.find(' ') < eq) return "the key of '" + text + "' holds a space";
   return "";
+}
+
+std::string Lower(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+// Edits that turn a into b, ignoring case.
+size_t Distance(std::string_view a, std::string_view b) {
+  std::vector<size_t> row(b.size() + 1);
+  for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+  for (size_t i = 1; i <= a.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i;
+    for (size_t j = 1; j <= b.size(); ++j) {
+      const bool same = std::tolower(static_cast<unsigned char>(a[i - 1])) ==
+                        std::tolower(static_cast<unsigned char>(b[j - 1]));
+      const size_t next = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (same ? 0 : 1)});
+      diagonal = row[j];
+      row[j] = next;
+    }
+  }
+  return row[b.size()];
+}
+
+// The setting a mistyped key most likely meant, or "".
+std::string Closest(std::string_view key) {
+  std::string best;
+  size_t bestDistance = 3;  // more edits than this is another word
+  for (const qel::AdvancedSetting& setting : qel::AdvancedSettingsTable()) {
+    if (size_t d = Distance(key, setting.key); d < bestDistance) {
+      bestDistance = d;
+      best = setting.key;
+    }
+  }
+  return best;
 }
 
 }  // namespace
@@ -30,10 +72,17 @@ void AddNodeOptions(CLI::App& command, NodeOptions& options) {
   command.add_option("--port", options.port, "Port to listen on; 0 picks a free one")
       ->capture_default_str()
       ->check(CLI::Range(0, 65535));
-  const std::map<std::string, qel::enmRole> roles{
+  static const std::map<std::string, qel::enmRole> roles{
       {"peer", qel::role_Peer}, {"server", qel::role_Server}, {"router", qel::role_Router}};
-  command.add_option("--role", options.role, "peer, server or router")
-      ->transform(CLI::CheckedTransformer(roles, CLI::ignore_case));
+  command
+      .add_option_function<std::string>(
+          "--role", [&options](const std::string& name) { options.role = roles.at(Lower(name)); },
+          "Role the node announces (default peer)")
+      ->check([](const std::string& name) {
+        return roles.count(Lower(name)) ? ""
+                                        : "expected peer, server or router, got '" + name + "'";
+      })
+      ->option_text("peer|server|router");
   command.add_option("--descriptor", options.descriptor, "Descriptor the node announces");
   command.add_option("--share", options.shares, "Folder to share (repeatable)")
       ->check(CLI::ExistingDirectory)
@@ -43,6 +92,8 @@ void AddNodeOptions(CLI::App& command, NodeOptions& options) {
   command.add_option("--set", options.sets, "KEY=VALUE in section Common (repeatable)")
       ->check(CheckAssignment)
       ->allow_extra_args(false);
+  command.add_option("--listen-address", options.listenAddress,
+                     "Numeric IPv4 or IPv6 address to listen on (setting listenAddress)");
   command.add_option("--connect", options.connects, "HOST[:PORT] to connect to (repeatable)")
       ->allow_extra_args(false);
   command.add_flag("--maintain", options.maintain, "Re-dial the --connect nodes when they drop");
@@ -50,14 +101,50 @@ void AddNodeOptions(CLI::App& command, NodeOptions& options) {
 }
 
 std::string AdvancedSettings(const NodeOptions& options) {
-  if (options.settingsFile.empty() && options.sets.empty()) return "";
+  if (options.settingsFile.empty() && options.sets.empty() && options.listenAddress.empty()) {
+    return "";
+  }
   qel::cSettings settings;
-  if (!options.settingsFile.empty()) settings.LoadSettings(options.settingsFile);
+  if (!options.settingsFile.empty()) {
+    const std::string file = "settings file " + options.settingsFile + ": ";
+    try {
+      settings.LoadSettings(options.settingsFile);
+    } catch (const qel::QelError& e) {
+      throw OptionError(file + "Error " + std::to_string(e.Number) + ": " + e.Description);
+    } catch (const std::system_error& e) {
+      throw OptionError(file + e.code().message());
+    }
+  }
+  auto save = [&settings](const std::string& key, const std::string& value) {
+    try {
+      settings.SaveSetting(key, value);
+    } catch (const qel::QelError& e) {
+      throw OptionError("setting " + key + ": Error " + std::to_string(e.Number) + ": " +
+                        e.Description);
+    }
+  };
   for (const std::string& assignment : options.sets) {
     auto eq = assignment.find('=');
-    settings.SaveSetting(assignment.substr(0, eq), assignment.substr(eq + 1));
+    save(assignment.substr(0, eq), assignment.substr(eq + 1));
   }
+  if (!options.listenAddress.empty()) save("listenAddress", options.listenAddress);
   return settings.getXML();
+}
+
+bool CheckSettings(const std::string& settingsText, std::ostream& errors) {
+  bool fine = true;
+  for (const qel::SettingProblem& problem : qel::CheckAdvancedSettings(settingsText)) {
+    errors << "qel: " << (problem.isError ? "" : "warning: ") << problem.key << "=" << problem.value
+           << ": " << problem.message;
+    if (!problem.isError) {
+      if (std::string guess = Closest(problem.key); !guess.empty()) {
+        errors << " (did you mean " << guess << "?)";
+      }
+    }
+    errors << "\n";
+    fine = fine && !problem.isError;
+  }
+  return fine;
 }
 
 }  // namespace qelcli

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <ostream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -18,6 +20,7 @@ struct NodeOptions {
   std::vector<std::string> shares;  // the first goes to Initialise, the rest to shareFolder
   std::string settingsFile;
   std::vector<std::string> sets;  // KEY=VALUE, section Common
+  std::string listenAddress;
   std::vector<std::string> connects;
   bool maintain = false;
   bool json = false;
@@ -26,9 +29,18 @@ struct NodeOptions {
 // Declares the options on the `node` subcommand; values land in options.
 void AddNodeOptions(CLI::App& command, NodeOptions& options);
 
-// The advancedSettings text for Initialise: the settings file with every
-// --set applied on top, or "" when neither is given. Throws qel::QelError for
-// a file that is not a settings text or a key the store refuses.
+// An option that cannot be used; what() says which and why.
+struct OptionError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// The advancedSettings text for Initialise: the settings file, every --set
+// applied on top, then --listen-address; "" when none is given. Throws
+// OptionError for a file that does not load or a key the store refuses.
 std::string AdvancedSettings(const NodeOptions& options);
+
+// Writes what is wrong with the settings text to errors, one line each;
+// false when the node must not start with it.
+bool CheckSettings(const std::string& settingsText, std::ostream& errors);
 
 }  // namespace qelcli

@@ -1,6 +1,7 @@
 // Where the console writes events and command results: JSON lines or text.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -10,23 +11,20 @@
 
 namespace qelcli {
 
-// Keys keep the order they were written in, so "event" and "command" come first.
+// Keys keep the order they were written in, so "event" and "command" come
+// first. Strings hold QEL's bytes as they are, UTF-8 or not; each output
+// decides how to write them.
 using Json = nlohmann::ordered_json;
 
 // What a command gives back. A failed command carries an error text; value
-// may still hold what the method returned.
+// may still hold what the method returned. A note tells the reader what the
+// command chose on its own.
 struct CommandResult {
   bool ok = true;
   Json value;
   std::string error;
+  std::string note;
 };
-
-// QEL's strings are bytes: each byte becomes the code point of the same
-// number, so any byte string makes valid UTF-8 and json never throws.
-std::string Latin1ToUtf8(std::string_view bytes);
-inline Json Text(std::string_view bytes) {
-  return Latin1ToUtf8(bytes);
-}
 
 class Output {
  public:
@@ -34,15 +32,15 @@ class Output {
   // An event; fields is an object keyed by the event's parameter names.
   virtual void Event(std::string_view name, const Json& fields) = 0;
   virtual void Result(std::string_view command, const CommandResult& result) = 0;
-  // Shows that the console waits for a command (interactive text only).
-  virtual void Prompt() {}
-  // The console is done: nothing more will be written.
-  virtual void Close() {}
 };
 
-// {"event":NAME,...} and {"command":WORD,"ok":...,"value":...} lines.
+// {"event":NAME,...} and {"command":WORD,"ok":...,"value":...} lines. A
+// string that is not UTF-8 is written byte by byte as the characters
+// U+0000..U+00FF, and its key is listed under "latin1" in its object.
 std::unique_ptr<Output> MakeJsonOutput(std::ostream& out);
-// Readable lines; with prompt, a "qel> " prompt that events redraw.
-std::unique_ptr<Output> MakeTextOutput(std::ostream& out, bool prompt);
+// Readable lines, each handed whole to write. Bytes go out as they are,
+// but control characters show as \n, \r or \xNN: a peer's text must not
+// move the cursor or drive the terminal.
+std::unique_ptr<Output> MakeTextOutput(std::function<void(std::string_view)> write);
 
 }  // namespace qelcli

@@ -3,79 +3,94 @@
 namespace qelcli {
 namespace {
 
-std::string Plain(const Json& value) {
-  return value.is_string() ? value.get<std::string>() : value.dump();
+void AppendVisible(std::string& out, std::string_view bytes) {
+  constexpr char kHex[] = "0123456789abcdef";
+  for (char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte == '\n') {
+      out += "\\n";
+    } else if (byte == '\r') {
+      out += "\\r";
+    } else if ((byte < 0x20 && byte != '\t') || byte == 0x7f) {
+      out += {'\\', 'x', kHex[byte >> 4], kHex[byte & 0xF]};
+    } else {
+      out += c;
+    }
+  }
+}
+
+void AppendPlain(std::string& out, const Json& value) {
+  if (value.is_string()) {
+    AppendVisible(out, value.get_ref<const std::string&>());
+  } else {
+    // Nested records: json's form, with what is not UTF-8 replaced.
+    AppendVisible(out, value.dump(-1, ' ', false, Json::error_handler_t::replace));
+  }
 }
 
 class TextOutput : public Output {
  public:
-  TextOutput(std::ostream& out, bool prompt) : out_(out), prompt_(prompt) {}
+  explicit TextOutput(std::function<void(std::string_view)> write) : write_(std::move(write)) {}
 
   void Event(std::string_view name, const Json& fields) override {
-    // Clears the prompt line on the terminal and redraws it below the event.
-    bool redraw = waiting_;
-    if (redraw) out_ << "\r\x1b[K";
-    out_ << "* " << name;
+    std::string line = "* ";
+    line += name;
     const char* separator = ": ";
     for (const auto& [key, value] : fields.items()) {
-      out_ << separator << key << "=" << Plain(value);
+      line += separator;
+      line += key;
+      line += '=';
+      AppendPlain(line, value);
       separator = ", ";
     }
-    out_ << "\n";
-    waiting_ = false;
-    if (redraw) Prompt();
-    out_.flush();
+    write_(line += '\n');
   }
 
   void Result(std::string_view, const CommandResult& result) override {
-    waiting_ = false;
+    std::string text;
     if (!result.ok) {
-      out_ << "error: " << result.error << "\n";
+      text = "error: ";
+      AppendVisible(text, result.error);
+      text += '\n';
     } else if (result.value.is_array()) {
-      if (result.value.empty()) out_ << "(none)\n";
-      for (const auto& item : result.value) WriteItem(item);
+      if (result.value.empty()) text = "(none)\n";
+      for (const auto& item : result.value) AppendItem(text, item);
     } else if (!result.value.is_null() && !result.value.is_boolean()) {
-      WriteItem(result.value);
+      AppendItem(text, result.value);
     } else {
-      out_ << "ok\n";
+      text = "ok\n";
     }
-    out_.flush();
-  }
-
-  void Close() override {
-    if (waiting_) out_ << "\n" << std::flush;  // the shell's prompt goes on a line of its own
-    waiting_ = false;
-  }
-
-  void Prompt() override {
-    if (!prompt_) return;
-    out_ << "qel> " << std::flush;
-    waiting_ = true;
+    if (result.ok && !result.note.empty()) {
+      text.insert(text.size() - 1, " (" + result.note + ")");
+    }
+    write_(text);
   }
 
  private:
-  void WriteItem(const Json& item) {
+  static void AppendItem(std::string& text, const Json& item) {
     if (!item.is_object()) {
-      out_ << Plain(item) << "\n";
+      AppendPlain(text, item);
+      text += '\n';
       return;
     }
     const char* separator = "";
     for (const auto& [key, value] : item.items()) {
-      out_ << separator << key << "=" << Plain(value);
+      text += separator;
+      text += key;
+      text += '=';
+      AppendPlain(text, value);
       separator = "  ";
     }
-    out_ << "\n";
+    text += '\n';
   }
 
-  std::ostream& out_;
-  bool prompt_;
-  bool waiting_ = false;
+  std::function<void(std::string_view)> write_;
 };
 
 }  // namespace
 
-std::unique_ptr<Output> MakeTextOutput(std::ostream& out, bool prompt) {
-  return std::make_unique<TextOutput>(out, prompt);
+std::unique_ptr<Output> MakeTextOutput(std::function<void(std::string_view)> write) {
+  return std::make_unique<TextOutput>(std::move(write));
 }
 
 }  // namespace qelcli
