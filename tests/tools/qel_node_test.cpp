@@ -168,4 +168,20 @@ TEST(QelNodeTest, SettingsAndOptionsAreCheckedBeforeTheNodeStarts) {
   std::filesystem::remove(corrupt);
 }
 
+// SIGTERM and SIGINT shut a node down cleanly; with --no-console it reads
+// nothing and runs past the end of its input.
+TEST(QelNodeTest, SignalsShutTheNodeDownCleanly) {
+  NodeProcess service({"--no-console"});
+  Ready ready = WaitReady(service);
+  service.CloseStdin();
+  NodeProcess peer({"--connect", ready.address});
+  WaitReady(peer);
+  service.WaitEvent("ConnectionEstab");
+  kill(service.Pid(), SIGTERM);
+  EXPECT_EQ(service.WaitExit(), 0);
+
+  kill(peer.Pid(), SIGINT);
+  EXPECT_EQ(peer.WaitExit(), 0);
+}
+
 }  // namespace

@@ -14,6 +14,7 @@
 #include "commands.h"
 #include "line_reader.h"
 #include "output.h"
+#include "signals.h"
 
 namespace qelcli {
 namespace {
@@ -78,6 +79,7 @@ class Console {
     if (session_.quit) Stop();
   }
 
+  // Quits as end of input does. A command that waits ends first.
   void Stop() {
     if (stopped_) return;
     stopped_ = true;
@@ -86,6 +88,8 @@ class Console {
     SilenceEvents(session_.node);
     qel::StopEventLoop();
   }
+
+  bool Done() const { return session_.quit; }
 
  private:
   Session session_;
@@ -135,15 +139,21 @@ int RunNode(const NodeOptions& options) {
                        {"Address", qel::LocalAddress() + ":" + std::to_string(port)}});
 
   Console console(node, *out);
-  for (const std::string& server : options.connects) {
-    console.Run("connect " + server + (options.maintain ? " maintain" : ""));
-  }
   {
+    // The handler posts to the loop: a command that waits sees it when done.
+    ShutdownSignals signals([&console] { qel::Post([&console] { console.Stop(); }); });
+    for (const std::string& server : options.connects) {
+      if (!console.Done()) console.Run("connect " + server + (options.maintain ? " maintain" : ""));
+    }
     auto submit = [&console](std::optional<std::string> line) {
       qel::Post([&console, line = std::move(line)]() mutable { console.Submit(std::move(line)); });
     };
-    LineReader reader(0, submit, [submit] { submit(std::nullopt); });
-    qel::RunEventLoop();
+    std::unique_ptr<LineReader> reader;
+    if (!options.noConsole) {
+      reader = std::make_unique<LineReader>(0, submit, [submit] { submit(std::nullopt); });
+    }
+    if (!console.Done()) qel::RunEventLoop();
+    reader.reset();
   }
   SilenceEvents(node);
   node.ShutDown();

@@ -5,8 +5,9 @@
 
 namespace qelcli {
 
-// Checks the settings, starts the node, reads commands from stdin until
-// `quit` or end of input, shuts the node down and returns the exit code.
+// Checks the settings, starts the node, reads commands from stdin (none
+// with --no-console) until `quit`, end of input, SIGINT or SIGTERM, shuts
+// the node down and returns the exit code.
 int RunNode(const NodeOptions& options);
 
 }  // namespace qelcli

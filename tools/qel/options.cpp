@@ -98,6 +98,8 @@ void AddNodeOptions(CLI::App& command, NodeOptions& options) {
       ->allow_extra_args(false);
   command.add_flag("--maintain", options.maintain, "Re-dial the --connect nodes when they drop");
   command.add_flag("--json", options.json, "One JSON object per line, no prompt");
+  command.add_flag("--no-console", options.noConsole,
+                   "Read no commands: print events until SIGINT or SIGTERM");
 }
 
 std::string AdvancedSettings(const NodeOptions& options) {

@@ -24,6 +24,7 @@ struct NodeOptions {
   std::vector<std::string> connects;
   bool maintain = false;
   bool json = false;
+  bool noConsole = false;
 };
 
 // Declares the options on the `node` subcommand; values land in options.
