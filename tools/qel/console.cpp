@@ -12,6 +12,7 @@
 #include <qel/node.h>
 
 #include "commands.h"
+#include "line_editor.h"
 #include "line_reader.h"
 #include "output.h"
 #include "signals.h"
@@ -111,9 +112,17 @@ int RunNode(const NodeOptions& options) {
   }
   if (!CheckSettings(settings, std::cerr)) return 2;
 
+  // A person at a terminal gets line editing; pipes and services do not.
+  const bool interactive = !options.json && !options.noConsole && isatty(0) && isatty(1);
+  std::unique_ptr<LineEditor> editor;
   std::unique_ptr<Output> out =
-      options.json ? MakeJsonOutput(std::cout)
-                   : MakeTextOutput([](std::string_view text) { std::cout << text << std::flush; });
+      options.json ? MakeJsonOutput(std::cout) : MakeTextOutput([&editor](std::string_view text) {
+        if (editor) {
+          editor->Print(text);
+        } else {
+          std::cout << text << std::flush;
+        }
+      });
 
   qel::cQEL node;
   ReportEvents(node, *out);
@@ -149,11 +158,17 @@ int RunNode(const NodeOptions& options) {
       qel::Post([&console, line = std::move(line)]() mutable { console.Submit(std::move(line)); });
     };
     std::unique_ptr<LineReader> reader;
-    if (!options.noConsole) {
+    if (interactive) {
+      editor = std::make_unique<LineEditor>("qel> ", [&console](std::optional<std::string> line) {
+        console.Submit(std::move(line));
+        return !console.Done();
+      });
+    } else if (!options.noConsole) {
       reader = std::make_unique<LineReader>(0, submit, [submit] { submit(std::nullopt); });
     }
     if (!console.Done()) qel::RunEventLoop();
     reader.reset();
+    editor.reset();
   }
   SilenceEvents(node);
   node.ShutDown();
