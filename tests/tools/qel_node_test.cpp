@@ -156,6 +156,7 @@ TEST(QelNodeTest, SettingsAndOptionsAreCheckedBeforeTheNodeStarts) {
            {{"--set", "Timeout=-1"}, "from 0 to"},
            {{"--settings", corrupt}, corrupt.string() + ": Error 4"},
            {{"--port", "65536"}, "65535"},
+           {{"--listen-address", "localhost"}, "numeric IPv4 or IPv6"},
            {{"--role", "king"}, "king"},
            {{"--set", "noequals"}, "KEY=VALUE"},
            {{"--set", "bad key=1"}, "space"}}) {

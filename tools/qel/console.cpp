@@ -136,9 +136,10 @@ int RunNode(const NodeOptions& options) {
     std::cerr << "qel: " << e.Description << "\n";
   }
   if (!listening) {
-    std::cerr << "qel: cannot listen on port " << options.port
-              << (options.listenAddress.empty() ? "" : " of " + options.listenAddress)
-              << "; is it in use? (--port 0 takes any free port)\n";
+    std::cerr << "qel: cannot listen on "
+              << (options.listenAddress.empty() ? "" : options.listenAddress + " ") << "port "
+              << options.port
+              << (options.port != 0 ? " (is it in use? --port 0 takes any free one)" : "") << "\n";
     return 1;
   }
   const int32_t port = node.ListenPort();

@@ -1,5 +1,6 @@
 #include "options.h"
 
+#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,6 +32,16 @@ std::string CheckAssignment(const std::string& text) {
 std::string Lower(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return text;
+}
+
+std::string CheckAddress(const std::string& text) {
+  const std::string address = text.substr(0, text.find('%'));  // an IPv6 scope follows '%'
+  unsigned char buffer[sizeof(in6_addr)];
+  if (inet_pton(AF_INET, address.c_str(), buffer) == 1 ||
+      inet_pton(AF_INET6, address.c_str(), buffer) == 1) {
+    return "";
+  }
+  return "expected a numeric IPv4 or IPv6 address, got '" + text + "'";
 }
 
 // Edits that turn a into b, ignoring case.
@@ -92,8 +103,10 @@ void AddNodeOptions(CLI::App& command, NodeOptions& options) {
   command.add_option("--set", options.sets, "KEY=VALUE in section Common (repeatable)")
       ->check(CheckAssignment)
       ->allow_extra_args(false);
-  command.add_option("--listen-address", options.listenAddress,
-                     "Numeric IPv4 or IPv6 address to listen on (setting listenAddress)");
+  command
+      .add_option("--listen-address", options.listenAddress,
+                  "Numeric IPv4 or IPv6 address to listen on (setting listenAddress)")
+      ->check(CheckAddress);
   command.add_option("--connect", options.connects, "HOST[:PORT] to connect to (repeatable)")
       ->allow_extra_args(false);
   command.add_flag("--maintain", options.maintain, "Re-dial the --connect nodes when they drop");
