@@ -1,25 +1,10 @@
-#include "node/module.h"
-
 #include <gtest/gtest.h>
 
-#include <qel/error.h>
-#include <qel/node.h>
+#include "../support/error_text.h"
+#include "../support/peers.h"
 
-#include "node/node_access.h"
-
-namespace qel {
+namespace qel::test {
 namespace {
-
-// "number source: description" of the QelError f throws.
-std::string ErrorOf(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const QelError& e) {
-    EXPECT_STREQ(e.what(), e.Description.c_str());
-    return std::to_string(e.Number) + " " + e.Source + ": " + e.Description;
-  }
-  return "no error";
-}
 
 const std::string kInvalid =
     "-2147221502 switchSession: Cannot switch to session. Invalid session index: ";
@@ -27,21 +12,18 @@ const std::string kInvalid =
 int32_t SlotOf(cQEL& node) {
   return detail::NodeAccess::SlotIndex(node);
 }
-NodeState& StateOf(cQEL& node) {
-  return *TheModule().Slot(SlotOf(node));
-}
 
 TEST(ModuleGuardTest, RefusesCallsBeforeSetUpAndForSlotsThatDoNotExist) {
   Module module;
-  EXPECT_EQ(ErrorOf([&] { module.SwitchSession(1, true); }),
+  EXPECT_EQ(ErrorText([&] { module.SwitchSession(1, true); }),
             "-2147221503 switchSession: QEL not initialised");
   module.Init();
   for (int32_t bad : {0, -1, 1}) {
-    EXPECT_EQ(ErrorOf([&] { module.SwitchSession(bad, true); }), kInvalid + std::to_string(bad));
+    EXPECT_EQ(ErrorText([&] { module.SwitchSession(bad, true); }), kInvalid + std::to_string(bad));
   }
   cQEL node;
   node.ShutDown();
-  EXPECT_EQ(ErrorOf([&] { node.switchRole(role_Server); }), kInvalid + "-1");
+  EXPECT_EQ(ErrorText([&] { node.switchRole(role_Server); }), kInvalid + "-1");
 }
 
 TEST(ModuleSlotsTest, ShutDownRenumbersOnlyLaterNodesAndKeepsTheirState) {
@@ -67,4 +49,4 @@ TEST(ModuleSlotsTest, ShutDownRenumbersOnlyLaterNodesAndKeepsTheirState) {
 }
 
 }  // namespace
-}  // namespace qel
+}  // namespace qel::test

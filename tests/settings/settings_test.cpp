@@ -3,24 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <functional>
 
-#include <qel/error.h>
+#include "../support/error_text.h"
 
-namespace qel {
+namespace qel::test {
 namespace {
 
 using Strings = std::vector<std::string>;
-
-// "number source: message" of the QelError f throws, or "" when it throws none.
-std::string Err(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const QelError& e) {
-    return std::to_string(e.Number) + " " + e.Source + ": " + e.Description;
-  }
-  return "";
-}
 
 const std::string kCorrupt = "4 LoadSettings: Corrupt or incompatible XMLSettings file";
 
@@ -44,22 +33,22 @@ TEST(SettingsTest, TextFormIsExactAndLoadsBackThroughAFile) {
   EXPECT_EQ(t.getXML(), s.getXML());
   EXPECT_EQ(t.GetSetting("ttl", {}, "common"), Variant("5"));  // loaded values are text
   EXPECT_EQ(t.GetSetting("missing", Variant(7)), Variant(7));
-  EXPECT_EQ(Err([&] { t.GetSetting("missing"); }), "2 GetSetting: Setting not found");
-  EXPECT_EQ(Err([&] { t.SaveSetting("a b", Variant(1)); }),
+  EXPECT_EQ(ErrorText([&] { t.GetSetting("missing"); }), "2 GetSetting: Setting not found");
+  EXPECT_EQ(ErrorText([&] { t.SaveSetting("a b", Variant(1)); }),
             "5 SaveSetting: Space characters not allowed in tag");
   std::filesystem::remove(path);
-  EXPECT_EQ(Err([&] { t.LoadSettings(path); }), "3 LoadSettings: File Not Found: " + path);
+  EXPECT_EQ(ErrorText([&] { t.LoadSettings(path); }), "3 LoadSettings: File Not Found: " + path);
 }
 
 TEST(SettingsTest, CorruptTextFailsAndKeepsWhatWasRead) {
   cSettings s;
   s.SaveSetting("a", Variant("x</a>y"));  // accepted, but loads back cut short
   cSettings t;
-  EXPECT_EQ(Err([&] { t.LoadXML(s.getXML()); }), kCorrupt);
+  EXPECT_EQ(ErrorText([&] { t.LoadXML(s.getXML()); }), kCorrupt);
   EXPECT_EQ(t.GetSetting("a"), Variant("x"));
   for (const char* bad : {"<Common><k>v", "<C><k>v</K", "<C", "<C><k>v</j></C>",
                           "<C><ab</cd>x</ab</cd></C>", "<C><k>v</k></c><j>w</j></C>"}) {
-    EXPECT_EQ(Err([&] { t.LoadXML(bad); }), kCorrupt) << bad;
+    EXPECT_EQ(ErrorText([&] { t.LoadXML(bad); }), kCorrupt) << bad;
   }
   // Text between tags is ignored, end tags match without case and a repeated
   // section merges with the first.
@@ -70,7 +59,8 @@ TEST(SettingsTest, CorruptTextFailsAndKeepsWhatWasRead) {
 
 TEST(SettingsTest, ArraysStoreTheirUpperBound) {
   cSettings s;
-  EXPECT_EQ(Err([&] { s.GetSettingArray("L"); }), "2 GetSettingArray: Setting array not found");
+  EXPECT_EQ(ErrorText([&] { s.GetSettingArray("L"); }),
+            "2 GetSettingArray: Setting array not found");
   s.SaveSettingArray("L", {"a", "b", "c"});
   s.SaveSettingArray("E", {});
   EXPECT_EQ(s.GetSetting("Count", {}, "L"), Variant(2));
@@ -82,7 +72,7 @@ TEST(SettingsTest, ArraysStoreTheirUpperBound) {
                               {-2, "9 GetSettingArray: Subscript out of range"},
                               {40000, "6 GetSettingArray: Overflow"}}) {
     s.SaveSetting("Count", Variant(count), "L");
-    EXPECT_EQ(Err([&] { s.GetSettingArray("L"); }), error);
+    EXPECT_EQ(ErrorText([&] { s.GetSettingArray("L"); }), error);
   }
 }
 
@@ -103,7 +93,7 @@ TEST(SettingsTest, LimitsHoldAndLargeTextsLoadQuickly) {
   s.ClearPrevOnSave(true);  // appends without a lookup, so filling up is quick
   for (int i = 0; i < 32767; ++i) s.SaveSetting(std::to_string(i), Variant(i), "S");
   const std::string full = s.getXML();
-  EXPECT_EQ(Err([&] { s.SaveSetting("more", Variant(1)); }), "6 SaveSetting: Overflow");
+  EXPECT_EQ(ErrorText([&] { s.SaveSetting("more", Variant(1)); }), "6 SaveSetting: Overflow");
   EXPECT_EQ(s.getXML(), full);  // not even section "Common" was made
 
   std::string text = "<Big><k>" + std::string(1 << 20, 'v') + "</k></Big>";
@@ -111,11 +101,11 @@ TEST(SettingsTest, LimitsHoldAndLargeTextsLoadQuickly) {
     const std::string name = "s" + std::to_string(i);
     text += "<" + name + "><k>" + name + "</k></" + name + ">";
   }
-  EXPECT_EQ(Err([&] { s.LoadXML(text); }), kCorrupt);  // section 32768 does not fit
+  EXPECT_EQ(ErrorText([&] { s.LoadXML(text); }), kCorrupt);  // section 32768 does not fit
   EXPECT_EQ(s.ListSections().size(), 32768u);
   EXPECT_EQ(s.GetSetting("k", {}, "Big").toString().size(), 1u << 20);
   EXPECT_EQ(s.GetSetting("K", {}, "S32765"), Variant("s32765"));
 }
 
 }  // namespace
-}  // namespace qel
+}  // namespace qel::test

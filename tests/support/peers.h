@@ -31,6 +31,10 @@ inline bool Eventually(const std::function<bool()>& done) {
   return RunUntil(done, kDeadlineMs);
 }
 
+inline NodeState& StateOf(cQEL& node) {
+  return *TheModule().Slot(detail::NodeAccess::SlotIndex(node));
+}
+
 inline std::string Settings(std::initializer_list<std::pair<const char*, Variant>> values) {
   cSettings settings;
   for (const auto& [key, value] : values) settings.SaveSetting(key, value);
@@ -58,11 +62,10 @@ struct Peer {
       EXPECT_TRUE(node.Listen());
     }
   }
-  NodeState& State() { return *TheModule().Slot(detail::NodeAccess::SlotIndex(node)); }
   std::string ID() { return node.NodeID(); }
   uint16_t Port() { return static_cast<uint16_t>(node.ListenPort()); }
   std::string Address() { return "127.0.0.1:" + std::to_string(Port()); }
-  bool Knows(const std::string& id) { return State().NodeCache.Find(id) >= 0; }
+  bool Knows(const std::string& id) { return StateOf(node).NodeCache.Find(id) >= 0; }
   // Connects and waits until the other has our INFO, so it knows which link is ours.
   void ConnectTo(Peer& other) {
     ASSERT_TRUE(node.Connect(other.Address()));
