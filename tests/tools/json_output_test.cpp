@@ -33,26 +33,20 @@ std::string AllBytes() {
 std::string AsLatin1(std::string_view bytes) {
   std::string text;
   for (unsigned char c : bytes) {
-    if (c < 0x80) {
-      text += static_cast<char>(c);
-    } else {
-      text += {static_cast<char>(0xC0 | (c >> 6)), static_cast<char>(0x80 | (c & 0x3F))};
-    }
+    if (c >= 0x80) text += static_cast<char>(0xC0 | (c >> 6));
+    text += static_cast<char>(c < 0x80 ? c : 0x80 | (c & 0x3F));
   }
   return text;
 }
 
-TEST(JsonOutputTest, EscapesControlBytesQuoteAndBackslash) {
+TEST(JsonOutputTest, EveryKindOfValueAndEscapeIsWrittenAsDumpWritesIt) {
   EXPECT_EQ(EventLine({{"s", std::string("\0\x01\x1f\x7f", 4)}}),
             "{\"event\":\"E\",\"s\":\"\\u0000\\u0001\\u001f\x7f\"}\n");
   EXPECT_EQ(EventLine({{"s", "\b\t\n\f\r\"\\/"}}),
             "{\"event\":\"E\",\"s\":\"\\b\\t\\n\\f\\r\\\"\\\\/\"}\n");
-  const Json ascii = {{"s", AllBytes().substr(0, 128)}, {"key\x01\"", "x"}};
-  EXPECT_EQ(EventLine(ascii), DumpedLine(ascii));
-}
-
-TEST(JsonOutputTest, EveryKindOfValueIsWrittenAsDumpWritesIt) {
   const Json fields = {
+      {"ascii", AllBytes().substr(0, 128)},
+      {"key\x01\"", "x"},
       {"int", -42},
       {"unsigned", 18446744073709551615ull},
       {"double", 0.1},
@@ -61,8 +55,7 @@ TEST(JsonOutputTest, EveryKindOfValueIsWrittenAsDumpWritesIt) {
       {"null", nullptr},
       {"empty", Json::object()},
       {"none", Json::array()},
-      {"nested", {{"a", {1, "x\ty", {{"b", false}}}}, {"c", Json::array({Json::object()})}}},
-  };
+      {"nested", {{"a", {1, "x\ty", {{"b", false}}}}, {"c", Json::array({Json::object()})}}}};
   EXPECT_EQ(EventLine(fields), DumpedLine(fields));
 
   std::ostringstream out;
@@ -83,8 +76,9 @@ TEST(JsonOutputTest, StringsThatAreNotUtf8AreLatin1AndListed) {
 
   // Stray, overlong, surrogate, too large, cut off.
   for (std::string bad : {"\xff", "a\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe2\x82"}) {
-    EXPECT_EQ(EventLine({{"strMessage", bad}, {"nodeID", "N"}}),
-              DumpedLine({{"strMessage", AsLatin1(bad)}, {"nodeID", "N"}, {"latin1", {"strMessage"}}}))
+    EXPECT_EQ(
+        EventLine({{"strMessage", bad}, {"nodeID", "N"}}),
+        DumpedLine({{"strMessage", AsLatin1(bad)}, {"nodeID", "N"}, {"latin1", {"strMessage"}}}))
         << bad;
   }
 
@@ -94,12 +88,14 @@ TEST(JsonOutputTest, StringsThatAreNotUtf8AreLatin1AndListed) {
                          {{{"ID", "A"}, {"Name", "\xe9t\xe9"}, {"Address", "x\xff"}},
                           {{"ID", "B"}, {"Name", "caf\xc3\xa9"}}}},
                         {"lines", {"ok", "\xfc"}}};
-  const Json expected = {
-      {"value",
-       {{{"ID", "A"}, {"Name", "\xc3\xa9t\xc3\xa9"}, {"Address", "x\xc3\xbf"}, {"latin1", {"Name", "Address"}}},
-        {{"ID", "B"}, {"Name", "caf\xc3\xa9"}}}},
-      {"lines", {"ok", "\xc3\xbc"}},
-      {"latin1", {"lines"}}};
+  const Json expected = {{"value",
+                          {{{"ID", "A"},
+                            {"Name", "\xc3\xa9t\xc3\xa9"},
+                            {"Address", "x\xc3\xbf"},
+                            {"latin1", {"Name", "Address"}}},
+                           {{"ID", "B"}, {"Name", "caf\xc3\xa9"}}}},
+                         {"lines", {"ok", "\xc3\xbc"}},
+                         {"latin1", {"lines"}}};
   EXPECT_EQ(EventLine(records), DumpedLine(expected));
 }
 
@@ -111,7 +107,8 @@ TEST(JsonOutputTest, LargeMixedTextIsWrittenWhole) {
   }
   EXPECT_EQ(EventLine({{"strMessage", text}}),
             DumpedLine({{"strMessage", AsLatin1(text)}, {"latin1", {"strMessage"}}}));
-  const std::string utf8 = std::string((3 << 20) - 1, 'a') + "\xe2\x82\xac" + std::string(1 << 20, '\n');
+  const std::string utf8 =
+      std::string((3 << 20) - 1, 'a') + "\xe2\x82\xac" + std::string(1 << 20, '\n');
   EXPECT_EQ(EventLine({{"strMessage", utf8}}), DumpedLine({{"strMessage", utf8}}));
 }
 

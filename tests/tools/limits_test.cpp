@@ -1,6 +1,4 @@
-// Hostile loads from raw TCP peers against a `qel node` process: it keeps
-// serving a well-behaved peer, stays idle when it cannot accept, and holds
-// about memoryBudget however peers stall.
+// Hostile loads from raw TCP peers against a `qel node` process.
 #include <fstream>
 #include <sstream>
 
@@ -27,25 +25,27 @@ std::string Broadcast(const std::string& body, const std::string& id,
 // A /proc/PID/status figure in bytes ("VmRSS", "VmHWM").
 int64_t StatusBytes(pid_t pid, const std::string& key) {
   std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(in, line);) {
-    if (line.starts_with(key + ":")) return std::stoll(line.substr(key.size() + 1)) * 1024;
+  std::string line;
+  while (std::getline(in, line) && !line.starts_with(key + ":")) {
   }
-  return -1;
+  return in ? std::stoll(line.substr(key.size() + 1)) * 1024 : -1;
 }
 
 double CpuSeconds(pid_t pid) {
   std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(in)), {});
+  std::string text((std::istreambuf_iterator<char>(in)), {}), skip;
   std::istringstream fields(text.substr(text.rfind(')') + 2));
-  std::string skip;
-  for (int i = 3; i < 14; ++i) fields >> skip;
+  for (int i = 3; i < 14; ++i) fields >> skip;  // to utime and stime
   double user = 0, system = 0;
   fields >> user >> system;
   return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-auto IsMessage(const std::string& text) {
-  return [text](const json& l) { return l.value("strMessage", "") == text; };
+// Sends text to everybody over fd and waits for the node to deliver it.
+void Served(NodeProcess& node, int fd, const std::string& text) {
+  static int sent = 0;
+  SendAll(fd, Broadcast(text, "SERVED" + std::to_string(++sent)));
+  node.WaitEvent("MessageReceived", MessageIs(text));
 }
 
 TEST(QelLimitsTest, OutOfDescriptorsTheNodeIdlesAndKeepsServing) {
@@ -68,8 +68,7 @@ TEST(QelLimitsTest, OutOfDescriptorsTheNodeIdlesAndKeepsServing) {
   // and burns no CPU; a spinning accept takes a whole core.
   const double cpuBefore = CpuSeconds(node.Pid());
   const auto start = Clock::now();
-  SendAll(calm, Broadcast("still served", "CALM1"));
-  node.WaitEvent("MessageReceived", IsMessage("still served"));
+  Served(node, calm, "still served");
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
   node.WaitFor([](const json&) { return false; }, std::chrono::seconds(1));
   EXPECT_LT(CpuSeconds(node.Pid()) - cpuBefore, 0.3);
@@ -111,8 +110,7 @@ TEST(QelLimitsTest, StalledPeersKeepTheNodeNearItsMemoryBudget) {
   // Whoever held the most was closed on the way, the flooder too perhaps; a
   // fresh peer is served.
   const int marker = Dial(port);
-  SendAll(marker, Broadcast("marker", "MARKER"));
-  node.WaitEvent("MessageReceived", IsMessage("marker"));
+  Served(node, marker, "marker");
   close(marker);
   const int64_t peak = StatusBytes(node.Pid(), "VmHWM");
   EXPECT_LT(peak, baseline + kBudget + kSlack);
@@ -123,8 +121,7 @@ TEST(QelLimitsTest, StalledPeersKeepTheNodeNearItsMemoryBudget) {
   // Once they are gone the node gives the memory back.
   for (int i = 0; i < 20; ++i) node.WaitEvent("ConnectionClosed");
   const int probe = Dial(port);
-  SendAll(probe, Broadcast("after", "AFTER"));
-  node.WaitEvent("MessageReceived", IsMessage("after"));
+  Served(node, probe, "after");
   // The allocator may keep some; most must go.
   EXPECT_LT(StatusBytes(node.Pid(), "VmRSS") - baseline, (peak - baseline) / 2)
       << "peak " << (peak >> 20) << " MiB, at start " << (baseline >> 20);

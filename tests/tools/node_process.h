@@ -163,6 +163,10 @@ class NodeProcess {
   std::vector<bool> taken_;
 };
 
+inline Match MessageIs(const std::string& text) {
+  return [text](const json& l) { return l.value("strMessage", "") == text; };
+}
+
 struct Ready {
   std::string id, address;
 };

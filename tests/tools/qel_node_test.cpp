@@ -8,10 +8,6 @@
 
 namespace {
 
-std::function<bool(const json&)> MessageIs(const std::string& text) {
-  return [text](const json& l) { return l.value("strMessage", "") == text; };
-}
-
 // A and C talk through B; D hangs off A. Once C's message came in through
 // B, A knows C's route: what A then sends to C must not also be flooded to
 // D. D counts what it receives; a marker sent to D after the message to C
