@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 
 #include "../support/peers.h"
+#include "net/local_address.h"
 
 namespace qel::test {
 namespace {
@@ -123,6 +124,13 @@ TEST(EventLoopTest, TimersTickUntilDisabled) {
   const int seen = ticks;
   DoEvents(30);
   EXPECT_EQ(ticks, seen);
+}
+
+TEST(LocalAddressTest, PrefersTheFirstAddressOutsideLoopbackAnd192168) {
+  EXPECT_EQ(ChooseLocalAddress({"127.0.0.1", "192.168.0.9", "172.16.0.1", "8.8.8.8"}),
+            "172.16.0.1");
+  EXPECT_EQ(ChooseLocalAddress({"192.168.2.2", "127.0.0.1"}), "192.168.2.2");
+  EXPECT_EQ(ChooseLocalAddress({}), "");
 }
 
 }  // namespace

@@ -3,8 +3,10 @@
 #include <filesystem>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 
 #include "../support/peers.h"
+#include "files/shares.h"
 #include "routing/confirm.h"
 
 namespace qel::test {
@@ -84,15 +86,27 @@ TEST(NodeInitialiseTest, UnreadableTextIsIgnoredAndBadValuesAreReported) {
                                                 "Error 9: Subscript out of range"}));
 }
 
-// How folders are shared is in shares_test.
-TEST(NodeInitialiseTest, SharesTheFolderGivenOrNoneAndMakesALocalAccount) {
-  const auto dir = std::filesystem::path(testing::TempDir()) / "qel_share_music";
-  std::filesystem::create_directories(dir);
+TEST(NodeInitialiseTest, SharesTheFoldersThatExistAndMakesALocalAccount) {
+  const auto base = std::filesystem::path(testing::TempDir()) / "qel_shares";
+  std::filesystem::create_directories(base / "docs");
+  std::vector<typSharedFolder> folders;
+  bool sharing = false;
+  for (std::string path : {std::string("   "), (base / "missing").string(),
+                           (base / "docs").string() + "/", (base / "docs").string()}) {
+    ShareFolder(folders, sharing, path);
+  }
+  ASSERT_EQ(folders.size(), 2u);  // the same folder twice is kept twice
+  EXPECT_EQ(folders[0].Path, (base / "docs").string());
+  EXPECT_EQ(folders[0].Name, "docs");
+  EXPECT_TRUE(sharing);
+  EXPECT_EQ(LastPathPart("a\\b/c"), "c");
+  EXPECT_EQ(LastPathPart("plain"), "plain");
+
   Peer r("eta");
-  r.node.Initialise("eta", 0, role_Peer, "", dir.string());
+  r.node.Initialise("eta", 0, role_Peer, "", (base / "docs").string());
   NodeState& s = StateOf(r.node);
   ASSERT_EQ(s.SharedFolders.size(), 1u);
-  EXPECT_EQ(s.SharedFolders[0].Name, "qel_share_music");
+  EXPECT_EQ(s.SharedFolders[0].Name, "docs");
   r.node.Initialise("eta", 0, role_Peer, "", "  ");
   EXPECT_FALSE(s.SharingFiles);
   EXPECT_TRUE(r.errors.empty());
@@ -116,6 +130,41 @@ TEST(NodeEventsTest, AHandlerMayDestroyItsOwnNodeAndSwitchRoleChangesOnlyTheRole
   node->Initialise("theta", 0, role_Peer, "", "", Settings({{"filePacket", 3000000}}));
   EXPECT_EQ(calls, 1);
   EXPECT_EQ(node, nullptr);
+}
+
+// A host handler that throws must not stop its node.
+TEST(EventsTest, AThrowingHandlerIsReportedAndTheNodeKeepsServing) {
+  Peer a("a", "", true), b("b");
+  b.ConnectTo(a);
+  a.node.MessageReceived = [&](std::string& text, std::string&, std::string&) {
+    a.messages.push_back(text);
+    throw std::runtime_error("host bug");
+  };
+  a.node.Error = [&](std::string& text, std::string&) {
+    a.errors.push_back(text);
+    throw 42;
+  };
+
+  testing::internal::CaptureStderr();
+  b.node.SendMessage("one", a.ID());
+  b.node.SendMessage("oops", a.ID(), "ERROR");
+  b.node.SendMessage("two", a.ID());
+  const bool arrived = Eventually([&] { return a.messages.size() == 2; });
+  const std::string said = testing::internal::GetCapturedStderr();
+  ASSERT_TRUE(arrived);
+  EXPECT_EQ(a.messages, (std::vector<std::string>{"one", "two"}));
+  EXPECT_EQ(a.errors, (std::vector<std::string>{"oops"}));
+  EXPECT_NE(said.find("QEL: the MessageReceived handler threw (Error 5: host bug)"),
+            std::string::npos)
+      << said;
+  EXPECT_NE(said.find("QEL: the Error handler threw (Error 5: Unknown fault)"), std::string::npos)
+      << said;
+
+  // Its listener still takes new connections.
+  Peer c("c");
+  c.ConnectTo(a);
+  c.node.SendMessage("three", a.ID());
+  ASSERT_TRUE(Eventually([&] { return a.messages.size() == 3; }));
 }
 
 TEST(NodeConfirmTest, AFullQueueGivesUpTheOldestAndShutDownDropsTheNodesOwn) {
