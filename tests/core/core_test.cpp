@@ -1,0 +1,85 @@
+// The small pieces under everything: the debug log, identifiers, statistics.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <set>
+
+#include "core/debug_log.h"
+#include "core/new_id.h"
+#include "core/stats.h"
+
+namespace qel {
+namespace {
+
+TEST(DebugLogTest, AnOversizeLineIsCutAndOlderLinesGiveWay) {
+  DebugLog log;
+  log.EnableForTest();
+  log.Write("old line");
+  testing::internal::CaptureStderr();
+  log.Write(std::string(DebugLog::kLimit * 2, 'x'));
+  EXPECT_LE(testing::internal::GetCapturedStderr().size(), DebugLog::kLimit);
+  EXPECT_LE(log.Text().size(), DebugLog::kLimit);
+  EXPECT_TRUE(log.Text().starts_with("xxx"));
+
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 100; ++i) log.Write(std::string(999, static_cast<char>('a' + i % 26)));
+  testing::internal::GetCapturedStderr();
+  EXPECT_LE(log.Text().size(), DebugLog::kLimit);
+  EXPECT_TRUE(log.Text().ends_with(std::string(999, 'v') + "\r\n"));
+  EXPECT_EQ(log.Text().find(std::string(1000, 'x')), std::string::npos);
+}
+
+TEST(NewIdTest, DrawsAreUniqueVersion4Guids) {
+  std::set<std::string> seen;
+  for (int i = 0; i < 20000; ++i) {
+    std::string id = NewID();
+    ASSERT_EQ(id.find_first_not_of("0123456789ABCDEF"), std::string::npos) << id;
+    ASSERT_EQ(id[12], '4') << id;
+    ASSERT_TRUE(id.size() >= 24 && id.size() <= 32) << id;  // bytes 10 to 15 written short
+    seen.insert(std::move(id));
+  }
+  EXPECT_EQ(seen.size(), 20000u);
+}
+
+TEST(NewIdTest, PadsDigitsButNotLoneLetters) {
+  std::array<uint8_t, 16> guid = {0x00, 0x0A, 0x0B, 0x0C, 0x00, 0x01, 0x40, 0x02,
+                                  0x07, 0x0C, 0x10, 0xFF, 0x00, 0x0F, 0xA0, 0x09};
+  // In Data4 a lone letter loses its padding (0C -> C), a lone digit keeps it.
+  EXPECT_EQ(FormatID(guid), "000A0B0C0001400207C10FF00FA009");
+  std::array<uint8_t, 16> letters{};
+  for (int i = 8; i < 16; ++i) letters[i] = 0x0C;
+  EXPECT_EQ(FormatID(letters), "0000000000000000CCCCCCCC");
+}
+
+// A tick turns each accumulator into a per-second rate and starts it again;
+// a rate that overflows stops the tick, and later counters keep accumulating.
+TEST(StatsTest, TicksTurnAccumulatorsIntoRatesUntilOneOverflows) {
+  Stats stats;
+  stats.InBytesAcc = 300;
+  stats.OutPacketsAcc = 1;
+  EXPECT_TRUE(stats.Tick(500));
+  EXPECT_EQ(stats.InByteSpeed, 600);
+  EXPECT_EQ(stats.OutPacketRate, 2);
+  stats.InBytesAcc += 100;  // started again from zero
+  stats.OutBytesAcc = 2'000'000'000;
+  stats.InPacketsAcc = 4;
+  EXPECT_FALSE(stats.Tick(500));
+  EXPECT_EQ(stats.InByteSpeed, 200);
+  EXPECT_EQ(stats.InPacketsAcc, 4);
+  stats.OutBytesAcc = 5;
+  EXPECT_TRUE(stats.Tick(500));
+  EXPECT_EQ(stats.InPacketRate, 8);
+}
+
+TEST(StatsTest, AverageCompressionRoundsEachMessage) {
+  Stats stats;
+  EXPECT_EQ(stats.AvgCompression(), 0);
+  stats.RecordCompression(25, 100);  // saved 75
+  stats.RecordCompression(1, 3);     // saved 66.7 -> 67
+  EXPECT_EQ(stats.AvgCompression(), 71);
+  stats.RecordCompression(150, 100);  // grew: saved -50
+  EXPECT_EQ(stats.AvgCompression(), 31);
+}
+
+}  // namespace
+}  // namespace qel

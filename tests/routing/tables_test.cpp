@@ -1,0 +1,184 @@
+// The routing tables: the node cache and what INFO puts in it, the IDs
+// already seen and the learned routes.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <deque>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <qel/settings.h>
+
+#include "node/node_state.h"
+#include "routing/discovery.h"
+#include "routing/node_entry.h"
+#include "routing/packet_cache.h"
+#include "routing/route_table.h"
+
+namespace qel {
+namespace {
+
+std::string Id(size_t n) {
+  return "NODE" + std::to_string(n);
+}
+
+TEST(NodeTableTest, KeepsOrderDropsTheOldestAndNeverFindsEmptyIds) {
+  NodeTable table;
+  const size_t total = NodeTable::kMaxEntries + 1000;
+  for (size_t n = 0; n < total; ++n) {
+    ASSERT_EQ(table.FindOrAdd(Id(n)), static_cast<int32_t>(std::min(n + 1, table.kMaxEntries)));
+  }
+  ASSERT_EQ(table.size(), NodeTable::kMaxEntries + 1);
+  EXPECT_EQ(table.Find(Id(999)), -1);
+  for (size_t n = 1000; n < total; ++n) {
+    const int32_t at = table.Find(Id(n));
+    ASSERT_EQ(at, static_cast<int32_t>(n - 1000 + 1));
+    ASSERT_EQ(table[at].ID, Id(n));
+  }
+  // A known ID keeps its place; an entry found again is the same one.
+  table[table.Find(Id(2000))].Name = "kept";
+  EXPECT_EQ(table.FindOrAdd(Id(2000)), 1001);
+  EXPECT_EQ(table[1001].Name, "kept");
+
+  table.Clear();
+  EXPECT_EQ(table.size(), 1u);
+  EXPECT_EQ(table.Find(Id(2000)), -1);
+  EXPECT_EQ(table.FindOrAdd(Id(7)), 1);
+
+  // Empty IDs are never found, and take their turn to be dropped.
+  for (size_t n = 0; n < NodeTable::kMaxEntries + 10; ++n) table.FindOrAdd("");
+  EXPECT_EQ(table.size(), NodeTable::kMaxEntries + 1);
+  EXPECT_EQ(table.Find(""), -1);
+  EXPECT_EQ(table.FindOrAdd("X"), static_cast<int32_t>(NodeTable::kMaxEntries));
+  EXPECT_EQ(table.Find("X"), static_cast<int32_t>(NodeTable::kMaxEntries));
+}
+
+TEST(DiscoveryTest, InfoValuesAreCutToWhatTheCacheKeeps) {
+  constexpr size_t kCap = 4096;
+  const std::string source(kCap + 1, 'S');
+  cSettings body;
+  body.SaveSetting("Name", Variant("short"));
+  for (const char* key : {"Descriptor", "Address", "Encryption-Key", "Active-User"}) {
+    body.SaveSetting(key, Variant(std::string(1 << 20, key[0])));
+  }
+  typMessage info = MakeMessage("INFO", "BROADCAST");
+  SetField(info.Fields, "Source", Variant(source));
+  info.Body = body.getXML();
+
+  auto node = std::make_shared<NodeState>();
+  OnInfo(*node, info, 0);
+  ASSERT_EQ(node->NodeCache.size(), 2u);
+  const NodeEntry& entry = node->NodeCache[1];
+  EXPECT_EQ(entry.ID, source.substr(0, kCap));
+  EXPECT_EQ(node->NodeCache.Find(entry.ID), 1);
+  EXPECT_EQ(entry.Name, "short");
+  for (const std::string* value :
+       {&entry.Descriptor, &entry.Address, &entry.EncryptionKey, &entry.activeUser}) {
+    EXPECT_EQ(value->size(), kCap);
+    EXPECT_LT(value->capacity(), 2 * kCap);  // the cut gives the memory back
+  }
+}
+
+// The ring wraps, duplicates stay until their last copy falls out and the
+// empty ID fills unfilled positions: checked against the classic window.
+TEST(PacketCacheTest, MatchesAWindowOfTheLastCapacityIds) {
+  std::mt19937 rng(20240611);
+  for (int32_t capacity : {0, 1, 2, 3, 7, 50}) {
+    PacketCache cache(capacity);
+    std::deque<std::string> window(static_cast<size_t>(capacity));
+    size_t added = 0;
+    for (int step = 0; step < 3000; ++step) {
+      const int n = static_cast<int>(rng() % static_cast<uint32_t>(capacity * 2 + 1));
+      const std::string id = n == 0 ? "" : "m" + std::to_string(n);
+      if (rng() % 2) {
+        cache.Add(id);
+        window.push_back(id);
+        window.pop_front();
+        ++added;
+      }
+      ASSERT_EQ(cache.Contains(id), std::find(window.begin(), window.end(), id) != window.end())
+          << "capacity " << capacity << " step " << step << " id " << id;
+      ASSERT_EQ(cache.Size(), std::min(added, window.size()));
+    }
+  }
+  PacketCache cache(std::numeric_limits<int32_t>::max());  // memory follows the adds
+  for (int i = 0; i < 1000; ++i) cache.Add("id" + std::to_string(i));
+  EXPECT_TRUE(cache.Contains("id999"));
+  for (const char* id : {"ID0", "id", "id1000"}) EXPECT_FALSE(cache.Contains(id)) << id;
+}
+
+using Entries = std::vector<std::string>;
+const std::string kSelf = "S";
+
+TEST(RouteTableTest, LearnsRoutesPromotesKnownOnesAndPicksTheLastHop) {
+  RouteTable table(10);
+  table.Learn("A,B,", kSelf);
+  table.Learn("", kSelf);  // ignored
+  EXPECT_EQ(table.Entries(), (Entries{"", "A,B,S,"}));
+  for (auto [destination, hop] :
+       {std::pair{"A", "B"}, {"B", "B"}, {"C", ""}, {"S", ""}, {"BROADCAST", ""}}) {
+    EXPECT_EQ(table.NextHop(destination, kSelf), hop) << destination;
+  }
+
+  table.Learn("C,", kSelf);
+  table.Learn("D,", kSelf);
+  table.Learn("B,", kSelf);  // "B,S," is the tail of the oldest entry: promoted
+  EXPECT_EQ(table.Entries(), (Entries{"", "A,B,S,", "D,S,", "C,S,"}));
+
+  // The first entry holding both IDs decides until another is promoted.
+  table.Learn("D,X,", kSelf);
+  EXPECT_EQ(table.NextHop("D", kSelf), "X");
+  table.Promote(3);
+  const Entries promoted = {"", "D,S,", "D,X,S,", "A,B,S,", "C,S,"};
+  EXPECT_EQ(table.Entries(), promoted);
+  EXPECT_EQ(table.NextHop("D", kSelf), "D");
+  for (int32_t ignored : {0, 5, -1}) table.Promote(ignored);
+  EXPECT_EQ(table.Entries(), promoted);
+
+  // Self stands first here, so the entry is read forward from self.
+  table.Learn("S,B,E,", kSelf);
+  EXPECT_EQ(table.NextHop("E", kSelf), "B");
+  // Read reversed, the hop is the one before self's last occurrence.
+  table.Learn("F,S,G,H,", kSelf);
+  EXPECT_EQ(table.NextHop("F", kSelf), "H");
+}
+
+TEST(RouteTableTest, FullTableDropsOnlyTheOldestAndADisabledOneLearnsNothing) {
+  RouteTable table(10), disabled(0);
+  for (int i = 0; i < 11; ++i) table.Learn("R" + std::to_string(i) + ",", kSelf);
+  EXPECT_EQ(table.Entries().size(), 11u);
+  EXPECT_EQ(table.Entries()[1], "R10,S,");
+  EXPECT_EQ(table.Entries()[10], "R1,S,");
+  EXPECT_FALSE(disabled.Enabled());
+  disabled.Learn("A,B,", kSelf);
+  EXPECT_EQ(disabled.NextHop("A", kSelf), "");
+}
+
+TEST(RouteTableTest, IdsMatchOnlyWholeItems) {
+  RouteTable table(10);
+  table.Learn("B,XA,", kSelf);
+  table.Learn("AB,", kSelf);
+  EXPECT_EQ(table.NextHop("A", kSelf), "");  // neither inside "XA" nor "AB"
+  EXPECT_EQ(table.NextHop("B", kSelf), "XA");
+
+  // "A,S," occurs in "B,XA,S," only from inside an item, so it is new.
+  table.Learn("A,", kSelf);
+  EXPECT_EQ(table.Entries().size(), 4u);
+  EXPECT_EQ(table.NextHop("A", kSelf), "A");
+
+  // Self inside a longer ID is not self; an empty item is no ID.
+  RouteTable other(10);
+  other.Learn("C,SS,", "T");
+  EXPECT_EQ(other.NextHop("C", kSelf), "");
+  EXPECT_EQ(other.NextHop("", "T"), "");
+
+  for (auto [route, reversed] :
+       {std::pair{"A,B,C,", "C,B,A,"}, {"A,B", "B,A,"}, {"A,,B,", "B,,A,"}, {",", ","}, {"", ""}}) {
+    EXPECT_EQ(RouteTable::ReverseRoute(route), reversed);
+  }
+}
+
+}  // namespace
+}  // namespace qel
