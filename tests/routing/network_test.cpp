@@ -13,8 +13,7 @@ TEST(NetworkTest, TwoNodesExchangeMessagesAndErrors) {
   b.ConnectTo(a);
   // Both ends announce themselves and count the link as theirs.
   ASSERT_TRUE(Eventually([&] { return b.Knows(a.ID()); }));
-  EXPECT_TRUE(a.node.isConnected());
-  EXPECT_TRUE(b.node.isConnected());
+  EXPECT_TRUE(a.node.isConnected() && b.node.isConnected());
   EXPECT_EQ(a.established.size(), 1u);
   EXPECT_EQ(b.established, std::vector<std::string>{a.Address()});
 
@@ -30,10 +29,8 @@ TEST(NetworkTest, TwoNodesExchangeMessagesAndErrors) {
   a.node.switchRole(role_Router);
   auto info = b.node.GetNodeInfo(a.ID(), false);
   ASSERT_EQ(info.size(), 1u);
-  EXPECT_EQ(info[0].Name, "alpha");
-  EXPECT_EQ(info[0].Role, role_Router);
-  EXPECT_TRUE(info[0].directConn);
-  EXPECT_EQ(info[0].Address, a.Address());
+  EXPECT_EQ(std::tuple(info[0].Name, info[0].Role, info[0].directConn, info[0].Address),
+            std::tuple(std::string("alpha"), role_Router, true, a.Address()));
 
   // The accepting end can close the link, by identifier; only an open one counts.
   EXPECT_TRUE(a.node.DisconnectFrom(b.ID(), true));
@@ -41,12 +38,12 @@ TEST(NetworkTest, TwoNodesExchangeMessagesAndErrors) {
   ASSERT_TRUE(Eventually([&] { return b.closed.size() == 1; }));
   EXPECT_EQ(a.closedIDs, std::vector<std::string>{b.ID()});
   EXPECT_EQ(b.closedIDs, std::vector<std::string>{a.ID()});
-  EXPECT_FALSE(a.node.isConnected());
-  EXPECT_FALSE(b.node.isConnected());
+  EXPECT_FALSE(a.node.isConnected() || b.node.isConnected());
 }
 
 TEST(NetworkTest, ListenAddressPingOfUnknownNodeAndDisconnectAllOfAcceptedLinks) {
-  Peer a("a", "", true), b("b", Settings({{"announceSelf", false}, {"listenAddress", "127.0.0.1"}}), true);
+  Peer a("a", "", true),
+      b("b", Settings({{"announceSelf", false}, {"listenAddress", "127.0.0.1"}}), true);
   Peer wrong("wrong", Settings({{"listenAddress", "localhost:1"}}));
   EXPECT_FALSE(wrong.node.Listen());
   ASSERT_EQ(wrong.errors.size(), 1u);
