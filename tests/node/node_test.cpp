@@ -34,19 +34,9 @@ TEST(NodeInitialiseTest, AdvancedSettingsOverrideOnlyWhatTheyNameAndEachTimeAnew
   EXPECT_NE(id, key);
 
   r.node.Initialise("beta", 4100, role_Router, "desc", "",
-                    Settings({{"Timeout", 900},
-                              {"useEnc", true},
-                              {"netPass", "secret"},
-                              {"useComp", "TRUE"},
-                              {"seeSelf", -1},
-                              {"announceSelf", false},
-                              {"maxRoutes", 0},
-                              {"confirmMode", true},
-                              {"confirmTimeout", 100},
-                              {"confirmRetry", 7},
-                              {"filePacket", 4},
-                              {"packetCache", 3},
-                              {"maxMessage", 99}}));
+                    Settings("Timeout=900 useEnc=True netPass=secret useComp=TRUE seeSelf=-1 "
+                             "announceSelf=False maxRoutes=0 confirmMode=True confirmTimeout=100 "
+                             "confirmRetry=7 filePacket=4 packetCache=3 maxMessage=99"));
   EXPECT_EQ(Summary(r.node),
             "beta 4100 2 desc|Timeout=900 TTL=" + std::to_string(StateOf(r.node).TTL) +
                 " useEnc=1 secret useComp=1 seeSelf=1 announceSelf=0 maxRoutes=0 "
@@ -71,16 +61,13 @@ TEST(NodeInitialiseTest, UnreadableTextIsIgnoredAndBadValuesAreReported) {
 
   // A conversion fault stops reading at that key: TTL was read before it,
   // maxRoutes never.
-  r.node.Initialise("eps", 0, role_Peer, "", "",
-                    Settings({{"TTL", 9}, {"useComp", "maybe"}, {"maxRoutes", 3}}));
+  r.node.Initialise("eps", 0, role_Peer, "", "", Settings("TTL=9 useComp=maybe maxRoutes=3"));
   EXPECT_EQ(StateOf(r.node).TTL, 9);
   EXPECT_NE(StateOf(r.node).maxRoutes, 3);
   EXPECT_FALSE(r.ID().empty());
-  for (auto [key, bad] : {std::pair{"filePacket", "2097152"},
-                          {"maxRoutes", "40000"},
-                          {"Timeout", "99999999999"},
-                          {"packetCache", "-5"}}) {
-    r.node.Initialise("zeta", 0, role_Peer, "", "", Settings({{key, bad}}));
+  for (const char* bad :
+       {"filePacket=2097152", "maxRoutes=40000", "Timeout=99999999999", "packetCache=-5"}) {
+    r.node.Initialise("zeta", 0, role_Peer, "", "", Settings(bad));
   }
   EXPECT_EQ(r.errors, (std::vector<std::string>{"Error 13: Type mismatch", "Error 6: Overflow",
                                                 "Error 6: Overflow", "Error 6: Overflow",
@@ -128,7 +115,7 @@ TEST(NodeEventsTest, AHandlerMayDestroyItsOwnNodeAndSwitchRoleChangesOnlyTheRole
     ++calls;
     node.reset();
   };
-  node->Initialise("theta", 0, role_Peer, "", "", Settings({{"filePacket", 3000000}}));
+  node->Initialise("theta", 0, role_Peer, "", "", Settings("filePacket=3000000"));
   EXPECT_EQ(calls, 1);
   EXPECT_EQ(node, nullptr);
 }
@@ -170,7 +157,7 @@ TEST(EventsTest, AThrowingHandlerIsReportedAndTheNodeKeepsServing) {
 
 TEST(NodeConfirmTest, AFullQueueGivesUpTheOldestAndShutDownDropsTheNodesOwn) {
   ASSERT_EQ(PendingCount(), 0u);
-  const std::string confirm = Settings({{"confirmMode", true}});
+  const std::string confirm = Settings("confirmMode=True");
   auto first = std::make_unique<Peer>("kappa", confirm);
   first->node.Error = [&](std::string& message, std::string& nodeID) {
     first->errors.push_back(message + " | " + nodeID);
@@ -189,8 +176,7 @@ TEST(NodeConfirmTest, AFullQueueGivesUpTheOldestAndShutDownDropsTheNodesOwn) {
   // given up when nothing confirms it.
   first = std::make_unique<Peer>("kappa", confirm);
   first->node.SendMessage("m", "NOBODY");
-  Peer second("lambda",
-              Settings({{"confirmMode", true}, {"confirmTimeout", 50}, {"confirmRetry", 0}}));
+  Peer second("lambda", Settings("confirmMode=True confirmTimeout=50 confirmRetry=0"));
   second.node.SendMessage("held", "NOBODY");
   first.reset();
   EXPECT_EQ(PendingCount(), 1u);

@@ -42,9 +42,8 @@ TEST(NetworkTest, TwoNodesExchangeMessagesAndErrors) {
 }
 
 TEST(NetworkTest, ListenAddressPingOfUnknownNodeAndDisconnectAllOfAcceptedLinks) {
-  Peer a("a", "", true),
-      b("b", Settings({{"announceSelf", false}, {"listenAddress", "127.0.0.1"}}), true);
-  Peer wrong("wrong", Settings({{"listenAddress", "localhost:1"}}));
+  Peer a("a", "", true), b("b", Settings("announceSelf=False listenAddress=127.0.0.1"), true);
+  Peer wrong("wrong", Settings("listenAddress=localhost:1"));
   EXPECT_FALSE(wrong.node.Listen());
   ASSERT_EQ(wrong.errors.size(), 1u);
   EXPECT_NE(wrong.errors[0].find("localhost:1"), std::string::npos);
@@ -59,8 +58,7 @@ TEST(NetworkTest, ListenAddressPingOfUnknownNodeAndDisconnectAllOfAcceptedLinks)
 }
 
 TEST(NetworkTest, ConfirmedMessagesSettleAndUnconfirmedOnesAreGivenUp) {
-  Peer a("a", Settings({{"confirmMode", true}, {"confirmTimeout", 100}, {"confirmRetry", 1}}),
-         true);
+  Peer a("a", Settings("confirmMode=True confirmTimeout=100 confirmRetry=1"), true);
   Peer b("b");
   b.ConnectTo(a);
   a.node.SendMessage("one", b.ID());
@@ -135,7 +133,7 @@ TEST(NetworkTest, MaintainedLinksAreRedialledWhenTheyDrop) {
 }
 
 TEST(NetworkTest, ADialThatHangsNeverBlocksTheLoop) {
-  Peer b("b", Settings({{"Timeout", 5000}}));
+  Peer b("b", Settings("Timeout=5000"));
   // A listener that never accepts: once one connection waits in its queue,
   // the kernel drops further dials' handshakes and they hang.
   int far = socket(AF_INET, SOCK_STREAM, 0);

@@ -15,7 +15,7 @@ std::string Msg(const std::string& id, const std::string& fields, const std::str
 }
 
 TEST(RelayTest, RelayRewritesOnlyTtlHopsAndRouteEvenBesideArrayFields) {
-  Peer relay("relay", Settings({{"TTL", 20}}), true);
+  Peer relay("relay", Settings("TTL=20"), true);
   RawPeer from(relay), to(relay);
   // Each name also arrives as an array; Flags and lengths describe a body the
   // relay does not decode.
@@ -36,7 +36,7 @@ TEST(RelayTest, RelayRewritesOnlyTtlHopsAndRouteEvenBesideArrayFields) {
 }
 
 TEST(RelayTest, PeerTtlAndHopsAreBoundedAndNonsenseIsNotRelayed) {
-  Peer relay("relay", Settings({{"TTL", 5}}), true);
+  Peer relay("relay", Settings("TTL=5"), true);
   RawPeer from(relay), to(relay);
   struct Case {
     std::string ttl, hops, relayedTtl, relayedHops;  // relayedTtl "" when not relayed

@@ -9,8 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <initializer_list>
 #include <map>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,9 +35,12 @@ inline NodeState& StateOf(cQEL& node) {
   return *TheModule().Slot(detail::NodeAccess::SlotIndex(node));
 }
 
-inline std::string Settings(std::initializer_list<std::pair<const char*, Variant>> values) {
+// A settings text from blank-separated "key=value" words.
+inline std::string Settings(const std::string& words) {
   cSettings settings;
-  for (const auto& [key, value] : values) settings.SaveSetting(key, value);
+  std::istringstream in(words);
+  for (std::string w; in >> w;)
+    settings.SaveSetting(w.substr(0, w.find('=')), w.substr(w.find('=') + 1));
   return settings.getXML();
 }
 

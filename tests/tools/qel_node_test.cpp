@@ -8,11 +8,9 @@
 
 namespace {
 
-// A and C talk through B; D hangs off A. Once C's message came in through
-// B, A knows C's route: what A then sends to C must not also be flooded to
-// D. D counts what it receives; a marker sent to D after the message to C
-// arrives behind any copy of it on the same link, so the count is complete
-// when the marker is seen.
+// A and C talk through B; D hangs off A. Once C's message came in through B,
+// A knows C's route, so what A sends C is not flooded to D: a marker sent to D
+// right after arrives behind any such copy, so D's count is complete then.
 TEST(QelNodeTest, MessagesCrossAMiddleProcessRepliesFollowTheRouteAndBadCommandsFail) {
   // Every hop compresses and encrypts, so the middle relays packed bodies.
   auto packed = [](std::vector<std::string> args) {
@@ -99,9 +97,7 @@ TEST(QelNodeTest, MessagesCrossAMiddleProcessRepliesFollowTheRouteAndBadCommands
   }
 }
 
-// A line A-B-C where each end learns the other's identifier as it connects:
-// the dialler pings at once, the accepting end closes the link by node, and
-// disconnect-all also closes the links a node accepted.
+// A line A-B-C: the dialler pings at once, the accepting end closes by node.
 TEST(QelNodeTest, BothEndsOfALinkKnowEachOtherAndEitherMayCloseIt) {
   NodeProcess c({"--name", "c"}), b({"--name", "b"}), a({"--name", "a"});
   Ready rc = WaitReady(c), rb = WaitReady(b);
@@ -129,8 +125,6 @@ TEST(QelNodeTest, BothEndsOfALinkKnowEachOtherAndEitherMayCloseIt) {
   EXPECT_EQ(a.Command("connect " + rb.address)["ok"], true);
 }
 
-// Settings are checked before the node starts: a bad value or an option out
-// of range stops it with a message, an unknown key is a warning.
 TEST(QelNodeTest, SettingsAndOptionsAreCheckedBeforeTheNodeStarts) {
   auto path =
       std::filesystem::temp_directory_path() / ("qel-node-test-" + std::to_string(getpid()));
