@@ -2,18 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <qel/node.h>
-#include <qel/settings.h>
+#include "../support/peers.h"
 
-namespace qel {
+namespace qel::test {
 namespace {
-
-std::string Text(std::initializer_list<std::pair<std::string, std::string>> values,
-                 const std::string& section = "Common") {
-  cSettings settings;
-  for (const auto& [key, value] : values) settings.SaveSetting(key, Variant(value), section);
-  return settings.getXML();
-}
 
 std::string Describe(const std::vector<SettingProblem>& problems) {
   std::string text;
@@ -26,16 +18,14 @@ std::string Describe(const std::vector<SettingProblem>& problems) {
 TEST(AdvancedSettingsTest, CheckNamesWrongTypesRangesAndUnknownKeys) {
   EXPECT_EQ(Describe(CheckAdvancedSettings("")), "");
   // Keys match in any case; only section Common is read.
-  EXPECT_EQ(Describe(CheckAdvancedSettings(Text({{"ttl", "5"}, {"USECOMP", "true"}}))), "");
-  EXPECT_EQ(Describe(CheckAdvancedSettings(Text({{"Colour", "red"}}, "Other"))), "");
+  EXPECT_EQ(Describe(CheckAdvancedSettings(Settings("ttl=5 USECOMP=true"))), "");
+  cSettings other;
+  other.SaveSetting("Colour", "red", "Other");
+  EXPECT_EQ(Describe(CheckAdvancedSettings(other.getXML())), "");
 
-  EXPECT_EQ(Describe(CheckAdvancedSettings(Text({{"TTL", "many"},
-                                                 {"useEnc", "maybe"},
-                                                 {"Timeout", "-1"},
-                                                 {"maxRoutes", "40000"},
-                                                 {"filePacket", "2097152"},
-                                                 {"Tiemout", "900"},
-                                                 {"netPass", "any text"}}))),
+  EXPECT_EQ(Describe(CheckAdvancedSettings(
+                Settings("TTL=many useEnc=maybe Timeout=-1 maxRoutes=40000 filePacket=2097152 "
+                         "Tiemout=900 netPass=any:text"))),
             "error TTL=many: must be an integer from 0 to 2147483647\n"
             "error useEnc=maybe: must be True or False\n"
             "error Timeout=-1: must be an integer from 0 to 2147483647\n"
@@ -51,23 +41,21 @@ TEST(AdvancedSettingsTest, CheckNamesWrongTypesRangesAndUnknownKeys) {
 
 // A check that lets a value through must not leave Initialise to fail on it.
 TEST(AdvancedSettingsTest, InitialiseTakesEveryValueTheCheckAccepts) {
-  cQEL node;
-  std::vector<std::string> errors;
-  node.Error = [&](std::string& message, std::string&) { errors.push_back(message); };
+  Peer n("n");
   for (const AdvancedSetting& s : AdvancedSettingsTable()) {
     std::vector<std::string> values{std::string(s.defaultValue)};
     if (s.type != SettingType::Boolean && s.type != SettingType::Text) {
       values = {std::to_string(s.min), std::to_string(s.max)};
     }
     for (const std::string& value : values) {
-      const std::string text = Text({{std::string(s.key), value}});
+      const std::string text = Settings(std::string(s.key) + "=" + value);
       EXPECT_EQ(Describe(CheckAdvancedSettings(text)), "");
-      node.Initialise("n", 0, role_Peer, "", "", text);
-      EXPECT_TRUE(errors.empty()) << s.key << "=" << value << ": " << errors.front();
-      errors.clear();
+      n.node.Initialise("n", 0, role_Peer, "", "", text);
+      EXPECT_TRUE(n.errors.empty()) << s.key << "=" << value << ": " << n.errors.front();
+      n.errors.clear();
     }
   }
 }
 
 }  // namespace
-}  // namespace qel
+}  // namespace qel::test
