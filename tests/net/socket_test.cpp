@@ -114,18 +114,6 @@ TEST(SocketTest, AcceptingWithoutDescriptorsBacksOffAndRecovers) {
   EXPECT_EXIT(AcceptUnderDescriptorLimit(), testing::ExitedWithCode(0), "");
 }
 
-TEST(EventLoopTest, TimersTickUntilDisabled) {
-  int ticks = 0;
-  Timer timer([&] { ++ticks; });
-  timer.SetInterval(5);
-  timer.Enable(true);
-  ASSERT_TRUE(Eventually([&] { return ticks >= 3; }));
-  timer.Enable(false);
-  const int seen = ticks;
-  DoEvents(30);
-  EXPECT_EQ(ticks, seen);
-}
-
 TEST(LocalAddressTest, PrefersTheFirstAddressOutsideLoopbackAnd192168) {
   EXPECT_EQ(ChooseLocalAddress({"127.0.0.1", "192.168.0.9", "172.16.0.1", "8.8.8.8"}),
             "172.16.0.1");

@@ -151,7 +151,6 @@ TEST(RouteTableTest, FullTableDropsOnlyTheOldestAndADisabledOneLearnsNothing) {
   EXPECT_EQ(table.Entries().size(), 11u);
   EXPECT_EQ(table.Entries()[1], "R10,S,");
   EXPECT_EQ(table.Entries()[10], "R1,S,");
-  EXPECT_FALSE(disabled.Enabled());
   disabled.Learn("A,B,", kSelf);
   EXPECT_EQ(disabled.NextHop("A", kSelf), "");
 }

@@ -25,13 +25,11 @@ std::shared_ptr<NodeState> MakeNode() {
 
 // Stamps as the node does, then swaps the fresh random ID for a fixed one in
 // place, so the field order is the real one.
-std::string Stamped(NodeState& node, typMessage& message) {
+template <typename M>
+std::string Stamped(NodeState& node, M&& message) {
   StampMessage(node, message);
   SetField(message.Fields, "ID", Variant(kMsgID));
   return SerialiseMessage(message);
-}
-std::string Stamped(NodeState& node, typMessage&& message) {
-  return Stamped(node, message);
 }
 
 std::string Header(const std::string& startLine, const std::string& destination,
