@@ -1,17 +1,22 @@
-// `qel node --json` run as separate processes talking over loopback.
+// `qel node --json` run as separate processes talking over loopback, and
+// under hostile loads from raw TCP peers.
 #include "node_process.h"
+
+#include <time.h>
 
 #include <filesystem>
 #include <fstream>
 
 #include <qel/settings.h>
 
+#include "../support/peers.h"
+
 namespace {
 
 // A and C talk through B; D hangs off A. Once C's message came in through B,
 // A knows C's route, so what A sends C is not flooded to D: a marker sent to D
 // right after arrives behind any such copy, so D's count is complete then.
-TEST(QelNodeTest, MessagesCrossAMiddleProcessRepliesFollowTheRouteAndBadCommandsFail) {
+TEST(QelNodeTest, MessagesCrossAMiddleProcessFollowRoutesLinksCloseAndBadCommandsFail) {
   // Every hop compresses and encrypts, so the middle relays packed bodies.
   auto packed = [](std::vector<std::string> args) {
     args.insert(args.end(), {"--set", "useComp=True", "--set", "useEnc=True"});
@@ -22,12 +27,13 @@ TEST(QelNodeTest, MessagesCrossAMiddleProcessRepliesFollowTheRouteAndBadCommands
   ASSERT_FALSE(ra.id.empty() || rc.id.empty());
   NodeProcess b(packed({"--name", "b", "--connect", ra.address, "--connect", rc.address}));
   NodeProcess d(packed({"--name", "d", "--connect", ra.address}));
-  Ready rd = WaitReady(d);
-  WaitReady(b);
-  ASSERT_EQ(d.WaitFor([](const json& l) { return l.value("command", "") == "connect"; })["ok"], true);
+  Ready rd = WaitReady(d), rb = WaitReady(b);
+  ASSERT_EQ(d.WaitFor([](const json& l) { return l.value("command", "") == "connect"; })["ok"],
+            true);
   a.WaitEvent("ConnectionEstab");
   a.WaitEvent("ConnectionEstab");
   c.WaitEvent("ConnectionEstab");
+  EXPECT_EQ(d.Command("ping " + ra.id + " 10000")["ok"], true);  // the dialler knows at once
 
   // Spaces inside the text are kept; a byte that is not UTF-8 comes out as
   // the code point of its value.
@@ -50,12 +56,15 @@ TEST(QelNodeTest, MessagesCrossAMiddleProcessRepliesFollowTheRouteAndBadCommands
   EXPECT_EQ(a.Command("send-type ERROR " + rc.id + " it failed")["ok"], true);
   EXPECT_EQ(c.WaitEvent("Error", MessageIs("it failed"))["nodeID"], ra.id);
 
+  // A far node's new role reaches A when A asks afresh.
+  EXPECT_EQ(c.Command("role router")["ok"], true);
   json nodes = a.Command("nodes " + rc.id + " fresh");
   ASSERT_EQ(nodes["ok"], true) << nodes;
   ASSERT_EQ(nodes["value"].size(), 1u);
   const json& node = nodes["value"][0];
-  EXPECT_EQ(json::array({node["ID"], node["Name"], node["directConn"], node["Address"]}),
-            json::array({rc.id, "c", false, rc.address}));
+  EXPECT_EQ(
+      json::array({node["ID"], node["Name"], node["directConn"], node["Address"], node["Role"]}),
+      json::array({rc.id, "c", false, rc.address, 2}));
   json ping = a.Command("ping " + rc.id + " 10000");
   EXPECT_EQ(ping["ok"], true) << ping;
   EXPECT_GE(ping["value"].get<int>(), 0);
@@ -64,6 +73,16 @@ TEST(QelNodeTest, MessagesCrossAMiddleProcessRepliesFollowTheRouteAndBadCommands
   for (int i = 0; i < 4; ++i) a.Command("send " + rd.id + " " + longText);
   for (int i = 0; i < 4; ++i) d.WaitEvent("MessageReceived", MessageIs(longText));
   EXPECT_GT(d.Command("stats")["value"]["AvgCompression"].get<int>(), 0);
+
+  // The accepting end closes a link by node, once; disconnect-all closes the
+  // links a node accepted and its listener, which listen opens again.
+  EXPECT_EQ(c.Command("disconnect-node " + rb.id)["value"], true);
+  b.WaitEvent("ConnectionClosed");
+  EXPECT_EQ(c.Command("disconnect-node " + rb.id)["ok"], false);
+  EXPECT_EQ(a.Command("disconnect-all")["ok"], true);
+  d.WaitEvent("ConnectionClosed");
+  EXPECT_EQ(a.Command("listen")["value"], std::stoi(ra.address.substr(ra.address.find(':') + 1)));
+  EXPECT_EQ(d.Command("connect " + ra.address)["ok"], true);
 
   // Bad commands fail with an error, and the console goes on.
   for (auto [line, error] : {std::pair{"frobnicate now", "frobnicate"},
@@ -97,34 +116,6 @@ TEST(QelNodeTest, MessagesCrossAMiddleProcessRepliesFollowTheRouteAndBadCommands
   }
 }
 
-// A line A-B-C: the dialler pings at once, the accepting end closes by node.
-TEST(QelNodeTest, BothEndsOfALinkKnowEachOtherAndEitherMayCloseIt) {
-  NodeProcess c({"--name", "c"}), b({"--name", "b"}), a({"--name", "a"});
-  Ready rc = WaitReady(c), rb = WaitReady(b);
-  WaitReady(a);
-  ASSERT_EQ(b.Command("connect " + rc.address)["ok"], true);
-  c.WaitEvent("ConnectionEstab");
-  ASSERT_EQ(a.Command("connect " + rb.address)["ok"], true);
-  b.WaitEvent("ConnectionEstab");
-  json ping = a.Command("ping " + rb.id + " 10000");
-  EXPECT_EQ(ping["ok"], true) << ping;
-
-  // The far node's new role reaches A only when A asks afresh.
-  EXPECT_EQ(c.Command("role router")["ok"], true);
-  json nodes = a.Command("nodes " + rc.id + " fresh");
-  ASSERT_EQ(nodes["value"].size(), 1u) << nodes;
-  EXPECT_EQ(nodes["value"][0]["Role"], 2);
-
-  EXPECT_EQ(c.Command("disconnect-node " + rb.id)["value"], true);
-  b.WaitEvent("ConnectionClosed");
-  EXPECT_EQ(c.Command("disconnect-node " + rb.id)["ok"], false);
-  EXPECT_EQ(b.Command("disconnect-all")["ok"], true);
-  a.WaitEvent("ConnectionClosed");
-  // listen opens again what disconnect-all closed.
-  EXPECT_EQ(b.Command("listen")["value"], std::stoi(rb.address.substr(rb.address.find(':') + 1)));
-  EXPECT_EQ(a.Command("connect " + rb.address)["ok"], true);
-}
-
 TEST(QelNodeTest, SettingsAndOptionsAreCheckedBeforeTheNodeStarts) {
   auto path =
       std::filesystem::temp_directory_path() / ("qel-node-test-" + std::to_string(getpid()));
@@ -139,8 +130,7 @@ TEST(QelNodeTest, SettingsAndOptionsAreCheckedBeforeTheNodeStarts) {
   auto corrupt = path;
   corrupt += "-corrupt";
   std::ofstream(corrupt) << "<Settings><Common><TTL>5";
-  for (const auto& [args, error] :
-       std::vector<std::pair<std::vector<std::string>, std::string>>{
+  for (const auto& [args, error] : std::vector<std::pair<std::vector<std::string>, std::string>>{
            {{"--settings", path}, "TTL=many: must be an integer"},
            {{"--set", "useEnc=maybe"}, "useEnc=maybe: must be True or False"},
            {{"--set", "Timeout=-1"}, "from 0 to"},
@@ -173,6 +163,124 @@ TEST(QelNodeTest, SignalsShutTheNodeDownCleanly) {
 
   kill(peer.Pid(), SIGINT);
   EXPECT_EQ(peer.WaitExit(), 0);
+}
+
+using qel::test::Dial;
+
+// Sends what the node takes; stops when it closes the connection.
+void SendAll(int fd, std::string_view data) {
+  for (ssize_t n; !data.empty() && (n = send(fd, data.data(), data.size(), MSG_NOSIGNAL)) > 0;) {
+    data.remove_prefix(static_cast<size_t>(n));
+  }
+}
+
+// A message for everybody, or, to be relayed only, for a node nobody knows.
+std::string Broadcast(const std::string& body, const std::string& id,
+                      const std::string& destination = "BROADCAST") {
+  return qel::test::RawMsg(id, "TTL: 2\r\n", body, destination);
+}
+
+// A /proc/PID/status figure in bytes ("VmRSS", "VmHWM").
+int64_t StatusBytes(pid_t pid, const std::string& key) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(in, line) && !line.starts_with(key + ":")) {
+  }
+  return in ? std::stoll(line.substr(key.size() + 1)) * 1024 : -1;
+}
+
+double CpuSeconds(pid_t pid) {
+  clockid_t clock{};
+  timespec used{};
+  EXPECT_TRUE(clock_getcpuclockid(pid, &clock) == 0 && clock_gettime(clock, &used) == 0);
+  return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
+}
+
+// Sends text to everybody over fd and waits for the node to deliver it.
+void Served(NodeProcess& node, int fd, const std::string& text) {
+  static int sent = 0;
+  SendAll(fd, Broadcast(text, "SERVED" + std::to_string(++sent)));
+  node.WaitEvent("MessageReceived", MessageIs(text));
+}
+
+TEST(QelLimitsTest, OutOfDescriptorsTheNodeIdlesAndKeepsServing) {
+  rlimit own{};
+  getrlimit(RLIMIT_NOFILE, &own);
+  if (own.rlim_max < 1024) GTEST_SKIP() << "needs 1024 descriptors";
+  rlimit raised{own.rlim_max, own.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &raised);
+
+  NodeProcess node({}, 256);
+  const auto port = node.WaitEvent("Ready")["Port"].get<uint16_t>();
+  const int calm = Dial(port);
+  node.WaitEvent("ConnectionEstab");
+  std::vector<int> flood;
+  for (int i = 0; i < 600; ++i) flood.push_back(Dial(port));
+  node.WaitEvent("Error", [](const json& l) {
+    return l.value("strMessage", "").find("paused") != std::string::npos;
+  });
+  // While 350 connections wait for descriptors the node is served at once
+  // and burns no CPU; a spinning accept takes a whole core.
+  const double cpuBefore = CpuSeconds(node.Pid());
+  const auto start = Clock::now();
+  Served(node, calm, "still served");
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
+  node.WaitFor([](const json&) { return false; }, std::chrono::seconds(1));
+  EXPECT_LT(CpuSeconds(node.Pid()) - cpuBefore, 0.3);
+  for (int fd : flood) close(fd);
+  close(calm);
+  setrlimit(RLIMIT_NOFILE, &own);
+}
+
+TEST(QelLimitsTest, StalledPeersKeepTheNodeNearItsMemoryBudget) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the sanitizer's quarantine holds freed memory";
+#endif
+  constexpr int64_t kBudget = 64 << 20;
+  // Beyond the budget: the message being relayed and its copies, and what
+  // the allocator has not handed back yet.
+  constexpr int64_t kSlack = 64 << 20;
+  NodeProcess node({"--set", "memoryBudget=" + std::to_string(kBudget), "--set",
+                    "maxMessage=" + std::to_string(16 << 20)});
+  const auto port = node.WaitEvent("Ready")["Port"].get<uint16_t>();
+  const int64_t baseline = StatusBytes(node.Pid(), "VmRSS");
+
+  // Ten bodies announced at 16 MiB that stop at 12 MiB: 120 MiB held
+  // without a budget.
+  std::vector<int> stalled;
+  const std::string body = Broadcast(std::string(16 << 20, 'b'), "BIG");
+  for (int i = 0; i < 10; ++i) {
+    stalled.push_back(Dial(port));
+    SendAll(stalled.back(), std::string_view(body).substr(0, 12 << 20));
+  }
+  // Eight peers that never read while another floods: each would be let
+  // queue 32 MiB.
+  std::vector<int> stuck;
+  for (int i = 0; i < 8; ++i) stuck.push_back(Dial(port, 4096));
+  const int flooder = Dial(port);
+  const std::string chunk(4 << 20, 'f');
+  for (int i = 0; i < 24; ++i) {
+    SendAll(flooder, Broadcast(chunk, "FLOOD" + std::to_string(i), "ELSEWHERE"));
+  }
+  // Whoever held the most was closed on the way, the flooder too perhaps; a
+  // fresh peer is served.
+  const int marker = Dial(port);
+  Served(node, marker, "marker");
+  close(marker);
+  const int64_t peak = StatusBytes(node.Pid(), "VmHWM");
+  EXPECT_LT(peak, baseline + kBudget + kSlack);
+
+  for (int fd : stalled) close(fd);
+  for (int fd : stuck) close(fd);
+  close(flooder);
+  // Once they are gone the node gives the memory back.
+  for (int i = 0; i < 20; ++i) node.WaitEvent("ConnectionClosed");
+  const int probe = Dial(port);
+  Served(node, probe, "after");
+  // The allocator may keep some; most must go.
+  EXPECT_LT(StatusBytes(node.Pid(), "VmRSS") - baseline, (peak - baseline) / 2)
+      << "peak " << (peak >> 20) << " MiB, at start " << (baseline >> 20);
+  close(probe);
 }
 
 }  // namespace
