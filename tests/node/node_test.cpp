@@ -1,3 +1,5 @@
+// The node object: Initialise and its settings, events, confirmations, the
+// module slots behind it and the debug switch.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -5,6 +7,9 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <qel/advanced_settings.h>
+
+#include "../support/error_text.h"
 #include "../support/peers.h"
 #include "files/shares.h"
 #include "node/user_settings.h"
@@ -217,6 +222,98 @@ TEST(UserSettingsTest, KeepsOtherValuesWhenOneIsWritten) {
   store.Set("debug", "height", "200");
   EXPECT_EQ(store.Get("DEBUG", "Width", "7200"), "100");
   EXPECT_EQ(store.Get("debug", "height", ""), "200");
+}
+
+std::string Describe(const std::vector<SettingProblem>& problems) {
+  std::string text;
+  for (const auto& p : problems) {
+    text += (p.isError ? "error " : "warning ") + p.key + "=" + p.value + ": " + p.message + "\n";
+  }
+  return text;
+}
+
+TEST(AdvancedSettingsTest, CheckNamesWrongTypesRangesAndUnknownKeys) {
+  EXPECT_EQ(Describe(CheckAdvancedSettings("")), "");
+  // Keys match in any case; only section Common is read.
+  EXPECT_EQ(Describe(CheckAdvancedSettings(Settings("ttl=5 USECOMP=true"))), "");
+  cSettings other;
+  other.SaveSetting("Colour", "red", "Other");
+  EXPECT_EQ(Describe(CheckAdvancedSettings(other.getXML())), "");
+
+  EXPECT_EQ(Describe(CheckAdvancedSettings(
+                Settings("TTL=many useEnc=maybe Timeout=-1 maxRoutes=40000 filePacket=2097152 "
+                         "Tiemout=900 netPass=any:text"))),
+            "error TTL=many: must be an integer from 0 to 2147483647\n"
+            "error useEnc=maybe: must be True or False\n"
+            "error Timeout=-1: must be an integer from 0 to 2147483647\n"
+            "error maxRoutes=40000: must be an integer from 0 to 32767\n"
+            "error filePacket=2097152: must be an integer from 1 to 2097151\n"
+            "warning Tiemout=900: not a setting, ignored\n");
+
+  auto corrupt = CheckAdvancedSettings("<Settings><Common><TTL>5");
+  ASSERT_EQ(corrupt.size(), 1u);
+  EXPECT_TRUE(corrupt[0].isError);
+  EXPECT_NE(corrupt[0].message.find("Error 4"), std::string::npos) << corrupt[0].message;
+}
+
+// A check that lets a value through must not leave Initialise to fail on it.
+TEST(AdvancedSettingsTest, InitialiseTakesEveryValueTheCheckAccepts) {
+  Peer n("n");
+  for (const AdvancedSetting& s : AdvancedSettingsTable()) {
+    std::vector<std::string> values{std::string(s.defaultValue)};
+    if (s.type != SettingType::Boolean && s.type != SettingType::Text) {
+      values = {std::to_string(s.min), std::to_string(s.max)};
+    }
+    for (const std::string& value : values) {
+      const std::string text = Settings(std::string(s.key) + "=" + value);
+      EXPECT_EQ(Describe(CheckAdvancedSettings(text)), "");
+      n.node.Initialise("n", 0, role_Peer, "", "", text);
+      EXPECT_TRUE(n.errors.empty()) << s.key << "=" << value << ": " << n.errors.front();
+      n.errors.clear();
+    }
+  }
+}
+
+const std::string kInvalid =
+    "-2147221502 switchSession: Cannot switch to session. Invalid session index: ";
+
+int32_t SlotOf(cQEL& node) {
+  return detail::NodeAccess::SlotIndex(node);
+}
+
+TEST(ModuleGuardTest, RefusesCallsBeforeSetUpAndForSlotsThatDoNotExist) {
+  Module module;
+  EXPECT_EQ(ErrorText([&] { module.SwitchSession(1, true); }),
+            "-2147221503 switchSession: QEL not initialised");
+  module.Init();
+  for (int32_t bad : {0, -1, 1}) {
+    EXPECT_EQ(ErrorText([&] { module.SwitchSession(bad, true); }), kInvalid + std::to_string(bad));
+  }
+  cQEL node;
+  node.ShutDown();
+  EXPECT_EQ(ErrorText([&] { node.switchRole(role_Server); }), kInvalid + "-1");
+}
+
+TEST(ModuleSlotsTest, ShutDownRenumbersOnlyLaterNodesAndKeepsTheirState) {
+  auto a = std::make_unique<cQEL>(), b = std::make_unique<cQEL>(), c = std::make_unique<cQEL>();
+  const int32_t base = SlotOf(*a);
+  ASSERT_EQ(SlotOf(*c), base + 2);
+  a->Initialise("a");
+  c->Initialise("c");
+  const std::string idA = StateOf(*a).NodeID, idC = StateOf(*c).NodeID;
+
+  b->ShutDown();
+  EXPECT_EQ(SlotOf(*a), base);
+  EXPECT_EQ(SlotOf(*c), base + 1);
+  EXPECT_EQ(StateOf(*a).NodeID, idA);
+  b.reset();  // destroying a shut-down node is harmless
+  a.reset();  // destroying a live one shuts it down
+
+  EXPECT_EQ(SlotOf(*c), base);
+  EXPECT_FALSE(TheModule().IsValidSlot(base + 1));
+  c->switchRole(role_Router);
+  EXPECT_EQ(StateOf(*c).NodeID, idC);
+  EXPECT_EQ(StateOf(*c).Owner, c.get());
 }
 
 }  // namespace

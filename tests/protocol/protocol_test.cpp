@@ -1,20 +1,119 @@
-// Messages as a peer writes them: framing, header fields, flags, lengths and
-// the resource path.
-#include "protocol/message.h"
-
+// Messages as peers write them: header fields, framing, parsing, the
+// resource path and bodies.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cctype>
 #include <random>
 
-#include <qel/error.h>
-
+#include "../support/error_text.h"
+#include "protocol/body.h"
 #include "protocol/feeder.h"
+#include "protocol/fields.h"
+#include "protocol/message.h"
 #include "protocol/percent.h"
 
-namespace qel {
+namespace qel::test {
 namespace {
+
+// What f throws; a refused call leaves the list as it was.
+std::string Refused(FieldList& fields, const std::function<void()>& f) {
+  const FieldList before = fields;
+  const std::string error = ErrorText(f);
+  EXPECT_EQ(fields, before);
+  return error;
+}
+
+std::string NewLineFrom(const char* source) {
+  return std::string("-2147220991 ") + source +
+         ": New line characters not allowed in header fields";
+}
+
+// A list of "Name=Value" fields in that order.
+FieldList List(std::initializer_list<std::string> fields) {
+  FieldList list = NewFieldList();
+  for (const std::string& f : fields)
+    AddSingleField(list, f.substr(0, f.find('=')), f.substr(f.find('=') + 1));
+  return list;
+}
+
+StringArray ArrayOf(const FieldList& fields, std::string_view name) {
+  return std::get<StringArray>(GetField(fields, name));
+}
+
+TEST(FieldErrorTest, FailuresCarryTheirNumberAndLeaveTheListAlone) {
+  FieldList fields = NewFieldList();
+  AddSingleField(fields, "A", "x\ny");  // only the CR LF pair is refused
+  AddSingleField(fields, "B", "x\r");
+  AddField(fields, "R", StringArray{0, {"a"}});
+  const std::string array = "-2147220990 SetField: Cannot update string array field";
+  const StringArray crlf{0, {"a", "b\r\n"}}, one{0, {"b"}}, low{-32769, {"a"}},
+      high{32767, {"a", "b"}};
+  const std::vector<std::pair<std::function<void()>, std::string>> cases = {
+      {[&] { AddSingleField(fields, "C", "1\r\n2"); }, NewLineFrom("AddSingleField")},
+      {[&] { SetField(fields, "A", "\r\n"); }, NewLineFrom("SetField")},
+      {[&] { SetField(fields, "New", "\r\n"); }, NewLineFrom("AddSingleField")},
+      // The pair may form where the old text meets the appended one.
+      {[&] { AppendField(fields, "B", "\nz", ","); }, NewLineFrom("SetField")},
+      {[&] { AddField(fields, "S", crlf); }, NewLineFrom("AddSingleField")},
+      {[&] { SetField(fields, "A", one); }, array},
+      {[&] { SetField(fields, "r", "b"); }, array},
+      {[&] { AppendField(fields, "R", "b", ","); }, array},
+      {[&] { AddField(fields, "S", low); }, "6 AddField: Overflow"},
+      {[&] { AddField(fields, "S", high); }, "6 AddField: Overflow"},
+  };
+  for (size_t i = 0; i < cases.size(); ++i) {
+    EXPECT_EQ(Refused(fields, cases[i].first), cases[i].second) << i;
+  }
+}
+
+TEST(FieldArrayTest, RoundTripKeepsBoundsElementsAndFieldOrder) {
+  FieldList fields = NewFieldList();
+  SetField(fields, "Results", StringArray{0, {"a", "", "c"}});
+  EXPECT_EQ(fields,
+            List({"Results-Min=0", "Results-Max=2", "Results0=a", "Results1=", "Results2=c"}));
+  for (StringArray array :
+       {StringArray{5, {"x", "y\n"}}, StringArray{-2, {"m", "\r", "o"}}, StringArray{7, {}},
+        StringArray{-32768, {"lo"}}, StringArray{32767, {"hi"}}}) {
+    SCOPED_TRACE(array.Lower);
+    FieldList list = NewFieldList();
+    AddField(list, "R", array);
+    EXPECT_EQ(GetSingleField(list, "R-Max"), std::to_string(array.Upper()));
+    EXPECT_EQ(ArrayOf(list, "r"), array);
+  }
+  // Elements are found by the exact name AddField writes: no padding, no "-0".
+  EXPECT_EQ(ArrayOf(List({"R-Min=-1", "R-Max=2", "r1=first", "R1=second", "R01=pad", "R-0=sign",
+                          "R-1=m"}),
+                    "R"),
+            (StringArray{-1, {"m", "", "first", ""}}));
+}
+
+TEST(FieldArrayTest, BoundsFromAPeerAreCheckedBeforeAllocating) {
+  for (auto [min, max, error] :
+       {std::tuple{"0", "many", "13 GetField: Type mismatch"},
+        {"", "3", "13 GetField: Type mismatch"},
+        {"0", "99999999999", "6 GetField: Overflow"},
+        {"0", "65536", "9 GetField: Subscript out of range"},
+        {"-2147483648", "2147483647", "9 GetField: Subscript out of range"},
+        {"5", "3", "9 GetField: Subscript out of range"},
+        {"-32768", "32767", "no error"}}) {
+    FieldList fields = NewFieldList();
+    if (*min) AddSingleField(fields, "R-Min", min);
+    AddSingleField(fields, "R-Max", max);
+    EXPECT_EQ(Refused(fields, [&] { GetField(fields, "R"); }), error) << min << " " << max;
+  }
+}
+
+TEST(FieldSetTest, SetReplacesTheFirstMatchUnlessItIsEmptyAndAppendGrowsIt) {
+  FieldList fields = List({"id=", "Flags=a,"});
+  SetField(fields, "ID", "1");  // an empty value counts as absent: appended behind
+  SetField(fields, "iD", "2");
+  SetField(fields, "flags", "b,");  // replaced in place, name as it was
+  AppendField(fields, "FLAGS", "c", ",");
+  AppendField(fields, "id", "z", ",");
+  AppendField(fields, "Route", "S", ",");
+  EXPECT_EQ(fields, List({"id=", "Flags=b,c,", "ID=1", "iD=2", "id=z,", "Route=S,"}));
+}
 
 typMessage Parsed(std::string header, bool expectOk = true) {
   typMessage m = NewMessage();
@@ -135,19 +234,17 @@ TEST(PathDecodeTest, MatchesTheWholeStringReplaceOnRandomInput) {
 }
 
 TEST(PathDecodeTest, HostileNestingStaysCheapAndFailuresReadEmpty) {
+  auto chain = [](int n) {  // "%" with n "25"s behind it
+    std::string text = "%";
+    while (n-- > 0) text += "25";
+    return text;
+  };
   EXPECT_EQ(DecodePath("%g0"), "");
-  std::string chain = "%";
-  for (int i = 0; i < 30000; ++i) chain += "25";
-  EXPECT_EQ(Decoded(chain + "41/"), "A\\");
-
+  EXPECT_EQ(Decoded(chain(30000) + "41/"), "A\\");
   // Each "%41" is made anew by the "%25" pass before it: one more pass per
   // escape, past the number any real path needs.
   std::string recurring;
-  for (int depth = 0; depth < 520; ++depth) {
-    recurring += "%";
-    for (int i = 0; i < depth; ++i) recurring += "25";
-    recurring += "41";
-  }
+  for (int depth = 0; depth < 520; ++depth) recurring += chain(depth) + "41";
   EXPECT_EQ(Decoded(recurring), "<failed>");
   EXPECT_EQ(Decoded(recurring.substr(0, 20000)).substr(0, 3), "AAA");
 }
@@ -218,5 +315,83 @@ TEST(FeederTest, OversizedInputIsRefused) {
   EXPECT_EQ(body.got.size(), 1u);
 }
 
+std::string Bytes(size_t n) {
+  std::string out(n, '\0');
+  for (size_t i = 0; i < n; ++i) out[i] = static_cast<char>(i * 37 + 11);
+  return out;
+}
+
+const std::string kNoKey = "9 EncryptBody: Subscript out of range";
+
+TEST(BodyCipherTest, MatchesByteByByteXorOnEveryLength) {
+  for (std::string key :
+       {"k", "ab", "abc", "seven!!", "8bytekey", "nine-byte", "a longer pass phrase"}) {
+    key[0] = '\xF3';  // high bytes must survive the word path too
+    for (size_t n = 0; n <= 100; ++n) {
+      std::string data = Bytes(n);
+      std::string expected = data;
+      for (size_t i = 0; i < n; ++i) expected[i] ^= key[i % key.size()];
+      EncryptBody(data, key);
+      ASSERT_EQ(data, expected) << "key " << key.size() << " length " << n;
+    }
+  }
+  std::string data = "x";
+  EXPECT_EQ(ErrorText([&] { EncryptBody(data, ""); }), kNoKey);
+  EXPECT_EQ(data, "x");
+}
+
+TEST(BodyZlibTest, RoundTripsAndRefusesBadInput) {
+  for (size_t n : {0, 1, 200000}) {
+    std::string data = Bytes(n);
+    CompressBody(data);
+    ASSERT_EQ(UncompressBody(data, static_cast<int64_t>(n), 1 << 20), DecodeResult::Ok);
+    EXPECT_EQ(data, Bytes(n));
+  }
+
+  std::string packed = Bytes(1000);
+  CompressBody(packed);
+  const std::string received = packed;
+  EXPECT_EQ(UncompressBody(packed, 1001, 1000), DecodeResult::TooLarge);
+  EXPECT_EQ(UncompressBody(packed, -1, 1000), DecodeResult::TooLarge);
+  // Output beyond the announced length is refused, even by one byte.
+  EXPECT_EQ(UncompressBody(packed, 999, 1000), DecodeResult::Corrupt);
+  EXPECT_EQ(packed, received);
+  packed.resize(packed.size() / 2);
+  EXPECT_EQ(UncompressBody(packed, 1000, 1000), DecodeResult::Corrupt);
+  packed = received;
+  EXPECT_EQ(UncompressBody(packed, 1000, 1000), DecodeResult::Ok);
+}
+
+TEST(BodyCodecTest, EncryptsBeforeCompressingAndDecodeUndoesEveryEncoding) {
+  for (const std::string flags : {"", "NE,", "KE,", "Z,", "NE,Z,", "KE,Z,"}) {
+    const bool useComp = flags.ends_with("Z,");
+    typMessage m = NewMessage();
+    m.Body = "a";  // one byte is still transformed
+    EncodeBody(m, {flags.find('E') != std::string::npos, flags.starts_with("K") ? "OWNKEY" : "",
+                   "netpass", useComp});
+    EXPECT_EQ(GetSingleField(m.Fields, "Flags"), flags);
+    EXPECT_EQ(GetSingleField(m.Fields, "Content-Length"), std::to_string(m.Body.size()));
+    EXPECT_EQ(GetSingleField(m.Fields, "Original-Length"), useComp ? "1" : "");
+    EXPECT_EQ(DecodeBody(m, "netpass", "OWNKEY", 100).compressed, useComp);
+    EXPECT_EQ(m.Body, "a") << flags;
+  }
+
+  typMessage m = NewMessage();
+  m.Body = "hello world";
+  EncodeBody(m, {true, "", "netpass", true});
+  const std::string received = m.Body;
+  std::string plain = received;
+  ASSERT_EQ(UncompressBody(plain, 11, 100), DecodeResult::Ok);
+  EncryptBody(plain, "netpass");
+  EXPECT_EQ(plain, "hello world");
+  // A failed decode keeps the body as it came.
+  SetField(m.Fields, "Original-Length", "eleven");
+  EXPECT_EQ(DecodeBody(m, "netpass", "k", 100).result, DecodeResult::Corrupt);
+  SetField(m.Fields, "Original-Length", "500");
+  EXPECT_EQ(DecodeBody(m, "netpass", "k", 100).result, DecodeResult::TooLarge);
+  EXPECT_EQ(ErrorText([&] { DecodeBody(m, "", "k", 100); }), kNoKey);
+  EXPECT_EQ(m.Body, received);
+}
+
 }  // namespace
-}  // namespace qel
+}  // namespace qel::test
