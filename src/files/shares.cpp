@@ -18,7 +18,10 @@ void ShareFolder(std::vector<typSharedFolder>& folders, bool& sharing, std::stri
   // A file as well as a folder passes this test, as the share lookup of the
   // classic nodes does.
   if (!std::filesystem::exists(strPath, ec)) return;
-  if (strPath.size() > 1 && (strPath.back() == '/' || strPath.back() == '\\')) strPath.pop_back();
+  // Every trailing separator goes, or the name would come out empty.
+  while (strPath.size() > 1 && (strPath.back() == '/' || strPath.back() == '\\')) {
+    strPath.pop_back();
+  }
 
   typSharedFolder folder;
   folder.Path = strPath;

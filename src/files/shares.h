@@ -12,9 +12,10 @@ struct typSharedFolder {
   std::string Name;
 };
 
-// Adds strPath to folders and sets sharing. A blank path or one that does
-// not exist is ignored silently. folders keeps an empty entry 0 until the
-// first folder is shared, which then takes its place.
+// Adds strPath, without its trailing "/" or "\", to folders and sets sharing.
+// A blank path or one that does not exist is ignored silently. folders keeps
+// an empty entry 0 until the first folder is shared, which then takes its
+// place.
 void ShareFolder(std::vector<typSharedFolder>& folders, bool& sharing, std::string strPath);
 
 // Everything after the last separator of path, or all of it.
