@@ -5,6 +5,8 @@
 #include <qel/debug.h>
 #include <qel/error.h>
 #include <qel/event_loop.h>
+#include <qel/file_io.h>
+#include <qel/md5.h>
 #include <qel/node.h>
 #include <qel/settings.h>
 #include <qel/stats.h>

@@ -1,0 +1,78 @@
+#include <qel/md5.h>
+
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <stdexcept>
+#include <system_error>
+#include <vector>
+
+#include "files/file_hash.h"
+#include "files/regular_file.h"
+
+namespace qel {
+
+namespace {
+
+struct ContextFree {
+  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+
+class Digest {
+ public:
+  Digest() : context_(EVP_MD_CTX_new()) {
+    if (!context_ || EVP_DigestInit_ex(context_.get(), EVP_md5(), nullptr) != 1) Fail();
+  }
+  void Update(const void* data, size_t size) {
+    if (EVP_DigestUpdate(context_.get(), data, size) != 1) Fail();
+  }
+  std::string HexFinal() {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    if (EVP_DigestFinal_ex(context_.get(), digest, &size) != 1) Fail();
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned int i = 0; i < size; ++i) {
+      hex += kHex[digest[i] >> 4];
+      hex += kHex[digest[i] & 15];
+    }
+    return hex;
+  }
+
+ private:
+  [[noreturn]] static void Fail() { throw std::runtime_error("MD5 is not available"); }
+
+  std::unique_ptr<EVP_MD_CTX, ContextFree> context_;
+};
+
+}  // namespace
+
+std::string cMD5::MD5(const std::string& sMessage) const {
+  Digest digest;
+  digest.Update(sMessage.data(), sMessage.size());
+  return digest.HexFinal();
+}
+
+std::string GetFileHash(const std::filesystem::path& path) {
+  const auto fail = [&] { throw std::system_error(errno, std::generic_category(), path.string()); };
+  const int fd = OpenRegularFile(path.string(), O_RDONLY);
+  if (fd < 0) fail();
+  const ClosingFd closer{fd};
+  Digest digest;
+  std::vector<unsigned char> chunk(kHashChunk);
+  for (;;) {
+    const ssize_t got = read(fd, chunk.data(), chunk.size());
+    if (got == 0) break;
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      fail();
+    }
+    digest.Update(chunk.data(), static_cast<size_t>(got));
+  }
+  return digest.HexFinal();
+}
+
+}  // namespace qel

@@ -1,0 +1,20 @@
+// Opening files that can be read to their end without blocking.
+#pragma once
+
+#include <string>
+
+namespace qel {
+
+// open(2) of path with flags (plus close-on-exec), kept only when it is a
+// regular file: a FIFO or a device could block or never end. Returns the
+// descriptor, or -1 with errno set (EINVAL for a NUL in path or a file that
+// is not regular, EISDIR for a folder).
+int OpenRegularFile(const std::string& path, int flags);
+
+// Closes fd when it goes out of scope.
+struct ClosingFd {
+  int fd;
+  ~ClosingFd();
+};
+
+}  // namespace qel
