@@ -1,4 +1,4 @@
-// What a file transfer is made of: digests and pieces of files.
+// What a file transfer is made of: digests, pieces of files and byte ranges.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -9,6 +9,7 @@
 #include <qel/md5.h>
 
 #include "files/file_hash.h"
+#include "files/ranges.h"
 
 namespace qel {
 namespace {
@@ -77,6 +78,65 @@ TEST_F(FileIoTest, PiecesAreReadAndWrittenAtTheOneBasedPosition) {
   moved.closeFile();
   EXPECT_THROW(moved.readChunk(1, data), std::logic_error);
   EXPECT_EQ(fs::file_size(path), 8u);
+}
+
+TEST(RangeTest, TextBothWays) {
+  std::string texts;
+  for (const typQELRange& range :
+       {MakeRange(0, 99), MakeRange(5), MakeRange(-1, 20), MakeRange(), MakeRange(-1, -1, 9)}) {
+    texts += RangeText(range) + "|";
+  }
+  EXPECT_EQ(texts, "0-99|5-|-20|||");
+  EXPECT_FALSE(MakeRange(-1, -1, 0).isEmpty);
+
+  auto parsed = [](std::string_view text) {
+    std::optional<std::vector<typQELRange>> ranges = ParseRanges(text);
+    std::string out = ranges ? "" : "malformed";
+    for (const typQELRange& r : ranges.value_or(std::vector<typQELRange>{})) {
+      out += std::to_string(r.lngStart) + "," + std::to_string(r.lngEnd) + "," +
+             std::to_string(r.lngLen) + (r.isEmpty ? " empty;" : ";");
+    }
+    return out;
+  };
+  std::string most, mostRead;
+  for (size_t i = 0; i < kMaxRangeParts; ++i) most += "1-2,", mostRead += "1,2,-1;";
+  most.pop_back();
+  const std::vector<std::pair<std::string, std::string>> read = {
+      {"0-99", "0,99,-1;"},
+      {" 5- , -20/300,0-0/0", "5,-1,-1;-1,20,300;0,0,0;"},
+      {"-", "-1,-1,-1 empty;"},
+      {"2147483647-", "2147483647,-1,-1;"},
+      {"", ""},
+      {most, mostRead},
+  };
+  for (const auto& [text, expected] : read) EXPECT_EQ(parsed(text), expected) << text;
+  std::vector<std::string> malformed = {most + ",1-2", std::string(100000, ',')};
+  for (const char* bad : {"5", "a-b", "1-2x", "--5", "1--2", "+1-2", "2147483648-", "1-2,", "1-2/x",
+                          "0x1-2", "1-2,,3-4", "-99999999999999999999"}) {
+    malformed.push_back(bad);
+  }
+  for (const std::string& bad : malformed) {
+    EXPECT_EQ(parsed(bad), "malformed") << bad.substr(0, 40);
+  }
+}
+
+TEST(RangeTest, ServedSpansStayInsideTheFile) {
+  const std::vector<std::tuple<typQELRange, int64_t, std::string>> rows = {
+      {MakeRange(0, 99), 100, "0-99"},   {MakeRange(10, 500), 100, "10-99"},
+      {MakeRange(50), 100, "50-99"},     {MakeRange(-1, 10), 100, "90-99"},
+      {MakeRange(-1, 500), 100, "0-99"}, {MakeRange(), 100, "0-99"},
+      {MakeRange(99, 99), 100, "99-99"}, {MakeRange(100), 100, "none"},
+      {MakeRange(10, 5), 100, "none"},   {MakeRange(-1, 0), 100, "none"},
+      {MakeRange(), 0, "0--1"},          {MakeRange(0, 0), 0, "none"},
+      {MakeRange(-1, 5), 0, "none"},
+  };
+  for (const auto& [range, size, expected] : rows) {
+    std::optional<ByteSpan> span = ServedSpan(range, size);
+    EXPECT_EQ(span ? std::to_string(span->first) + "-" + std::to_string(span->last) : "none",
+              expected)
+        << RangeText(range) << " of " << size;
+  }
+  EXPECT_EQ(ContentRangeText(90, 99, 100), "90-99/100");
 }
 
 }  // namespace
