@@ -127,7 +127,11 @@ void Connections::Attach(int32_t index) {
             Connection& failed = *conns_[index];
             if (failed.redial) failed.sck->Close();
           },
-      .onSent = [](size_t n) { TheStats().OutBytesAcc += static_cast<int64_t>(n); },
+      .onSent =
+          [this, index](size_t n) {
+            TheStats().OutBytesAcc += static_cast<int64_t>(n);
+            if (!conns_[index]->drainWaiters.empty()) WakeDrainWaiters(index, false);
+          },
   });
 }
 
@@ -358,6 +362,7 @@ void Connections::CloseConnection(int32_t index, bool stopMaintaining) {
   // An accepted link whose peer never said where it listens is named by its IP.
   const std::string address = PeerOf(c);
   c.sck->Close();
+  WakeDrainWaiters(index, true);
   if (c.draining == 0) ReleaseBuffers(c);
   // The allocator keeps large freed blocks for reuse; after a connection
   // that held a lot, hand them back so the process shrinks again.
@@ -475,6 +480,31 @@ int32_t Connections::ConnectionOfNode(std::string_view nodeID) const {
     if (conns_[i]->NodeID == nodeID) return i;
   }
   return 0;
+}
+
+size_t Connections::QueuedBytes(int32_t index) const {
+  return IsConnected(index) ? conns_[index]->sck->QueuedBytes() : 0;
+}
+
+void Connections::WhenDrained(int32_t index, size_t below, std::function<void()> fn) {
+  if (!IsConnected(index) || conns_[index]->sck->QueuedBytes() < below) {
+    Post(std::move(fn));
+    return;
+  }
+  conns_[index]->drainWaiters.push_back({below, std::move(fn)});
+}
+
+void Connections::WakeDrainWaiters(int32_t index, bool all) {
+  auto& waiters = conns_[index]->drainWaiters;
+  const size_t queued = conns_[index]->sck->QueuedBytes();
+  // Taken out before any runs: a waiter usually queues more and waits again.
+  std::vector<Connection::DrainWaiter> ready;
+  std::erase_if(waiters, [&](Connection::DrainWaiter& w) {
+    if (!all && queued >= w.below) return false;
+    ready.push_back(std::move(w));
+    return true;
+  });
+  for (auto& w : ready) Post(std::move(w.fn));
 }
 
 void Connections::Write(int32_t index, std::string_view text) {

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -39,6 +40,12 @@ struct Connection {
   // queued and the connection is about to close.
   bool backlogFull = false;
   int64_t lastByteTick = 0;  // when the peer last sent anything
+  // Callers waiting for the send queue to shrink below their mark.
+  struct DrainWaiter {
+    size_t below;
+    std::function<void()> fn;
+  };
+  std::vector<DrainWaiter> drainWaiters;
 };
 
 class Connections {
@@ -84,6 +91,12 @@ class Connections {
   // Writes text to a connected socket; others are skipped silently.
   void Write(int32_t index, std::string_view text);
   void WriteToAllExcept(int32_t except, std::string_view text);
+  // Bytes waiting to be sent on a connection (0 for one that is not up).
+  size_t QueuedBytes(int32_t index) const;
+  // Runs fn from the loop once fewer than `below` bytes wait to be sent on
+  // connection index, or once it closes (fn then finds it closed): a writer
+  // of a long stream writes the next piece only when the peer keeps up.
+  void WhenDrained(int32_t index, size_t below, std::function<void()> fn);
 
   // Closes owner's listening sockets; true when it had one.
   bool CloseListeners(const LinkOwner& owner);
@@ -117,6 +130,9 @@ class Connections {
   void CloseWithFault(int32_t index, uint64_t generation, const std::string& text);
   void CloseLater(int32_t index, std::string text);
   void ReleaseBuffers(Connection& c);
+  // Hands the drain waiters of index that are satisfied (all of them when
+  // the connection closed) to the loop.
+  void WakeDrainWaiters(int32_t index, bool all);
   // Connections of owner that are open or opening.
   int32_t OpenCount(const LinkOwner& owner) const;
 

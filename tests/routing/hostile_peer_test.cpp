@@ -6,6 +6,7 @@
 #include <random>
 
 #include "../support/peers.h"
+#include "net/connections.h"
 #include "protocol/body.h"
 
 namespace qel::test {
@@ -85,6 +86,34 @@ TEST(HostilePeerTest, APeerThatStopsReadingIsCutOffOnceItsQueueIsFull) {
     return std::ranges::any_of(calm.got, [](const auto& m) { return m.second.Body == "after"; });
   }));
   EXPECT_FALSE(calm.closedByNode);
+}
+
+TEST(HostilePeerTest, AWriterWaitingForTheQueueIsWokenWhenThePeerReadsOrTheLinkCloses) {
+  Peer target("target", "", true);
+  const int slow = Dial(target.Port(), 4096);
+  ASSERT_TRUE(Eventually([&] { return target.established.size() == 1; }));
+  auto& table = Connections::Get();
+  int32_t conn = 0;
+  for (int32_t i = 1; i <= table.Count(); ++i) {
+    if (table.IsConnected(i) && table.At(i).Owner.lock().get() == &StateOf(target.node)) conn = i;
+  }
+  ASSERT_NE(conn, 0);
+  table.Write(conn, std::string(8 << 20, 'x'));
+  int woken = 0;
+  table.WhenDrained(conn, 1 << 20, [&] { ++woken; });
+  RunUntil([] { return false; }, 100);
+  EXPECT_EQ(woken, 0) << "woken while the peer read nothing";
+  char buffer[65536];
+  ASSERT_TRUE(Eventually([&] {
+    while (recv(slow, buffer, sizeof buffer, MSG_DONTWAIT) > 0) {
+    }
+    return woken == 1;
+  }));
+  table.Write(conn, std::string(8 << 20, 'y'));
+  table.WhenDrained(conn, 1 << 20, [&] { ++woken; });
+  close(slow);
+  ASSERT_TRUE(Eventually([&] { return woken == 2; }));
+  EXPECT_FALSE(table.IsConnected(conn));
 }
 
 TEST(HostilePeerTest, StalledSendersAreClosedAndIdlePeersStay) {
