@@ -48,8 +48,9 @@ class QEL_API cQEL {
   // maxRoutes, confirmMode, confirmTimeout, confirmRetry, filePacket (KiB),
   // packetCache, maxMessage, memoryBudget, stallTimeout, maxConnections,
   // listenAddress (docs/guide.md lists their meanings and defaults). Absent
-  // keys keep their defaults; text that is not a settings text is ignored; a value of the wrong type is reported through Error and
-  // stops reading at that key. May be called again on a live node.
+  // keys keep their defaults; text that is not a settings text is ignored; a value of the wrong
+  // type is reported through Error and stops reading at that key. May be called again on a live
+  // node.
   void Initialise(const std::string& nodeName, int32_t listenPort = 0, enmRole Role = role_Peer,
                   const std::string& Descriptor = "", const std::string& sharedDir = "",
                   const std::string& advancedSettings = "");
@@ -87,6 +88,28 @@ class QEL_API cQEL {
   // after the question (an empty element when none came).
   std::vector<typNodeInfo> GetNodeInfo(const std::string& strDestination = "BROADCAST",
                                        bool bUseCached = true);
+
+  // The listing of a shared path of node nodeID, as "\share\sub" (or "\sub"
+  // on a node sharing one folder; "\" lists the shares of a node with
+  // several): element 0 is empty, then folders ending with "\", then files;
+  // with searchSubDirs everything below, as paths from the listed folder.
+  // "/" counts as "\". Waits up to Timeout ms for the answer; a path holding
+  // "..\", a refused path and no answer all give element 0 alone.
+  std::vector<std::string> GetContents(std::string strPath, const std::string& nodeID,
+                                       bool searchSubDirs = false);
+
+  // Asks every node for nodes whose name contains SearchText (Find_Node) or
+  // for shared files whose name does (Find_File), ignoring case; "*", "?",
+  // "#" and "[...]" work as wildcards. Waits the full Timeout and returns
+  // each answer of every node after an empty element 0: a file as a remote
+  // path GetFileInfo and file requests accept.
+  std::vector<typSearchResult> SearchReq(enmSearchType SearchType, const std::string& SearchText);
+
+  // Size and, unless skipHash, MD5 of a shared file of node nodeID (paths as
+  // for GetContents). Size -1 and no hash when it is not a file inside a
+  // share; the zero record for a path holding "..\" (nothing is sent) or
+  // when no answer came within Timeout ms.
+  typFileInfo GetFileInfo(std::string RemotePath, const std::string& nodeID, bool skipHash = true);
 
   // Sends a text message to a node identifier or to "BROADCAST". A strType
   // of "ERROR" makes the receiver raise Error instead of MessageReceived.

@@ -10,6 +10,7 @@
 
 #include "core/new_id.h"
 #include "core/text.h"
+#include "files/sharing.h"
 #include "net/connections.h"
 #include "net/local_address.h"
 #include "node/advanced_values.h"
@@ -103,10 +104,10 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
   MakeTable(packetCache);
   node.Routes = RouteTable(node.maxRoutes);
   node.SeenIDs = PacketCache(packetCache);
-  node.SharedFolders.assign(1, typSharedFolder{});
+  node.Files.Folders.assign(1, typSharedFolder{});
   node.SharingFiles = false;
 
-  if (!Trim(sharedDir).empty()) ShareFolder(node.SharedFolders, node.SharingFiles, sharedDir);
+  if (!Trim(sharedDir).empty()) ShareFolder(node.Files.Folders, node.SharingFiles, sharedDir);
   TheModule().UpdateConfirmTimer();
 }
 
@@ -156,7 +157,7 @@ void cQEL::Initialise(const std::string& nodeName, int32_t listenPort, enmRole R
 void cQEL::shareFolder(std::string strPath) {
   auto node = Enter(*this);
   try {
-    ShareFolder(node->SharedFolders, node->SharingFiles, std::move(strPath));
+    ShareFolder(node->Files.Folders, node->SharingFiles, std::move(strPath));
   } catch (...) {
     ReportCurrentFault(*node);
   }
@@ -223,6 +224,38 @@ std::vector<typNodeInfo> cQEL::GetNodeInfo(const std::string& strDestination, bo
   auto node = Enter(*this);
   try {
     return QueryNodes(*node, strDestination, bUseCached);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+  return {};
+}
+
+std::vector<std::string> cQEL::GetContents(std::string strPath, const std::string& nodeID,
+                                           bool searchSubDirs) {
+  auto node = Enter(*this);
+  try {
+    return AskContents(*node, node->Files, std::move(strPath), nodeID, searchSubDirs);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+  return {};
+}
+
+std::vector<typSearchResult> cQEL::SearchReq(enmSearchType SearchType,
+                                             const std::string& SearchText) {
+  auto node = Enter(*this);
+  try {
+    return AskSearch(*node, node->Files, SearchType, SearchText);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+  return {};
+}
+
+typFileInfo cQEL::GetFileInfo(std::string RemotePath, const std::string& nodeID, bool skipHash) {
+  auto node = Enter(*this);
+  try {
+    return AskFileInfo(*node, node->Files, std::move(RemotePath), nodeID, skipHash);
   } catch (...) {
     ReportCurrentFault(*node);
   }

@@ -1,5 +1,6 @@
 #include "node/node_state.h"
 
+#include "files/sharing.h"
 #include "net/connections.h"
 #include "node/events.h"
 #include "routing/discovery.h"
@@ -46,7 +47,9 @@ void NodeState::Deliver(typMessage& message, int32_t, const std::string& source,
     } else {
       RaiseMessageReceived(*this, std::move(body), std::move(kind), source);
     }
+    return;
   }
+  if (HandleFileMessage(*this, Files, message, source)) return;
   // Other types belong to subsystems this node does not run yet, or to none:
   // they are ignored without a reply.
 }

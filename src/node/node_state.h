@@ -8,7 +8,7 @@
 
 #include <qel/settings.h>
 
-#include "files/shares.h"
+#include "files/sharing.h"
 #include "routing/routing_node.h"
 
 namespace qel {
@@ -18,8 +18,8 @@ class cQEL;
 struct NodeState final : RoutingNode {
   int32_t FilePacketBytes = 0;
 
-  // Sharing.
-  std::vector<typSharedFolder> SharedFolders;
+  // Shares, the answers waited for, transfers.
+  FileSharing Files;
 
   // Users: one section per user; the local account is added at creation.
   cSettings Users;

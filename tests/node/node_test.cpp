@@ -98,8 +98,8 @@ TEST(NodeInitialiseTest, SharesTheFoldersThatExistAndMakesALocalAccount) {
   Peer r("eta");
   r.node.Initialise("eta", 0, role_Peer, "", (base / "docs").string());
   NodeState& s = StateOf(r.node);
-  ASSERT_EQ(s.SharedFolders.size(), 1u);
-  EXPECT_EQ(s.SharedFolders[0].Name, "docs");
+  ASSERT_EQ(s.Files.Folders.size(), 1u);
+  EXPECT_EQ(s.Files.Folders[0].Name, "docs");
   r.node.Initialise("eta", 0, role_Peer, "", "  ");
   EXPECT_FALSE(s.SharingFiles);
   EXPECT_TRUE(r.errors.empty());

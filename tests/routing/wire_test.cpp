@@ -1,6 +1,7 @@
 // The exact bytes this node puts on the wire for each message it originates.
 #include <gtest/gtest.h>
 
+#include "files/sharing.h"
 #include "node/module.h"
 #include "protocol/body.h"
 #include "routing/discovery.h"
@@ -112,6 +113,49 @@ TEST(WireTest, BodiesAreEncryptedThenCompressedAndResourcesEscaped) {
   EXPECT_NE(keyed.Body, "hello");
   ASSERT_EQ(DecodeBody(keyed, "blankey", "PEERKEY", 1 << 20).result, DecodeResult::Ok);
   EXPECT_EQ(keyed.Body, "hello");
+}
+
+TEST(WireTest, FileSharingRequestsAndAnswers) {
+  auto node = MakeNode();
+  // A body document with one section, or none.
+  const auto document = [](const std::string& section, const std::string& entries) {
+    const std::string open = "\r\n  <" + section + ">", close = "\r\n  </" + section + ">";
+    return "<Settings>" + (section.empty() ? "" : open + entries + close) + "\r\n</Settings>";
+  };
+  const std::vector<std::string> listing = {"", "\\sub\\", "\\a.txt"};
+  const std::string array =
+      "\r\n    <Count>2</Count>\r\n    <0></0>\r\n    <1>\\sub\\</1>\r\n    <2>\\a.txt</2>";
+  // Each message, its start line, the fields before and after Destination, its body.
+  const std::vector<std::tuple<typMessage, std::string, std::string, std::string, std::string>>
+      rows = {
+          {MakeGetContents("\\my docs", kPeer, "7", true), "GETCONTENTS \\my%20docs", "",
+           "ReqID: 7\r\n", document("Common", "\r\n    <SearchSubDirs>True</SearchSubDirs>")},
+          {MakeContents(kPeer, "7", listing), "CONTENTS ", "", "ReqID: 7\r\n",
+           document("Contents", array)},
+          {MakeSearch(Find_File, "*.txt", "7"), "SEARCH *.txt", "Type: File\r\nReqID: 7\r\n", "",
+           ""},
+          {MakeSearch(Find_Node, "kit", "7"), "SEARCH kit", "Type: Node\r\nReqID: 7\r\n", "", ""},
+          {MakeSearch(static_cast<enmSearchType>(3), "", "7"), "SEARCH ", "ReqID: 7\r\n", "", ""},
+          {MakeSearchMatch(kPeer, "7", &listing), "SEARCHMATCH ", "ReqID: 7\r\n", "",
+           document("Results", array)},
+          {MakeSearchMatch(kPeer, "7", nullptr), "SEARCHMATCH ", "ReqID: 7\r\n", "",
+           document("", "")},
+          {MakeGetFileInfo("\\a.txt", kPeer, "7", false), "GETFILEINFO \\a.txt", "", "ReqID: 7\r\n",
+           document("Common", "\r\n    <skipHash>False</skipHash>")},
+          {MakeFileInfo(kPeer, "7", 3, "900150983cd24fb0d6963f7d28e17f72"), "FILEINFO ", "",
+           "ReqID: 7\r\n",
+           document("Common",
+                    "\r\n    <Hash>900150983cd24fb0d6963f7d28e17f72</Hash>\r\n    "
+                    "<FileSize>3</FileSize>")},
+      };
+  for (auto [message, startLine, before, after, body] : rows) {
+    const bool broadcast = message.MsgType == "SEARCH";
+    const std::string length =
+        body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n";
+    EXPECT_EQ(Stamped(*node, message),
+              Header(startLine, broadcast ? "BROADCAST" : kPeer, after, length, before) + body)
+        << startLine;
+  }
 }
 
 }  // namespace

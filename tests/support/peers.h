@@ -95,11 +95,12 @@ inline int Dial(uint16_t port, int receiveBuffer = 0) {
   return fd;
 }
 
-// A raw TCP peer of a node that keeps every MSG it is sent, by ID.
+// A raw TCP peer of a node that keeps every MSG it is sent, by ID, and every
+// other message by ReqID.
 struct RawPeer {
   Socket socket;
   MessageFeeder feeder;
-  std::map<std::string, typMessage> got;
+  std::map<std::string, typMessage> got, answers;
   bool connected = false, closedByNode = false;
   explicit RawPeer(Peer& node) {
     socket.SetHandlers({.onConnected = [this] { connected = true; },
@@ -107,6 +108,7 @@ struct RawPeer {
                             [this](std::string_view data) {
                               feeder.Feed(data, [this](typMessage&& m) {
                                 if (m.MsgType == "MSG") got[GetSingleField(m.Fields, "ID")] = m;
+                                else answers[GetSingleField(m.Fields, "ReqID")] = m;
                               });
                             },
                         .onPeerClosed = [this] { closedByNode = true; }});

@@ -1,0 +1,304 @@
+#include "files/sharing.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <system_error>
+
+#include <qel/settings.h>
+
+#include "core/new_id.h"
+#include "core/text.h"
+#include "files/file_hash.h"
+#include "files/listing.h"
+#include "files/remote_path.h"
+#include "net/event_loop.h"
+#include "routing/discovery.h"
+#include "routing/outgoing.h"
+#include "routing/routing_node.h"
+
+namespace qel {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// A document a peer sent; one that does not load reads as empty.
+cSettings LoadBody(const std::string& body) {
+  cSettings document;
+  try {
+    document.LoadXML(body);
+  } catch (...) {
+    document = cSettings();
+  }
+  return document;
+}
+
+bool ReadBool(cSettings& document, const char* key, bool missing) {
+  try {
+    return document.GetSetting(key, Variant(missing)).toBool();
+  } catch (...) {
+    return missing;
+  }
+}
+
+// The store holds at most 32767 entries, so an array a peer sends is bounded
+// by that as well as by the message size.
+std::vector<std::string> ReadArray(cSettings& document, const char* key) {
+  try {
+    return document.GetSettingArray(key, std::vector<std::string>{});
+  } catch (...) {
+    return {};
+  }
+}
+
+// Listings run to thousands of entries: appending without looking for an
+// earlier key keeps building linear, and the text is the same for new keys.
+void SaveArray(cSettings& document, const char* key, const std::vector<std::string>& items) {
+  document.ClearPrevOnSave(true);
+  document.SaveSettingArray(key, items);
+  document.ClearPrevOnSave(false);
+}
+
+std::vector<std::string> Split(const std::string& text, char separator) {
+  std::vector<std::string> parts;
+  for (size_t begin = 0;;) {
+    const size_t end = text.find(separator, begin);
+    parts.push_back(text.substr(begin, end - begin));
+    if (end == std::string::npos) return parts;
+    begin = end + 1;
+  }
+}
+
+std::string ReqID(const typMessage& message) {
+  return GetSingleField(message.Fields, "ReqID");
+}
+
+typMessage Addressed(const char* type, const std::string& destination, const std::string& reqID,
+                     const cSettings& document) {
+  typMessage message = MakeRequest(type, destination, reqID);
+  message.Body = document.getXML();
+  return message;
+}
+
+// Opens a slot, sends the question and runs the loop until done(answer), the
+// slot is gone (pushed out by newer ones) or Timeout has passed.
+template <typename Answer, typename Done>
+Answer Await(RoutingNode& node, RequestSlots<Answer>& slots, typMessage question,
+             const std::string& reqID, Done done) {
+  slots.Open(reqID);
+  try {
+    SendPacket(node, question);
+    RunUntil(
+        [&] {
+          const Answer* answer = slots.Find(reqID);
+          return !answer || done(*answer);
+        },
+        node.Timeout);
+  } catch (...) {
+    slots.Close(reqID);
+    throw;
+  }
+  return slots.Close(reqID).value_or(Answer{});
+}
+
+// Turns "/" into "\" in place; true when the path climbs with "..\". Servers
+// refuse such paths too, but classic ones relied on the asker for it.
+bool LeavesShare(std::string& path) {
+  std::replace(path.begin(), path.end(), '/', '\\');
+  return path.find("..\\") != std::string::npos;
+}
+
+void OnGetContents(RoutingNode& node, FileSharing& files, const typMessage& message,
+                   const std::string& source) {
+  cSettings body = LoadBody(message.Body);
+  const bool searchSubDirs = ReadBool(body, "SearchSubDirs", false);
+  typMessage reply = MakeContents(
+      source, ReqID(message),
+      ListSharedPath(files.Folders, node.SharingFiles, message.Resource, searchSubDirs));
+  SendPacket(node, reply);
+}
+
+void OnContents(FileSharing& files, const typMessage& message) {
+  ContentsSlot* slot = files.Contents.Find(ReqID(message));
+  if (!slot) return;
+  cSettings body = LoadBody(message.Body);
+  slot->listing = ReadArray(body, "Contents");
+  if (slot->listing.empty()) slot->listing.emplace_back();
+  slot->done = true;
+}
+
+void OnSearch(RoutingNode& node, FileSharing& files, const typMessage& message,
+              const std::string& source) {
+  const std::string type = ToUpper(GetSingleField(message.Fields, "Type"));
+  // The parser puts a "\" in front of every resource.
+  std::string_view text = message.Resource;
+  if (text.starts_with('\\')) text.remove_prefix(1);
+  std::vector<std::string> results;
+  bool answered = false;
+  if (type == "NODE") {
+    answered = MatchesNodeName(node.Name, text);
+    if (answered) results = Split(node.Name, '|');
+  } else if (type == "FILE") {
+    results = SearchFiles(files.Folders, node.SharingFiles, text);
+    answered = true;
+  }
+  typMessage reply = MakeSearchMatch(source, ReqID(message), answered ? &results : nullptr);
+  SendPacket(node, reply);
+}
+
+void OnSearchMatch(FileSharing& files, const typMessage& message, const std::string& source) {
+  SearchSlot* slot = files.Searches.Find(ReqID(message));
+  if (!slot) return;
+  cSettings body = LoadBody(message.Body);
+  // Element 0 counts too: a node's name arrives there (classic askers lost it).
+  for (std::string& result : ReadArray(body, "Results")) {
+    if (result.empty()) continue;
+    if (slot->results.size() > kMaxSearchResults || slot->bytes + result.size() > kMaxSearchBytes) {
+      return;
+    }
+    slot->bytes += result.size();
+    slot->results.push_back({source, std::move(result)});
+  }
+}
+
+void OnGetFileInfo(RoutingNode& node, FileSharing& files, const typMessage& message,
+                   const std::string& source) {
+  cSettings body = LoadBody(message.Body);
+  // Hashing costs a read of the whole file: only when asked for.
+  const bool skipHash = ReadBool(body, "skipHash", true);
+  int64_t size = -1;
+  std::string hash;
+  const std::optional<fs::path> local =
+      LocalPathInShare(files.Folders, node.SharingFiles, message.Resource);
+  std::error_code ec;
+  if (local && fs::is_regular_file(*local, ec)) {
+    const uintmax_t bytes = fs::file_size(*local, ec);
+    if (!ec) {
+      size = static_cast<int64_t>(bytes);
+      // A file that cannot be read throws: reported, and nothing is answered.
+      if (!skipHash) hash = GetFileHash(*local);
+    }
+  }
+  typMessage reply = MakeFileInfo(source, ReqID(message), size, hash);
+  SendPacket(node, reply);
+}
+
+void OnFileInfo(FileSharing& files, const typMessage& message) {
+  FileInfoSlot* slot = files.FileInfos.Find(ReqID(message));
+  if (!slot) return;
+  cSettings body = LoadBody(message.Body);
+  try {
+    slot->info.strHash = body.GetSetting("Hash", Variant("")).toString();
+    slot->info.lngSize = body.GetSetting("FileSize", Variant(0)).toInt32();
+  } catch (...) {
+    slot->info = typFileInfo{};  // a size beyond 32 bits, or not a number
+  }
+  slot->done = true;
+}
+
+}  // namespace
+
+bool HandleFileMessage(RoutingNode& node, FileSharing& files, const typMessage& message,
+                       const std::string& source) {
+  const std::string& type = message.MsgType;
+  if (type == "GETCONTENTS") {
+    OnGetContents(node, files, message, source);
+  } else if (type == "CONTENTS") {
+    OnContents(files, message);
+  } else if (type == "SEARCH") {
+    OnSearch(node, files, message, source);
+  } else if (type == "SEARCHMATCH") {
+    OnSearchMatch(files, message, source);
+  } else if (type == "GETFILEINFO") {
+    OnGetFileInfo(node, files, message, source);
+  } else if (type == "FILEINFO") {
+    OnFileInfo(files, message);
+  } else {
+    return false;
+  }
+  return true;
+}
+
+std::vector<std::string> AskContents(RoutingNode& node, FileSharing& files, std::string path,
+                                     const std::string& nodeID, bool searchSubDirs) {
+  if (LeavesShare(path)) return {""};
+  const std::string reqID = NewID();
+  return Await(node, files.Contents, MakeGetContents(path, nodeID, reqID, searchSubDirs), reqID,
+               [](const ContentsSlot& slot) { return slot.done; })
+      .listing;
+}
+
+std::vector<typSearchResult> AskSearch(RoutingNode& node, FileSharing& files, enmSearchType type,
+                                       const std::string& text) {
+  const std::string reqID = NewID();
+  // Any number of nodes may answer, so the wait always runs to its end.
+  return Await(node, files.Searches, MakeSearch(type, text, reqID), reqID,
+               [](const SearchSlot&) { return false; })
+      .results;
+}
+
+typFileInfo AskFileInfo(RoutingNode& node, FileSharing& files, std::string path,
+                        const std::string& nodeID, bool skipHash) {
+  if (LeavesShare(path)) return {};
+  const std::string reqID = NewID();
+  return Await(node, files.FileInfos, MakeGetFileInfo(path, nodeID, reqID, skipHash), reqID,
+               [](const FileInfoSlot& slot) { return slot.done; })
+      .info;
+}
+
+typMessage MakeGetContents(const std::string& path, const std::string& nodeID,
+                           const std::string& reqID, bool searchSubDirs) {
+  cSettings document;
+  document.SaveSetting("SearchSubDirs", Variant(searchSubDirs));
+  typMessage message = Addressed("GETCONTENTS", nodeID, reqID, document);
+  message.Resource = path;
+  return message;
+}
+
+typMessage MakeContents(const std::string& asker, const std::string& reqID,
+                        const std::vector<std::string>& listing) {
+  cSettings document;
+  SaveArray(document, "Contents", listing);
+  return Addressed("CONTENTS", asker, reqID, document);
+}
+
+typMessage MakeSearch(enmSearchType type, const std::string& text, const std::string& reqID) {
+  typMessage message = NewMessage();
+  message.MsgType = "SEARCH";
+  message.Resource = text;
+  if (type == Find_Node) SetField(message.Fields, "Type", Variant("Node"));
+  if (type == Find_File) SetField(message.Fields, "Type", Variant("File"));
+  SetField(message.Fields, "ReqID", Variant(reqID));
+  return message;
+}
+
+typMessage MakeSearchMatch(const std::string& asker, const std::string& reqID,
+                           const std::vector<std::string>* results) {
+  cSettings document;
+  if (results) SaveArray(document, "Results", *results);
+  typMessage message = NewMessage();
+  message.MsgType = "SEARCHMATCH";
+  SetField(message.Fields, "ReqID", Variant(reqID));
+  SetField(message.Fields, "Destination", Variant(asker));
+  message.Body = document.getXML();
+  return message;
+}
+
+typMessage MakeGetFileInfo(const std::string& path, const std::string& nodeID,
+                           const std::string& reqID, bool skipHash) {
+  cSettings document;
+  document.SaveSetting("skipHash", Variant(skipHash));
+  typMessage message = Addressed("GETFILEINFO", nodeID, reqID, document);
+  message.Resource = path;
+  return message;
+}
+
+typMessage MakeFileInfo(const std::string& asker, const std::string& reqID, int64_t size,
+                        const std::string& hash) {
+  cSettings document;
+  document.SaveSetting("Hash", Variant(hash));
+  document.SaveSetting("FileSize", Variant(size));
+  return Addressed("FILEINFO", asker, reqID, document);
+}
+
+}  // namespace qel

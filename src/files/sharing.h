@@ -1,0 +1,87 @@
+// What a node keeps for file sharing, the messages it asks and answers with,
+// and the one entry through which routing's deliveries reach them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <qel/types.h>
+
+#include "files/request_slots.h"
+#include "files/shares.h"
+#include "protocol/message.h"
+
+namespace qel {
+
+struct RoutingNode;
+
+// A listing awaited from GETCONTENTS; done once any CONTENTS came.
+struct ContentsSlot {
+  std::vector<std::string> listing{""};
+  bool done = false;
+};
+
+// The matches of a SEARCH, from every node that answered while it waited.
+struct SearchSlot {
+  std::vector<typSearchResult> results{typSearchResult{}};
+  size_t bytes = 0;  // of the results kept, towards kMaxSearchBytes
+};
+
+struct FileInfoSlot {
+  typFileInfo info;
+  bool done = false;
+};
+
+// A search keeps at most this many results, and this many bytes of them,
+// whatever the nodes answering send.
+inline constexpr size_t kMaxSearchResults = 65536;
+inline constexpr size_t kMaxSearchBytes = size_t{64} << 20;
+
+// Each node's file-sharing state. The sharing flag is RoutingNode's
+// SharingFiles, since INFO announces it.
+struct FileSharing {
+  // The share table: entry 0 stays empty until the first folder is shared.
+  std::vector<typSharedFolder> Folders{typSharedFolder{}};
+  RequestSlots<ContentsSlot> Contents;
+  RequestSlots<SearchSlot> Searches;
+  RequestSlots<FileInfoSlot> FileInfos;
+};
+
+// Handles a message of a file-sharing type (GETCONTENTS, CONTENTS, SEARCH,
+// SEARCHMATCH, GETFILEINFO, FILEINFO) for this node from source; false for
+// any other type. Serving answers only from inside the shares; a reply whose
+// ReqID has no open slot, or whose body does not load, changes nothing but
+// that slot. Throws what a reply's sending throws.
+bool HandleFileMessage(RoutingNode& node, FileSharing& files, const typMessage& message,
+                       const std::string& source);
+
+// The asking side. Each sends its question and runs the loop until the
+// answer, or for a search until Timeout has passed. A path has its "/"
+// turned into "\"; one holding "..\" sends nothing and gives the empty
+// result at once (a listing of element 0 alone, a zero record).
+std::vector<std::string> AskContents(RoutingNode& node, FileSharing& files, std::string path,
+                                     const std::string& nodeID, bool searchSubDirs);
+// Every node's answers, element 0 empty.
+std::vector<typSearchResult> AskSearch(RoutingNode& node, FileSharing& files, enmSearchType type,
+                                       const std::string& text);
+// A file that is not there (or not a file) has size -1; no answer gives the
+// zero record.
+typFileInfo AskFileInfo(RoutingNode& node, FileSharing& files, std::string path,
+                        const std::string& nodeID, bool skipHash);
+
+// The messages, not yet stamped.
+typMessage MakeGetContents(const std::string& path, const std::string& nodeID,
+                           const std::string& reqID, bool searchSubDirs);
+typMessage MakeContents(const std::string& asker, const std::string& reqID,
+                        const std::vector<std::string>& listing);
+typMessage MakeSearch(enmSearchType type, const std::string& text, const std::string& reqID);
+// results: nullptr leaves "Results" out of the document.
+typMessage MakeSearchMatch(const std::string& asker, const std::string& reqID,
+                           const std::vector<std::string>* results);
+typMessage MakeGetFileInfo(const std::string& path, const std::string& nodeID,
+                           const std::string& reqID, bool skipHash);
+typMessage MakeFileInfo(const std::string& asker, const std::string& reqID, int64_t size,
+                        const std::string& hash);
+
+}  // namespace qel

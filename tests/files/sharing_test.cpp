@@ -1,0 +1,175 @@
+// Shares over the network: three nodes of one process asking each other, raw
+// peers asking for what lies outside the shares or answering with garbage.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include "../support/peers.h"
+#include "core/stats.h"
+#include "files/sharing.h"
+#include "routing/discovery.h"
+
+namespace qel::test {
+namespace {
+
+namespace fs = std::filesystem;
+using Listing = std::vector<std::string>;
+using Found = std::vector<std::pair<std::string, std::string>>;
+
+Found Sorted(Found found) {
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
+std::string Info(const typFileInfo& info) {
+  return std::to_string(info.lngSize) + " " + info.strHash;
+}
+
+// b shares one folder, which holds a link out of it, c two; a shares none.
+// a asks through b, c hangs off b.
+class SharingTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    base = fs::temp_directory_path() / ("qel_sharing_" + std::to_string(std::random_device()()));
+    for (const char* dir : {"b/docs/sub", "c/docs", "c/music", "secret"}) {
+      fs::create_directories(base / dir);
+    }
+    for (auto [file, text] : {std::pair{"b/docs/abc.txt", "abc"},
+                              {"b/docs/empty.txt", ""},
+                              {"b/docs/sub/notes.txt", "n"},
+                              {"c/docs/report.txt", "r"},
+                              {"c/music/song.mp3", "s"},
+                              {"secret/key.txt", "k"}}) {
+      std::ofstream(base / file) << text;
+    }
+    fs::create_directory_symlink(base / "secret", base / "b/docs/out");
+    b.node.shareFolder((base / "b/docs").string());
+    c.node.shareFolder((base / "c/docs").string());
+    c.node.shareFolder((base / "c/music").string());
+    a.ConnectTo(b);
+    c.ConnectTo(b);
+  }
+  void TearDown() override { fs::remove_all(base); }
+
+  fs::path base;
+  Peer a{"asker", Settings("Timeout=10000"), true}, b{"Bee", "", true}, c{"Cee|Sea", "", true};
+};
+
+TEST_F(SharingTest, ListingsAndFileInformationOfOneShareAndOfTwo) {
+  const std::vector<std::tuple<Peer*, std::string, bool, Listing>> listings = {
+      {&b, "\\", false, {"", "\\sub\\", "\\abc.txt", "\\empty.txt"}},
+      {&b, "/", true, {"", "\\sub\\", "\\abc.txt", "\\empty.txt", "\\sub\\notes.txt"}},
+      {&c, "\\", true, {"", "\\docs\\", "\\music\\"}},
+      {&c, "/music/", false, {"", "\\song.mp3"}},
+      {&c, "\\docs\\", true, {"", "docs\\\\report.txt"}},
+      {&b, "\\out", false, {""}},
+  };
+  for (const auto& [peer, path, recursive, expected] : listings) {
+    EXPECT_EQ(a.node.GetContents(path, peer->ID(), recursive), expected) << path;
+  }
+  const std::vector<std::tuple<Peer*, std::string, bool, std::string>> infos = {
+      {&b, "\\abc.txt", true, "3 "},
+      {&b, "/abc.txt", false, "3 900150983cd24fb0d6963f7d28e17f72"},
+      {&b, "\\empty.txt", false, "0 d41d8cd98f00b204e9800998ecf8427e"},
+      {&b, "\\missing.txt", false, "-1 "},
+      {&b, "\\sub", false, "-1 "},
+      {&c, "\\music\\song.mp3", true, "1 "},
+  };
+  for (const auto& [peer, path, skipHash, expected] : infos) {
+    EXPECT_EQ(Info(a.node.GetFileInfo(path, peer->ID(), skipHash)), expected) << path;
+  }
+  // Paths with parent steps are refused before anything is sent.
+  const int64_t sent = TheStats().OutPacketCount;
+  EXPECT_EQ(a.node.GetContents("/sub/../../secret", b.ID()), Listing{""});
+  EXPECT_EQ(Info(a.node.GetFileInfo("\\..\\secret\\key.txt", b.ID(), false)), "0 ");
+  EXPECT_EQ(TheStats().OutPacketCount, sent);
+  EXPECT_TRUE(a.errors.empty() && b.errors.empty() && c.errors.empty());
+}
+
+TEST_F(SharingTest, SearchesGatherTheAnswersOfEveryNode) {
+  StateOf(a.node).Timeout = 2000;  // a search waits all of it; answers come at once
+  auto search = [&](enmSearchType type, const std::string& text) {
+    Found found;
+    for (const typSearchResult& r : a.node.SearchReq(type, text)) {
+      found.emplace_back(r.nodeID, r.Result);
+    }
+    return Sorted(found);
+  };
+  EXPECT_EQ(search(Find_Node, "EE"),
+            Sorted({{"", ""}, {b.ID(), "Bee"}, {c.ID(), "Cee"}, {c.ID(), "Sea"}}));
+  const Found files = search(Find_File, ".t?t");
+  EXPECT_EQ(files, Sorted({{"", ""},
+                           {b.ID(), "\\\\abc.txt"},
+                           {b.ID(), "\\\\empty.txt"},
+                           {b.ID(), "\\\\sub\\notes.txt"},
+                           {c.ID(), "\\docs\\report.txt"}}));
+  // Each result names the file to whoever asks for it.
+  for (size_t i = 1; i < files.size(); ++i) {
+    EXPECT_GE(a.node.GetFileInfo(files[i].second, files[i].first).lngSize, 0) << files[i].second;
+  }
+}
+
+// A request or answer as a raw peer writes it.
+std::string Raw(const std::string& type, const std::string& reqID, const std::string& resource,
+                const std::string& body, const std::string& destination) {
+  return type + " " + resource +
+         RawMsg(reqID, "ReqID: " + reqID + "\r\n", body, destination).substr(4);
+}
+
+TEST_F(SharingTest, RawPeersReachNothingOutsideTheSharesAndStrayAnswersAreIgnored) {
+  RawPeer toShare(b), toNone(a);
+  const std::string secret = (base / "secret").string();
+  const std::vector<std::pair<Peer*, std::string>> folders = {
+      {&b, "\\..\\secret"}, {&b, "%2e%2e\\secret"}, {&b, "\\%2E%2e/secret"},
+      {&b, secret},         {&b, "\\out"},          {&a, "\\"},
+      {&a, secret}};
+  int n = 0;
+  for (const auto& [peer, folder] : folders) {
+    RawPeer& raw = peer == &b ? toShare : toNone;
+    const std::string list = "L" + std::to_string(++n), info = "I" + std::to_string(n);
+    raw.socket.Send(Raw("GETCONTENTS", list, folder, Settings("SearchSubDirs=True"), peer->ID()));
+    raw.socket.Send(
+        Raw("GETFILEINFO", info, folder + "/key.txt", Settings("skipHash=False"), peer->ID()));
+    ASSERT_TRUE(Eventually([&] {
+      return raw.answers.contains(list) && raw.answers.contains(info);
+    })) << folder;
+    EXPECT_EQ(raw.answers[list].Body, MakeContents("", "", {""}).Body) << folder;
+    EXPECT_EQ(raw.answers[info].Body, MakeFileInfo("", "", -1, "").Body) << folder;
+  }
+  for (const char* type : {"CONTENTS", "FILEINFO", "SEARCHMATCH"}) {
+    for (const std::string& body : {Settings("FileSize=5"), std::string("<Settings><X><Count>")}) {
+      toShare.socket.Send(Raw(type, "NOBODY" + std::to_string(++n), "", body, b.ID()));
+    }
+  }
+  toShare.socket.Send(Raw("GETFILEINFO", "LAST", "\\out", "", b.ID()));
+  ASSERT_TRUE(Eventually([&] { return toShare.answers.contains("LAST"); }));
+  EXPECT_TRUE(a.errors.empty() && b.errors.empty());
+  EXPECT_FALSE(toShare.closedByNode);
+}
+
+TEST(RequestSlotsTest, AnswersFillOnlyOpenSlotsBadBodiesReadEmptyAndTheTableIsBounded) {
+  NodeState node;
+  FileSharing& files = node.Files;
+  auto deliver = [&](const char* type, const std::string& reqID, std::string body) {
+    typMessage m = MakeRequest(type, "ME", reqID);
+    m.Body = std::move(body);
+    HandleFileMessage(node, files, m, "PEER");
+  };
+  files.Contents.Open("C");
+  files.FileInfos.Open("F");
+  deliver("CONTENTS", "C", "<Settings><Contents><Count>x");
+  deliver("FILEINFO", "F", Settings("Hash=h FileSize=99999999999"));
+  EXPECT_EQ(files.Contents.Close("C")->listing, Listing{""});
+  EXPECT_EQ(Info(files.FileInfos.Find("F")->info), "0 ");
+  for (size_t i = 0; i <= RequestSlots<ContentsSlot>::kLimit; ++i) {
+    files.Contents.Open(std::to_string(i));
+  }
+  EXPECT_EQ(files.Contents.size(), RequestSlots<ContentsSlot>::kLimit);
+  EXPECT_TRUE(!files.Contents.Find("0") && files.Contents.Find("1"));
+}
+
+}  // namespace
+}  // namespace qel::test
