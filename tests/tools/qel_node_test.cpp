@@ -54,6 +54,17 @@ TEST(QelNodeTest, MessagesCrossAMiddleProcessFollowRoutesLinksCloseAndBadCommand
   EXPECT_EQ(a.Command("send-type ERROR " + rc.id + " it failed")["ok"], true);
   EXPECT_EQ(c.WaitEvent("Error", MessageIs("it failed"))["nodeID"], ra.id);
 
+  // A lists and describes what a far node shares.
+  const auto shared = std::filesystem::path(testing::TempDir()) / ("qel-share-" + rc.id);
+  std::filesystem::create_directories(shared / "sub");
+  std::ofstream(shared / "abc.txt") << "abc";
+  EXPECT_EQ(c.Command("share " + shared.string())["ok"], true);
+  EXPECT_EQ(a.Command("ls " + rc.id + " / recursive")["value"], json({"\\sub\\", "\\abc.txt"}));
+  EXPECT_EQ(a.Command("fileinfo " + rc.id + " \\abc.txt hash")["value"],
+            json({{"lngSize", 3}, {"strHash", "900150983cd24fb0d6963f7d28e17f72"}}));
+  EXPECT_EQ(a.Command("fileinfo " + rc.id + " \\sub")["ok"], false);
+  std::filesystem::remove_all(shared);
+
   // A far node's new role reaches A when A asks afresh.
   EXPECT_EQ(c.Command("role router")["ok"], true);
   json nodes = a.Command("nodes " + rc.id + " fresh");

@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 #include <cstdint>
+#include <filesystem>
 #include <stdexcept>
 
 #include <qel/error.h>
@@ -158,6 +159,51 @@ CommandResult Stats(Session&, const Args&) {
           ""};
 }
 
+CommandResult Share(Session& s, const Args& args) {
+  std::error_code ec;
+  // The node ignores a path that is not there without a word.
+  if (!std::filesystem::exists(args[0], ec)) return Fail("no such folder: " + args[0]);
+  s.node.shareFolder(args[0]);
+  return {};
+}
+
+CommandResult Ls(Session& s, const Args& args) {
+  const bool recursive = args.size() > 2;
+  if (recursive && args[2] != "recursive")
+    throw UsageError("expected 'recursive', got '" + args[2] + "'");
+  const std::vector<std::string> listing = s.node.GetContents(args[1], args[0], recursive);
+  // Element 0 is the library's blank placeholder.
+  Json paths = Json::array();
+  for (size_t i = 1; i < listing.size(); ++i) paths.push_back(listing[i]);
+  return {true, std::move(paths), ""};
+}
+
+CommandResult Search(Session& s, const Args& args) {
+  qel::enmSearchType type;
+  if (args[0] == "node") {
+    type = qel::Find_Node;
+  } else if (args[0] == "file") {
+    type = qel::Find_File;
+  } else {
+    throw UsageError("expected node or file, got '" + args[0] + "'");
+  }
+  Json results = Json::array();
+  for (const qel::typSearchResult& found : s.node.SearchReq(type, args[1])) {
+    if (!found.nodeID.empty())
+      results.push_back({{"nodeID", found.nodeID}, {"Result", found.Result}});
+  }
+  return {true, std::move(results), ""};
+}
+
+CommandResult FileInfo(Session& s, const Args& args) {
+  const bool hash = args.size() > 2;
+  if (hash && args[2] != "hash") throw UsageError("expected 'hash', got '" + args[2] + "'");
+  const qel::typFileInfo info = s.node.GetFileInfo(args[1], args[0], !hash);
+  Json value = {{"lngSize", info.lngSize}, {"strHash", info.strHash}};
+  if (info.lngSize < 0) return Fail("no file " + args[1] + " shared by " + args[0], value);
+  return {true, std::move(value), ""};
+}
+
 CommandResult Help(Session&, const Args&);
 
 CommandResult Quit(Session& s, const Args&) {
@@ -180,8 +226,15 @@ const std::array kCommands = {
     Command{"send-type", "TYPE NODEID|BROADCAST TEXT", "send a message of a type (ERROR: an error)",
             3, 3, true, SendType},
     Command{"ping", "NODEID [TIMEOUT_MS]", "round-trip time to a node in ms", 1, 2, false, Ping},
-    Command{"nodes", "[NODEID|BROADCAST] [fresh]",
-            "describe nodes; fresh: ask, not the cache", 0, 2, false, Nodes},
+    Command{"nodes", "[NODEID|BROADCAST] [fresh]", "describe nodes; fresh: ask, not the cache", 0,
+            2, false, Nodes},
+    Command{"share", "DIR", "share a folder", 1, 1, true, Share},
+    Command{"ls", "NODEID PATH [recursive]", "list a shared path; recursive: all below", 2, 3,
+            false, Ls},
+    Command{"search", "node|file TEXT", "nodes or shared files whose name holds TEXT", 2, 2, true,
+            Search},
+    Command{"fileinfo", "NODEID PATH [hash]", "size (and MD5) of a shared file", 2, 3, false,
+            FileInfo},
     Command{"role", "peer|server|router", "the role announced from now on", 1, 1, false, Role},
     Command{"stats", "", "traffic figures of this process", 0, 0, false, Stats},
     Command{"help", "", "list the commands", 0, 0, false, Help},

@@ -44,8 +44,8 @@ Args SplitArgs(std::string_view rest, size_t maxArgs, bool lastIsText);
 
 // Runs one console line; the word is what the result is reported under.
 // Unknown words, bad arguments and QelErrors give a failed result. connect,
-// nodes and ping run the event loop while they wait, so events are raised
-// (and posted functions run) before this returns.
+// nodes, ping, ls, search and fileinfo run the event loop while they wait, so
+// events are raised (and posted functions run) before this returns.
 CommandResult RunLine(Session& session, const ParsedLine& line);
 
 }  // namespace qelcli
