@@ -50,9 +50,10 @@ struct FileSharing {
 
 // Handles a message of a file-sharing type (GETCONTENTS, CONTENTS, SEARCH,
 // SEARCHMATCH, GETFILEINFO, FILEINFO) for this node from source; false for
-// any other type. Serving answers only from inside the shares; a reply whose
-// ReqID has no open slot, or whose body does not load, changes nothing but
-// that slot. Throws what a reply's sending throws.
+// any other type. Requests are answered only from inside the shares; an
+// answer whose ReqID has no open slot is dropped, and a body that does not
+// load reads as empty. Throws when a file cannot be hashed or an answer
+// cannot be sent, which the caller reports.
 bool HandleFileMessage(RoutingNode& node, FileSharing& files, const typMessage& message,
                        const std::string& source);
 
