@@ -111,6 +111,23 @@ class QEL_API cQEL {
   // when no answer came within Timeout ms.
   typFileInfo GetFileInfo(std::string RemotePath, const std::string& nodeID, bool skipHash = true);
 
+  // A byte range for RequestFile and SendFile: offsets from 0, end included;
+  // -1 leaves a number out, and the range is empty when all three are.
+  typQELRange MakeRange(int32_t lngStart = -1, int32_t lngEnd = -1, int32_t lngLen = -1);
+  // Asks nodeID for a shared file, or the part Range names ("start-end",
+  // "start-" to the end, or the last lngEnd bytes when lngStart is -1), and
+  // returns the request identifier at once: the pieces arrive as
+  // FileReceived with that identifier. Metadata travels along unread.
+  std::string RequestFile(const std::string& RemotePath, const std::string& nodeID,
+                          const typQELRange& Range, const std::string& Metadata = "");
+  // Sends one piece of data to nodeID as a file transfer would (raised there
+  // as FileReceived); an empty ReqID gets a new identifier. A piece with
+  // FS_Canceled and a transfer's ReqID, sent to the node serving it, stops
+  // that transfer.
+  void SendFile(const std::string& nodeID, const typQELRange& Range, const std::string& Data = "",
+                const std::string& ReqID = "", enmFileStatus FileStatus = FS_Transferring,
+                const std::string& Metadata = "");
+
   // Sends a text message to a node identifier or to "BROADCAST". A strType
   // of "ERROR" makes the receiver raise Error instead of MessageReceived.
   void SendMessage(const std::string& strMessage, const std::string& nodeID,
@@ -157,6 +174,13 @@ class QEL_API cQEL {
   std::function<void(std::string& SourceIP)> ConnectionEstab;
   // A connection of this node closed.
   std::function<void(std::string& SourceIP, std::string& nodeID)> ConnectionClosed;
+  // A piece of a file (or of data a node pushed with SendFile) arrived: the
+  // request it answers, its bytes, the bytes of the file it holds (first and
+  // last offset and the file's length, -1 where not given), FS_Complete on
+  // the last piece and FS_Canceled when the sender stopped.
+  std::function<void(std::string& ReqID, std::string& strData, typQELRange& Range,
+                     enmFileStatus& FileStatus, std::string& Metadata)>
+      FileReceived;
 
  private:
   friend struct detail::NodeAccess;

@@ -46,6 +46,9 @@ struct FileSharing {
   RequestSlots<ContentsSlot> Contents;
   RequestSlots<SearchSlot> Searches;
   RequestSlots<FileInfoSlot> FileInfos;
+  // The transfer the last FILE with FS_Canceled named: one for the node, a
+  // later cancel replaces it.
+  std::string CancelledReqID;
 };
 
 // Handles a message of a file-sharing type (GETCONTENTS, CONTENTS, SEARCH,

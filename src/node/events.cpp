@@ -55,4 +55,9 @@ void RaiseConnectionClosed(NodeState& node, std::string SourceIP, std::string no
   Raise(node, "ConnectionClosed", &cQEL::ConnectionClosed, SourceIP, nodeID);
 }
 
+void RaiseFileReceived(NodeState& node, std::string ReqID, std::string strData, typQELRange Range,
+                       enmFileStatus FileStatus, std::string Metadata) {
+  Raise(node, "FileReceived", &cQEL::FileReceived, ReqID, strData, Range, FileStatus, Metadata);
+}
+
 }  // namespace qel

@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include <qel/types.h>
+
 namespace qel {
 
 struct NodeState;
@@ -17,5 +19,7 @@ void RaiseErrorEvent(NodeState& node, std::string strMessage, std::string nodeID
 bool RaiseConnectionReq(NodeState& node, std::string SourceIP);
 void RaiseConnectionEstab(NodeState& node, std::string SourceIP);
 void RaiseConnectionClosed(NodeState& node, std::string SourceIP, std::string nodeID);
+void RaiseFileReceived(NodeState& node, std::string ReqID, std::string strData, typQELRange Range,
+                       enmFileStatus FileStatus, std::string Metadata);
 
 }  // namespace qel

@@ -10,7 +10,9 @@
 
 #include "core/new_id.h"
 #include "core/text.h"
+#include "files/ranges.h"
 #include "files/sharing.h"
+#include "files/transfer.h"
 #include "net/connections.h"
 #include "net/local_address.h"
 #include "node/advanced_values.h"
@@ -136,6 +138,7 @@ cQEL::~cQEL() {
   ConnectionReq = nullptr;
   ConnectionEstab = nullptr;
   ConnectionClosed = nullptr;
+  FileReceived = nullptr;
   try {
     if (slotIndex >= 1) ShutDown();
   } catch (...) {
@@ -260,6 +263,34 @@ typFileInfo cQEL::GetFileInfo(std::string RemotePath, const std::string& nodeID,
     ReportCurrentFault(*node);
   }
   return {};
+}
+
+typQELRange cQEL::MakeRange(int32_t lngStart, int32_t lngEnd, int32_t lngLen) {
+  Enter(*this);
+  return qel::MakeRange(lngStart, lngEnd, lngLen);
+}
+
+std::string cQEL::RequestFile(const std::string& RemotePath, const std::string& nodeID,
+                              const typQELRange& Range, const std::string& Metadata) {
+  auto node = Enter(*this);
+  try {
+    return qel::RequestFile(*node, RemotePath, nodeID, Range, Metadata);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+  return {};
+}
+
+void cQEL::SendFile(const std::string& nodeID, const typQELRange& Range, const std::string& Data,
+                    const std::string& ReqID, enmFileStatus FileStatus,
+                    const std::string& Metadata) {
+  auto node = Enter(*this);
+  try {
+    SendFilePiece(*node, nodeID, Range.isEmpty ? std::string() : RangeText(Range), Data, ReqID,
+                  FileStatus, Metadata);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
 }
 
 void cQEL::SendMessage(const std::string& strMessage, const std::string& nodeID,

@@ -49,9 +49,18 @@ void NodeState::Deliver(typMessage& message, int32_t, const std::string& source,
     }
     return;
   }
+  if (message.MsgType == "FILE") {
+    OnFilePiece(Files, *this, message, keepBody ? message.Body : std::move(message.Body));
+    return;
+  }
   if (HandleFileMessage(*this, Files, message, source)) return;
   // Other types belong to subsystems this node does not run yet, or to none:
   // they are ignored without a reply.
+}
+
+void NodeState::FileReceived(std::string reqID, std::string data, typQELRange range,
+                             enmFileStatus status, std::string metadata) {
+  RaiseFileReceived(*this, std::move(reqID), std::move(data), range, status, std::move(metadata));
 }
 
 }  // namespace qel

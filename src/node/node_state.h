@@ -9,13 +9,14 @@
 #include <qel/settings.h>
 
 #include "files/sharing.h"
+#include "files/transfer.h"
 #include "routing/routing_node.h"
 
 namespace qel {
 
 class cQEL;
 
-struct NodeState final : RoutingNode {
+struct NodeState final : RoutingNode, TransferHost {
   int32_t FilePacketBytes = 0;
 
   // Shares, the answers waited for, transfers.
@@ -40,6 +41,10 @@ struct NodeState final : RoutingNode {
   void RaiseError(std::string strMessage, std::string nodeID) override;
   void Deliver(typMessage& message, int32_t conn, const std::string& source,
                bool keepBody) override;
+
+  // What file transfer hands up.
+  void FileReceived(std::string reqID, std::string data, typQELRange range, enmFileStatus status,
+                    std::string metadata) override;
 };
 
 }  // namespace qel

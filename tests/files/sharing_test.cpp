@@ -112,6 +112,24 @@ std::string Raw(const std::string& type, const std::string& reqID, const std::st
          RawMsg(type + reqID, "ReqID: " + reqID + "\r\n", body, destination).substr(4);
 }
 
+TEST_F(SharingTest, PushedPiecesArriveWithTheirRangeAndACancelIsRemembered) {
+  std::vector<std::tuple<std::string, std::string, int32_t, int32_t, int32_t, bool, int, std::string>>
+      got;
+  a.node.FileReceived = [&](std::string& id, std::string& data, typQELRange& r,
+                            enmFileStatus& status, std::string& metadata) {
+    got.emplace_back(id, data, r.lngStart, r.lngEnd, r.lngLen, r.isEmpty, status, metadata);
+  };
+  const std::string bytes("x\0y", 3);
+  b.node.SendFile(a.ID(), b.node.MakeRange(10, 12, 100), bytes, "R1", FS_Complete, "meta");
+  b.node.SendFile(a.ID(), b.node.MakeRange(), "", "R2", FS_Canceled);
+  ASSERT_TRUE(Eventually([&] { return got.size() == 2; }));
+  // The length is not written with a request's range.
+  EXPECT_EQ(got[0], std::make_tuple("R1", bytes, 10, 12, -1, false, 1, "meta"));
+  EXPECT_EQ(got[1], std::make_tuple("R2", "", -1, -1, -1, true, 2, ""));
+  EXPECT_EQ(StateOf(a.node).Files.CancelledReqID, "R2");
+  EXPECT_FALSE(a.node.RequestFile("\\abc.txt", b.ID(), a.node.MakeRange()).empty());
+}
+
 TEST_F(SharingTest, RawPeersReachNothingOutsideTheSharesAndStrayAnswersAreIgnored) {
   RawPeer toShare(b), toNone(a);
   const std::string secret = (base / "secret").string();

@@ -1,7 +1,9 @@
 // The exact bytes this node puts on the wire for each message it originates.
 #include <gtest/gtest.h>
 
+#include "files/ranges.h"
 #include "files/sharing.h"
+#include "files/transfer.h"
 #include "node/module.h"
 #include "protocol/body.h"
 #include "routing/discovery.h"
@@ -142,6 +144,14 @@ TEST(WireTest, FileSharingRequestsAndAnswers) {
            document("", "")},
           {MakeGetFileInfo("\\a.txt", kPeer, "7", false), "GETFILEINFO \\a.txt", "", "ReqID: 7\r\n",
            document("Common", "\r\n    <skipHash>False</skipHash>")},
+          {MakeGet("\\a.txt", kPeer, "7", MakeRange(0, 99), "m"), "GET \\a.txt", "ReqID: 7\r\n",
+           "Metadata: m\r\nRange: 0-99\r\n", ""},
+          {MakeGet("\\a.txt", kPeer, "7", MakeRange(-1, 500), ""), "GET \\a.txt", "ReqID: 7\r\n",
+           "Metadata: \r\nRange: -500\r\n", ""},
+          {MakeFilePiece(kPeer, "0-2/3", "abc", "7", FS_Complete, ""), "FILE ", "ReqID: 7\r\n",
+           "FileStatus: 1\r\nMetadata: \r\nContent-Range: 0-2/3\r\n", "abc"},
+          {MakeFilePiece(kPeer, "", "", "7", FS_Canceled, "m"), "FILE ", "ReqID: 7\r\n",
+           "FileStatus: 2\r\nMetadata: m\r\n", ""},
           {MakeFileInfo(kPeer, "7", 3, "900150983cd24fb0d6963f7d28e17f72"), "FILEINFO ", "",
            "ReqID: 7\r\n",
            document("Common",
