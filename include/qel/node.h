@@ -174,6 +174,14 @@ class QEL_API cQEL {
   std::function<void(std::string& SourceIP)> ConnectionEstab;
   // A connection of this node closed.
   std::function<void(std::string& SourceIP, std::string& nodeID)> ConnectionClosed;
+  // A node asks for a shared file (GET): the path it sent, the local file
+  // (empty when the path would leave the shares), the asker, the request,
+  // its ranges and metadata. Set TakeNoAction to answer it yourself with
+  // SendFile; otherwise the node serves the file.
+  std::function<void(std::string& Resource, std::string& fullPath, std::string& nodeID,
+                     std::string& ReqID, std::vector<typQELRange>& Range, std::string& Metadata,
+                     bool& TakeNoAction)>
+      FileRequest;
   // A piece of a file (or of data a node pushed with SendFile) arrived: the
   // request it answers, its bytes, the bytes of the file it holds (first and
   // last offset and the file's length, -1 where not given), FS_Complete on

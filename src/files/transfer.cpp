@@ -1,18 +1,100 @@
 #include "files/transfer.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
 #include <optional>
+#include <system_error>
 #include <utility>
 #include <vector>
 
+#include <qel/event_loop.h>
 #include <qel/variant.h>
 
 #include "core/new_id.h"
 #include "files/ranges.h"
+#include "files/regular_file.h"
+#include "files/remote_path.h"
 #include "files/sharing.h"
+#include "net/connections.h"
 #include "protocol/fields.h"
 #include "routing/outgoing.h"
+#include "routing/report.h"
+#include "routing/routing_node.h"
+#include "routing/transmit.h"
 
 namespace qel {
+namespace {
+
+// One file being served, piece by piece, from the loop.
+struct Serving {
+  std::weak_ptr<LinkOwner> owner;  // the serving node; gone: the transfer ends
+  FileSharing* files = nullptr;    // lives as long as the node
+  std::string asker, reqID;
+  int fd = -1;
+  int64_t size = 0;
+  int64_t next = 0;  // offset of the next byte to send
+  int64_t last = 0;  // offset of the last byte to send
+  // A whole file ends with a piece shorter than a packet, an empty one when
+  // its length is a multiple of it; a range ends with its last byte.
+  bool whole = true;
+  size_t packet = 0;
+
+  ~Serving() {
+    if (fd >= 0) close(fd);
+  }
+};
+
+void SendPieces(const std::shared_ptr<Serving>& job);
+
+// Goes on once the asker's link has room for more, or at the next turn of
+// the loop when the piece goes another way.
+void Continue(RoutingNode& node, const std::shared_ptr<Serving>& job) {
+  const int32_t conn = FindRoute(node, job->asker);
+  auto next = [job] { SendPieces(job); };
+  if (conn > 0) {
+    Connections::Get().WhenDrained(conn, 2 * job->packet, std::move(next));
+  } else {
+    Post(std::move(next));
+  }
+}
+
+void SendPieces(const std::shared_ptr<Serving>& job) {
+  auto owner = job->owner.lock();
+  if (!owner || !owner->Alive()) return;
+  auto& node = static_cast<RoutingNode&>(*owner);
+  try {
+    const int64_t first = job->next;
+    const int64_t want = std::min<int64_t>(static_cast<int64_t>(job->packet),
+                                           std::max<int64_t>(job->last - first + 1, 0));
+    std::string data(static_cast<size_t>(want), '\0');
+    int64_t got = 0;
+    while (got < want) {
+      const ssize_t n = pread(job->fd, data.data() + got, static_cast<size_t>(want - got), first + got);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) throw std::system_error(errno, std::generic_category(), "reading a shared file");
+      if (n == 0) break;
+      got += n;
+    }
+    data.resize(static_cast<size_t>(got));
+    job->next = first + got;
+    const bool shrank = got < want;  // the file was cut while it was served
+    const bool done = job->whole ? want < static_cast<int64_t>(job->packet) || shrank
+                                 : job->next > job->last || shrank;
+    enmFileStatus status = done ? FS_Complete : FS_Transferring;
+    if (shrank || job->files->CancelledReqID == job->reqID) status = FS_Canceled;
+    SendFilePiece(node, job->asker, ContentRangeText(first, first + got - 1, job->size),
+                  std::move(data), job->reqID, status, "");
+    if (status == FS_Transferring) Continue(node, job);
+  } catch (...) {
+    ReportCurrentFault(node);
+  }
+}
+
+}  // namespace
 
 typMessage MakeGet(const std::string& remotePath, const std::string& nodeID,
                    const std::string& reqID, const typQELRange& range,
@@ -77,6 +159,45 @@ void OnFilePiece(FileSharing& files, TransferHost& host, const typMessage& messa
   if (status == FS_Canceled) files.CancelledReqID = reqID;
   host.FileReceived(std::move(reqID), std::move(data), range, status,
                     GetSingleField(message.Fields, "Metadata"));
+}
+
+void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typMessage& message,
+           const std::string& asker, int32_t packetBytes) {
+  const std::string rangeText = GetSingleField(message.Fields, "Range");
+  std::optional<std::vector<typQELRange>> ranges = ParseRanges(rangeText);
+  if (ranges && ranges->empty()) ranges->push_back(MakeRange());
+  const std::string reqID = GetSingleField(message.Fields, "ReqID");
+  const std::optional<std::filesystem::path> path =
+      LocalPathInShare(files.Folders, node.SharingFiles, message.Resource);
+  const bool hostAnswers =
+      host.FileRequest(message.Resource, path ? path->string() : std::string(), asker, reqID,
+                       ranges.value_or(std::vector<typQELRange>{MakeRange()}),
+                       GetSingleField(message.Fields, "Metadata"));
+  if (hostAnswers || !node.Alive()) return;
+
+  auto cancel = [&] { SendFilePiece(node, asker, "", "", reqID, FS_Canceled, ""); };
+  if (!path || !ranges) return cancel();
+  auto job = std::make_shared<Serving>();
+  job->fd = OpenRegularFile(path->string(), O_RDONLY);
+  struct stat info {};
+  if (job->fd < 0 || fstat(job->fd, &info) != 0) return cancel();
+  job->size = info.st_size;
+  job->packet = static_cast<size_t>(std::max(packetBytes, 1));
+  const typQELRange& range = ranges->front();
+  if (range.isEmpty) {
+    job->last = job->size - 1;
+  } else {
+    std::optional<ByteSpan> span = ServedSpan(range, job->size);
+    if (!span) return cancel();
+    job->whole = false;
+    job->next = span->first;
+    job->last = span->last;
+  }
+  job->owner = node.weak_from_this();
+  job->files = &files;
+  job->asker = asker;
+  job->reqID = reqID;
+  SendPieces(job);
 }
 
 }  // namespace qel

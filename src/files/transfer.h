@@ -2,7 +2,9 @@
 // FILE carries the pieces back (or data a host pushes with SendFile).
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include <qel/types.h>
 
@@ -16,6 +18,12 @@ struct FileSharing;
 // What the node above hears of arriving pieces.
 class TransferHost {
  public:
+  // A GET for this node: true when the host answers it itself (with
+  // SendFile). fullPath is the local file, empty when the path would leave
+  // the shares.
+  virtual bool FileRequest(std::string resource, std::string fullPath, std::string asker,
+                           std::string reqID, std::vector<typQELRange> ranges,
+                           std::string metadata) = 0;
   virtual void FileReceived(std::string reqID, std::string data, typQELRange range,
                             enmFileStatus status, std::string metadata) = 0;
 
@@ -41,6 +49,16 @@ std::string RequestFile(RoutingNode& node, const std::string& remotePath,
 void SendFilePiece(RoutingNode& node, const std::string& destination, const std::string& rangeText,
                    std::string data, std::string reqID, enmFileStatus status,
                    const std::string& metadata);
+
+// A GET for this node from asker: FileRequest first; unless the host takes
+// it, the file (or the bytes its first range names) goes back in FILE
+// pieces of at most packetBytes, the next piece read only when fewer than
+// two wait to be sent, so a slow asker never makes the node hold the file.
+// A path outside the shares, a missing file or a range the file cannot
+// meet is answered with one FILE of FS_Canceled. Between pieces the loop
+// runs: a cancel for the transfer ends it with one last FS_Canceled piece.
+void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typMessage& message,
+           const std::string& asker, int32_t packetBytes);
 
 // A FILE for this node: a cancel is remembered for the transfer it names
 // (the serving loop stops it), and every piece goes up as FileReceived with

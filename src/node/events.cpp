@@ -55,6 +55,15 @@ void RaiseConnectionClosed(NodeState& node, std::string SourceIP, std::string no
   Raise(node, "ConnectionClosed", &cQEL::ConnectionClosed, SourceIP, nodeID);
 }
 
+bool RaiseFileRequest(NodeState& node, std::string Resource, std::string fullPath,
+                      std::string nodeID, std::string ReqID, std::vector<typQELRange> Range,
+                      std::string Metadata) {
+  bool TakeNoAction = false;
+  Raise(node, "FileRequest", &cQEL::FileRequest, Resource, fullPath, nodeID, ReqID, Range, Metadata,
+        TakeNoAction);
+  return TakeNoAction;
+}
+
 void RaiseFileReceived(NodeState& node, std::string ReqID, std::string strData, typQELRange Range,
                        enmFileStatus FileStatus, std::string Metadata) {
   Raise(node, "FileReceived", &cQEL::FileReceived, ReqID, strData, Range, FileStatus, Metadata);

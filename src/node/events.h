@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include <qel/types.h>
 
@@ -19,6 +20,10 @@ void RaiseErrorEvent(NodeState& node, std::string strMessage, std::string nodeID
 bool RaiseConnectionReq(NodeState& node, std::string SourceIP);
 void RaiseConnectionEstab(NodeState& node, std::string SourceIP);
 void RaiseConnectionClosed(NodeState& node, std::string SourceIP, std::string nodeID);
+// Returns true when the host takes the request over (TakeNoAction).
+bool RaiseFileRequest(NodeState& node, std::string Resource, std::string fullPath,
+                      std::string nodeID, std::string ReqID, std::vector<typQELRange> Range,
+                      std::string Metadata);
 void RaiseFileReceived(NodeState& node, std::string ReqID, std::string strData, typQELRange Range,
                        enmFileStatus FileStatus, std::string Metadata);
 

@@ -139,6 +139,7 @@ cQEL::~cQEL() {
   ConnectionEstab = nullptr;
   ConnectionClosed = nullptr;
   FileReceived = nullptr;
+  FileRequest = nullptr;
   try {
     if (slotIndex >= 1) ShutDown();
   } catch (...) {

@@ -49,6 +49,10 @@ void NodeState::Deliver(typMessage& message, int32_t, const std::string& source,
     }
     return;
   }
+  if (message.MsgType == "GET") {
+    OnGet(*this, Files, *this, message, source, FilePacketBytes);
+    return;
+  }
   if (message.MsgType == "FILE") {
     OnFilePiece(Files, *this, message, keepBody ? message.Body : std::move(message.Body));
     return;
@@ -56,6 +60,13 @@ void NodeState::Deliver(typMessage& message, int32_t, const std::string& source,
   if (HandleFileMessage(*this, Files, message, source)) return;
   // Other types belong to subsystems this node does not run yet, or to none:
   // they are ignored without a reply.
+}
+
+bool NodeState::FileRequest(std::string resource, std::string fullPath, std::string asker,
+                            std::string reqID, std::vector<typQELRange> ranges,
+                            std::string metadata) {
+  return RaiseFileRequest(*this, std::move(resource), std::move(fullPath), std::move(asker),
+                          std::move(reqID), std::move(ranges), std::move(metadata));
 }
 
 void NodeState::FileReceived(std::string reqID, std::string data, typQELRange range,

@@ -43,6 +43,9 @@ struct NodeState final : RoutingNode, TransferHost {
                bool keepBody) override;
 
   // What file transfer hands up.
+  bool FileRequest(std::string resource, std::string fullPath, std::string asker,
+                   std::string reqID, std::vector<typQELRange> ranges,
+                   std::string metadata) override;
   void FileReceived(std::string reqID, std::string data, typQELRange range, enmFileStatus status,
                     std::string metadata) override;
 };

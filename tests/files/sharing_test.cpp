@@ -5,10 +5,12 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <random>
 
 #include "../support/peers.h"
 #include "core/stats.h"
+#include "files/ranges.h"
 #include "files/sharing.h"
 
 namespace qel::test {
@@ -128,6 +130,101 @@ TEST_F(SharingTest, PushedPiecesArriveWithTheirRangeAndACancelIsRemembered) {
   EXPECT_EQ(got[1], std::make_tuple("R2", "", -1, -1, -1, true, 2, ""));
   EXPECT_EQ(StateOf(a.node).Files.CancelledReqID, "R2");
   EXPECT_FALSE(a.node.RequestFile("\\abc.txt", b.ID(), a.node.MakeRange()).empty());
+}
+
+// What an asker received for one request: the bytes and each piece's
+// Content-Range and status.
+struct Received {
+  std::string data, pieces;
+  int last = -1;
+};
+
+void Record(Peer& asker, std::map<std::string, Received>& got) {
+  asker.node.FileReceived = [&got](std::string& id, std::string& data, typQELRange& r,
+                                   enmFileStatus& status, std::string&) {
+    Received& one = got[id];
+    one.data += data;
+    one.pieces += std::to_string(r.lngStart) + "-" + std::to_string(r.lngEnd) + "/" +
+                  std::to_string(r.lngLen) + ":" + std::to_string(status) + " ";
+    one.last = status;
+  };
+}
+
+TEST_F(SharingTest, FilesAndRangesComeBackInPiecesAndWhatCannotBeServedIsCanceled) {
+  std::map<std::string, Received> got;
+  Record(a, got);
+  const std::vector<std::tuple<std::string, typQELRange, std::string>> cases = {
+      {"\\abc.txt", MakeRange(), "0-2/3:1 "},
+      {"\\abc.txt", MakeRange(1), "1-2/3:1 "},
+      {"\\abc.txt", MakeRange(1, 1), "1-1/3:1 "},
+      {"\\abc.txt", MakeRange(-1, 2), "1-2/3:1 "},
+      {"\\abc.txt", MakeRange(0, 99), "0-2/3:1 "},
+      {"\\empty.txt", MakeRange(), "-1--1/-1:1 "},  // "0--1/0" names no bytes
+      {"\\abc.txt", MakeRange(3), "-1--1/-1:2 "},
+      {"\\..\\..\\secret\\key.txt", MakeRange(), "-1--1/-1:2 "},
+      {"\\out\\key.txt", MakeRange(), "-1--1/-1:2 "},
+      {"\\sub", MakeRange(), "-1--1/-1:2 "},
+  };
+  std::vector<std::string> ids;
+  for (const auto& [path, range, pieces] : cases) ids.push_back(a.node.RequestFile(path, b.ID(), range));
+  ASSERT_TRUE(Eventually([&] { return got.size() == cases.size(); }));
+  for (size_t i = 0; i < cases.size(); ++i) {
+    EXPECT_EQ(got[ids[i]].pieces, std::get<2>(cases[i])) << std::get<0>(cases[i]);
+  }
+  EXPECT_EQ(got[ids[0]].data + got[ids[1]].data, "abcbc");
+
+  // A host may answer a request itself.
+  b.node.FileRequest = [&](std::string&, std::string& fullPath, std::string& asker,
+                           std::string& reqID, std::vector<typQELRange>&, std::string&,
+                           bool& takeNoAction) {
+    takeNoAction = true;
+    b.node.SendFile(asker, b.node.MakeRange(), fs::path(fullPath).filename().string(), reqID,
+                    FS_Complete);
+  };
+  const std::string mine = a.node.RequestFile("\\abc.txt", b.ID(), MakeRange());
+  ASSERT_TRUE(Eventually([&] { return got.contains(mine); }));
+  EXPECT_EQ(got[mine].data, "abc.txt");
+}
+
+TEST(TransferTest, PiecesOfAPacketEachAndACancelStopsTheServer) {
+  const fs::path dir = fs::temp_directory_path() / ("qel_transfer_" + std::to_string(getpid()));
+  fs::create_directories(dir);
+  std::string big(1 << 20, 'x');
+  for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7 + i / 1024);
+  for (const auto& [name, size] : std::vector<std::pair<std::string, size_t>>{
+           {"one-less", 1023}, {"exact", 2048}, {"one-more", 2049}, {"big", big.size()}}) {
+    std::ofstream(dir / name, std::ios::binary).write(big.data(), static_cast<std::streamsize>(size));
+  }
+  Peer server("server", Settings("filePacket=1"), true), asker("asker");
+  server.node.shareFolder(dir.string());
+  asker.ConnectTo(server);
+  std::map<std::string, Received> got;
+  Record(asker, got);
+  const std::string lessID = asker.node.RequestFile("\\one-less", server.ID(), MakeRange()),
+                    exactID = asker.node.RequestFile("\\exact", server.ID(), MakeRange()),
+                    moreID = asker.node.RequestFile("\\one-more", server.ID(), MakeRange(1000, 2048));
+  ASSERT_TRUE(Eventually([&] { return got.size() == 3 && got[lessID].last == FS_Complete &&
+                                      got[exactID].last == FS_Complete &&
+                                      got[moreID].last == FS_Complete; }));
+  EXPECT_EQ(got[lessID].pieces, "0-1022/1023:1 ");
+  EXPECT_EQ(got[exactID].pieces, "0-1023/2048:0 1024-2047/2048:0 2048-2047/2048:1 ");
+  EXPECT_EQ(got[moreID].pieces, "1000-2023/2049:0 2024-2048/2049:1 ");
+  EXPECT_EQ(got[exactID].data, big.substr(0, 2048));
+  EXPECT_EQ(got[moreID].data, big.substr(1000, 1049));
+
+  // The asker cancels on the first piece; the server sends at most a few more.
+  std::string bigID;
+  asker.node.FileReceived = [&](std::string& id, std::string& data, typQELRange&,
+                                enmFileStatus& status, std::string&) {
+    Received& one = got[id];
+    if (one.data.empty()) asker.node.SendFile(server.ID(), MakeRange(), "", id, FS_Canceled);
+    one.data += data;
+    one.last = status;
+  };
+  bigID = asker.node.RequestFile("\\big", server.ID(), MakeRange());
+  ASSERT_TRUE(Eventually([&] { return got[bigID].last == FS_Canceled; }));
+  EXPECT_LT(got[bigID].data.size(), big.size() / 4);
+  fs::remove_all(dir);
 }
 
 TEST_F(SharingTest, RawPeersReachNothingOutsideTheSharesAndStrayAnswersAreIgnored) {
