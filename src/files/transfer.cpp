@@ -11,7 +11,6 @@
 #include <utility>
 #include <vector>
 
-#include <qel/event_loop.h>
 #include <qel/variant.h>
 
 #include "core/new_id.h"
@@ -50,16 +49,13 @@ struct Serving {
 
 void SendPieces(const std::shared_ptr<Serving>& job);
 
-// Goes on once the asker's link has room for more, or at the next turn of
-// the loop when the piece goes another way.
+// Goes on once the asker's link has room for more; a piece with no route
+// to the asker floods every link, so then the fullest one decides.
 void Continue(RoutingNode& node, const std::shared_ptr<Serving>& job) {
-  const int32_t conn = FindRoute(node, job->asker);
-  auto next = [job] { SendPieces(job); };
-  if (conn > 0) {
-    Connections::Get().WhenDrained(conn, 2 * job->packet, std::move(next));
-  } else {
-    Post(std::move(next));
-  }
+  auto& connections = Connections::Get();
+  int32_t conn = FindRoute(node, job->asker);
+  if (conn == 0) conn = connections.FullestConnection();
+  connections.WhenDrained(conn, 2 * job->packet, [job] { SendPieces(job); });
 }
 
 void SendPieces(const std::shared_ptr<Serving>& job) {

@@ -486,6 +486,18 @@ size_t Connections::QueuedBytes(int32_t index) const {
   return IsConnected(index) ? conns_[index]->sck->QueuedBytes() : 0;
 }
 
+int32_t Connections::FullestConnection() const {
+  int32_t fullest = 0;
+  size_t most = 0;
+  for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
+    if (const size_t queued = QueuedBytes(i); queued > most) {
+      most = queued;
+      fullest = i;
+    }
+  }
+  return fullest;
+}
+
 void Connections::WhenDrained(int32_t index, size_t below, std::function<void()> fn) {
   if (!IsConnected(index) || conns_[index]->sck->QueuedBytes() < below) {
     Post(std::move(fn));

@@ -93,6 +93,9 @@ class Connections {
   void WriteToAllExcept(int32_t except, std::string_view text);
   // Bytes waiting to be sent on a connection (0 for one that is not up).
   size_t QueuedBytes(int32_t index) const;
+  // The open connection with the most bytes waiting to be sent, or 0: what a
+  // writer flooding every link must wait for.
+  int32_t FullestConnection() const;
   // Runs fn from the loop once fewer than `below` bytes wait to be sent on
   // connection index, or once it closes (fn then finds it closed): a writer
   // of a long stream writes the next piece only when the peer keeps up.

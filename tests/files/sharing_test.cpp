@@ -11,6 +11,7 @@
 #include "../support/peers.h"
 #include "core/stats.h"
 #include "files/ranges.h"
+#include "net/connections.h"
 #include "files/sharing.h"
 
 namespace qel::test {
@@ -224,6 +225,23 @@ TEST(TransferTest, PiecesOfAPacketEachAndACancelStopsTheServer) {
   bigID = asker.node.RequestFile("\\big", server.ID(), MakeRange());
   ASSERT_TRUE(Eventually([&] { return got[bigID].last == FS_Canceled; }));
   EXPECT_LT(got[bigID].data.size(), big.size() / 4);
+
+  // An asker that reads nothing holds the server to a few pieces queued.
+  fs::resize_file(dir / "big", 64 << 20);
+  const int stuck = Dial(server.Port(), 4096);
+  ASSERT_TRUE(Eventually([&] { return server.established.size() == 2; }));
+  const std::string get = "GET \\big QEL/2.1\r\nDestination: " + server.ID() +
+                          "\r\nSource: RAW\r\nReqID: R\r\nID: G1\r\nTTL: 1\r\n\r\n";
+  ASSERT_EQ(send(stuck, get.data(), get.size(), 0), static_cast<ssize_t>(get.size()));
+  auto& table = Connections::Get();
+  size_t most = 0;
+  RunUntil([&] {
+    for (int32_t i = 1; i <= table.Count(); ++i) most = std::max(most, table.QueuedBytes(i));
+    return false;
+  }, 300);
+  EXPECT_GT(most, 0u);
+  EXPECT_LE(most, 3u * 1024 + 4096) << "the server queued more than a few pieces";
+  close(stuck);
   fs::remove_all(dir);
 }
 
