@@ -41,6 +41,10 @@ struct Serving {
   // its length is a multiple of it; a range ends with its last byte.
   bool whole = true;
   size_t packet = 0;
+  // The link the asker was reached on when the transfer began, if any: once
+  // it is gone nobody is left to serve, and what follows would flood.
+  int32_t link = 0;
+  uint64_t linkGeneration = 0;
 
   ~Serving() {
     if (fd >= 0) close(fd);
@@ -62,6 +66,11 @@ void SendPieces(const std::shared_ptr<Serving>& job) {
   auto owner = job->owner.lock();
   if (!owner || !owner->Alive()) return;
   auto& node = static_cast<RoutingNode&>(*owner);
+  auto& connections = Connections::Get();
+  if (job->link > 0 && (!connections.IsConnected(job->link) ||
+                        connections.At(job->link).generation != job->linkGeneration)) {
+    return;
+  }
   try {
     const int64_t first = job->next;
     const int64_t want = std::min<int64_t>(static_cast<int64_t>(job->packet),
@@ -193,6 +202,10 @@ void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typM
   job->files = &files;
   job->asker = asker;
   job->reqID = reqID;
+  if (const int32_t link = FindRoute(node, asker); link > 0) {
+    job->link = link;
+    job->linkGeneration = Connections::Get().At(link).generation;
+  }
   SendPieces(job);
 }
 

@@ -226,10 +226,21 @@ TEST(TransferTest, PiecesOfAPacketEachAndACancelStopsTheServer) {
   ASSERT_TRUE(Eventually([&] { return got[bigID].last == FS_Canceled; }));
   EXPECT_LT(got[bigID].data.size(), big.size() / 4);
 
+  // An asker that leaves ends the transfer: the rest would flood the others.
+  Peer bystander("bystander");
+  bystander.ConnectTo(server);
+  asker.node.FileReceived = [&](std::string&, std::string&, typQELRange&, enmFileStatus&,
+                                std::string&) { asker.node.DisconnectAll(); };
+  asker.node.RequestFile("\\big", server.ID(), MakeRange());
+  ASSERT_TRUE(Eventually([&] { return !asker.node.isConnected(); }));
+  const int64_t sentBefore = TheStats().OutPacketCount;
+  RunUntil([] { return false; }, 300);
+  EXPECT_LT(TheStats().OutPacketCount - sentBefore, 10);
+
   // An asker that reads nothing holds the server to a few pieces queued.
   fs::resize_file(dir / "big", 64 << 20);
   const int stuck = Dial(server.Port(), 4096);
-  ASSERT_TRUE(Eventually([&] { return server.established.size() == 2; }));
+  ASSERT_TRUE(Eventually([&] { return server.established.size() == 3; }));
   const std::string get = "GET \\big QEL/2.1\r\nDestination: " + server.ID() +
                           "\r\nSource: RAW\r\nReqID: R\r\nID: G1\r\nTTL: 1\r\n\r\n";
   ASSERT_EQ(send(stuck, get.data(), get.size(), 0), static_cast<ssize_t>(get.size()));
