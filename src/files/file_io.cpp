@@ -62,14 +62,8 @@ int32_t clsFileIO2::readChunk(int32_t size, std::string& data) {
   const int64_t left = std::min<int64_t>(info.st_size, INT32_MAX - 1) - (pos_ - 1);
   const auto want = static_cast<size_t>(std::clamp<int64_t>(left, 0, size));
   data.resize(want);
-  size_t got = 0;
-  while (got < want) {
-    const ssize_t n = pread(fd_, data.data() + got, want - got, static_cast<off_t>(pos_ - 1 + got));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) ThrowErrno("readChunk");
-    if (n == 0) break;  // the file shrank meanwhile
-    got += static_cast<size_t>(n);
-  }
+  // Fewer bytes than asked when the file shrank meanwhile.
+  const size_t got = ReadAt(fd_, data.data(), want, pos_ - 1, "readChunk");
   data.resize(got);
   pos_ += static_cast<int32_t>(got);
   return static_cast<int32_t>(got);

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <system_error>
 
 namespace qel {
 
@@ -31,6 +32,18 @@ int OpenRegularFile(const std::string& path, int flags) {
     return -1;
   }
   return fd;
+}
+
+size_t ReadAt(int fd, char* out, size_t size, int64_t offset, const char* what) {
+  size_t got = 0;
+  while (got < size) {
+    const ssize_t n = pread(fd, out + got, size - got, static_cast<off_t>(offset + got));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw std::system_error(errno, std::generic_category(), what);
+    if (n == 0) break;
+    got += static_cast<size_t>(n);
+  }
+  return got;
 }
 
 ClosingFd::~ClosingFd() {

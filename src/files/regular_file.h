@@ -1,6 +1,8 @@
 // Opening files that can be read to their end without blocking.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace qel {
@@ -10,6 +12,11 @@ namespace qel {
 // descriptor, or -1 with errno set (EINVAL for a NUL in path or a file that
 // is not regular, EISDIR for a folder).
 int OpenRegularFile(const std::string& path, int flags);
+
+// Reads up to size bytes of fd at offset into out, retrying short reads;
+// fewer come back only at the end of the file. Throws std::system_error
+// naming what on a read error.
+size_t ReadAt(int fd, char* out, size_t size, int64_t offset, const char* what);
 
 // Closes fd when it goes out of scope.
 struct ClosingFd {

@@ -76,14 +76,8 @@ void SendPieces(const std::shared_ptr<Serving>& job) {
     const int64_t want = std::min<int64_t>(static_cast<int64_t>(job->packet),
                                            std::max<int64_t>(job->last - first + 1, 0));
     std::string data(static_cast<size_t>(want), '\0');
-    int64_t got = 0;
-    while (got < want) {
-      const ssize_t n = pread(job->fd, data.data() + got, static_cast<size_t>(want - got), first + got);
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) throw std::system_error(errno, std::generic_category(), "reading a shared file");
-      if (n == 0) break;
-      got += n;
-    }
+    const auto got = static_cast<int64_t>(
+        ReadAt(job->fd, data.data(), data.size(), first, "reading a shared file"));
     data.resize(static_cast<size_t>(got));
     job->next = first + got;
     const bool shrank = got < want;  // the file was cut while it was served
