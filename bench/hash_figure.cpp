@@ -6,7 +6,8 @@
 #include <random>
 #include <vector>
 
-#include "files/file_hash.h"
+#include <qel/md5.h>
+
 #include "harness.h"
 
 namespace qelbench {

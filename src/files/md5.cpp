@@ -10,12 +10,14 @@
 #include <system_error>
 #include <vector>
 
-#include "files/file_hash.h"
 #include "files/regular_file.h"
 
 namespace qel {
 
 namespace {
+
+// Bytes read and hashed at a time.
+constexpr size_t kHashChunk = size_t{1} << 20;
 
 struct ContextFree {
   void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }

@@ -4,11 +4,11 @@
 #include <filesystem>
 #include <system_error>
 
+#include <qel/md5.h>
 #include <qel/settings.h>
 
 #include "core/new_id.h"
 #include "core/text.h"
-#include "files/file_hash.h"
 #include "files/listing.h"
 #include "files/remote_path.h"
 #include "net/event_loop.h"

@@ -8,7 +8,6 @@
 #include <qel/file_io.h>
 #include <qel/md5.h>
 
-#include "files/file_hash.h"
 #include "files/ranges.h"
 
 namespace qel {
@@ -36,7 +35,7 @@ TEST_F(Md5Test, KnownDigestsAndFilesHashedInChunks) {
   EXPECT_EQ(md5.MD5("The quick brown fox jumps over the lazy dog"),
             "9e107d9d372bb6826bd81d3542a419d6");
 
-  std::string big(2 * kHashChunk + 3, '\0');
+  std::string big(2 * (size_t{1} << 20) + 3, '\0');
   std::mt19937 rng(7);
   for (char& c : big) c = static_cast<char>(rng());
   for (const std::string& content : {std::string(), std::string("small"), big}) {

@@ -93,11 +93,16 @@ class NodeProcess {
                   "no " + name + " event");
   }
 
-  // Sends a command line and returns its result line.
-  json Command(const std::string& line) {
-    const std::string data = line + "\n", word = line.substr(0, line.find(' '));
+  void Send(const std::string& line) {
+    const std::string data = line + "\n";
     EXPECT_EQ(write(stdin_, data.data(), data.size()), static_cast<ssize_t>(data.size()));
-    return Expect(WaitFor([&](const json& l) { return l.value("command", "") == word; }),
+  }
+
+  // Sends a command line and returns its result line.
+  json Command(const std::string& line, Clock::duration within = kDeadline) {
+    Send(line);
+    const std::string word = line.substr(0, line.find(' '));
+    return Expect(WaitFor([&](const json& l) { return l.value("command", "") == word; }, within),
                   "no result for " + line);
   }
 

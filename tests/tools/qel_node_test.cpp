@@ -4,8 +4,11 @@
 
 #include <time.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <tuple>
 
 #include <qel/settings.h>
 
@@ -123,6 +126,94 @@ TEST(QelNodeTest, MessagesCrossAMiddleProcessFollowRoutesLinksCloseAndBadCommand
     p->CloseStdin();
     EXPECT_EQ(p->WaitExit(), 0);
   }
+}
+
+std::string Slurp(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// C fetches what A shares through B: whole files around the piece size and a
+// large one, ranges, a cancel and a resume that checks the MD5.
+TEST(QelNodeTest, FilesCrossAMiddleProcessWholeInRangesCancelledAndResumed) {
+  namespace fs = std::filesystem;
+  const fs::path dir = fs::path(testing::TempDir()) / ("qel-get-" + std::to_string(getpid()));
+  fs::create_directories(dir / "share");
+  fs::create_directories(dir / "got");
+  std::string big(100 << 20, '\0');
+  uint32_t x = 1;
+  for (char& c : big) c = static_cast<char>((x = x * 1664525 + 1013904223) >> 24);
+  constexpr size_t kPiece = 256 << 10;
+  const std::vector<size_t> sizes = {0, 1, kPiece - 1, kPiece, kPiece + 1, big.size()};
+  for (size_t size : sizes) {
+    std::ofstream(dir / "share" / std::to_string(size), std::ios::binary)
+        .write(big.data(), static_cast<std::streamsize>(size));
+  }
+  NodeProcess a({"--name", "a", "--share", (dir / "share").string()});
+  const Ready ra = WaitReady(a);
+  NodeProcess b({"--name", "b", "--connect", ra.address}), c({"--set", "Timeout=10000"});
+  const Ready rb = WaitReady(b);
+  WaitReady(c);
+  ASSERT_EQ(c.Command("connect " + rb.address)["ok"], true);
+  const auto got = [&](const std::string& name) { return (dir / "got" / name).string(); };
+  const auto get = [&](const std::string& args) {
+    return c.Command("get " + ra.id + " " + args, std::chrono::seconds(60));
+  };
+
+  for (size_t size : sizes) {
+    const std::string name = std::to_string(size);
+    const json result = get("\\" + name + " " + got(name));
+    EXPECT_EQ(result["value"], json({{"ReqID", result["value"]["ReqID"]},
+                                     {"FileStatus", 1},
+                                     {"bytes", size},
+                                     {"path", got(name)}}));
+    EXPECT_TRUE(Slurp(got(name)) == big.substr(0, size)) << size;
+  }
+  const json piece = c.WaitEvent("FileReceived");
+  EXPECT_TRUE(piece.contains("bytes") && !piece.contains("strData")) << piece;
+
+  // Pieces land at their offsets: what a range leaves out stays zero.
+  const std::string edge = std::to_string(kPiece + 1);
+  const std::vector<std::tuple<std::string, size_t, size_t>> ranges = {
+      {"5-14", 5, 10}, {std::to_string(kPiece - 4) + "-", kPiece - 4, 5}, {"-3", kPiece - 2, 3}};
+  for (const auto& [range, from, count] : ranges) {
+    fs::remove(got("range"));
+    const json result = get("\\" + edge + " " + got("range") + " " + range);
+    EXPECT_EQ(result["value"]["bytes"], count) << range;
+    const std::string local = Slurp(got("range"));
+    EXPECT_EQ(local, std::string(from, '\0') + big.substr(from, count)) << range;
+  }
+  for (const std::string& refused : {edge + " " + got("past") + " " + edge + "-",
+                                     std::string("\\..\\share\\1 ") + got("past")}) {
+    const json result = get("\\" + refused);
+    EXPECT_EQ(json::array({result["ok"], result["value"]["FileStatus"]}), json::array({false, 2}));
+    EXPECT_FALSE(fs::exists(got("past"))) << "a failed get leaves no empty file behind";
+  }
+
+  // A cancel ends the get at once; resume fetches only what is missing, here
+  // from another node sharing the same file. D's small pieces leave time to
+  // cancel.
+  NodeProcess d({"--share", (dir / "share").string(), "--set", "filePacket=1", "--connect",
+                 rb.address});
+  const Ready rd = WaitReady(d);
+  ASSERT_EQ(d.WaitFor([](const json& l) { return l.value("command", "") == "connect"; })["ok"],
+            true);
+  const std::string large = std::to_string(big.size());
+  c.Send("get " + rd.id + " \\" + large + " " + got("large"));
+  const std::string reqID = c.WaitEvent("Progress", [&](const json& l) {
+    return l["bytes"] < kPiece;  // D's, not the earlier gets'
+  })["ReqID"];
+  EXPECT_EQ(c.Command("cancel " + rd.id + " " + reqID)["ok"], true);
+  const json cancelled = c.WaitFor([](const json& l) { return l.value("command", "") == "get"; });
+  EXPECT_EQ(json::array({cancelled["ok"], cancelled["value"]["FileStatus"]}),
+            json::array({false, 2}));
+  const size_t part = fs::file_size(got("large"));
+  ASSERT_LT(part, big.size());
+  const json resumed = get("\\" + large + " " + got("large") + " resume verify");
+  EXPECT_EQ(resumed["ok"], true) << resumed;
+  EXPECT_EQ(resumed["value"]["bytes"], big.size() - part);
+  EXPECT_TRUE(Slurp(got("large")) == big);
+  fs::remove_all(dir);
 }
 
 TEST(QelNodeTest, SettingsAndOptionsAreCheckedBeforeTheNodeStarts) {

@@ -204,6 +204,30 @@ CommandResult FileInfo(Session& s, const Args& args) {
   return {true, std::move(value), ""};
 }
 
+CommandResult Get(Session& s, const Args& args) {
+  GetRequest request{args[0], args[1], args[2]};
+  for (size_t i = 3; i < args.size(); ++i) {
+    if (args[i] == "resume") {
+      request.resume = true;
+    } else if (args[i] == "verify") {
+      request.verify = true;
+    } else if (request.range.empty() && i == 3) {
+      request.range = args[i];
+    } else {
+      throw UsageError("expected START-END, 'resume' or 'verify', got '" + args[i] + "'");
+    }
+  }
+  try {
+    return s.downloads.Start(request);
+  } catch (const std::invalid_argument& e) {
+    throw UsageError(e.what());
+  }
+}
+
+CommandResult Cancel(Session& s, const Args& args) {
+  return s.downloads.Cancel(args[0], args[1]);
+}
+
 CommandResult Help(Session&, const Args&);
 
 CommandResult Quit(Session& s, const Args&) {
@@ -235,6 +259,9 @@ const std::array kCommands = {
             Search},
     Command{"fileinfo", "NODEID PATH [hash]", "size (and MD5) of a shared file", 2, 3, false,
             FileInfo},
+    Command{"get", "NODEID REMOTEPATH LOCALPATH [START-END] [resume] [verify]",
+            "fetch a shared file in the background", 3, 6, false, Get},
+    Command{"cancel", "NODEID REQID", "stop a transfer node NODEID serves", 2, 2, false, Cancel},
     Command{"role", "peer|server|router", "the role announced from now on", 1, 1, false, Role},
     Command{"stats", "", "traffic figures of this process", 0, 0, false, Stats},
     Command{"help", "", "list the commands", 0, 0, false, Help},

@@ -8,6 +8,7 @@
 
 #include <qel/node.h>
 
+#include "downloads.h"
 #include "output.h"
 
 namespace qelcli {
@@ -15,6 +16,7 @@ namespace qelcli {
 // What a command works on.
 struct Session {
   qel::cQEL& node;
+  Downloads& downloads;
   bool quit = false;  // set by `quit`
 };
 
@@ -45,7 +47,8 @@ Args SplitArgs(std::string_view rest, size_t maxArgs, bool lastIsText);
 // Runs one console line; the word is what the result is reported under.
 // Unknown words, bad arguments and QelErrors give a failed result. connect,
 // nodes, ping, ls, search and fileinfo run the event loop while they wait, so
-// events are raised (and posted functions run) before this returns.
+// events are raised (and posted functions run) before this returns. get
+// gives a pending result: its own is written when the download ends.
 CommandResult RunLine(Session& session, const ParsedLine& line);
 
 }  // namespace qelcli

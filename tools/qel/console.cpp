@@ -6,12 +6,14 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include <qel/error.h>
 #include <qel/event_loop.h>
 #include <qel/node.h>
 
 #include "commands.h"
+#include "downloads.h"
 #include "line_editor.h"
 #include "line_reader.h"
 #include "output.h"
@@ -20,7 +22,11 @@
 namespace qelcli {
 namespace {
 
-void ReportEvents(qel::cQEL& node, Output& out) {
+Json RangeJson(const qel::typQELRange& range) {
+  return {{"lngStart", range.lngStart}, {"lngEnd", range.lngEnd}, {"lngLen", range.lngLen}};
+}
+
+void ReportEvents(qel::cQEL& node, Output& out, Downloads& downloads) {
   node.MessageReceived = [&out](std::string& strMessage, std::string& strType,
                                 std::string& nodeID) {
     out.Event(
@@ -39,6 +45,34 @@ void ReportEvents(qel::cQEL& node, Output& out) {
   node.ConnectionClosed = [&out](std::string& SourceIP, std::string& nodeID) {
     out.Event("ConnectionClosed", {{"SourceIP", SourceIP}, {"nodeID", nodeID}});
   };
+  node.FileRequest = [&out](std::string& Resource, std::string& fullPath, std::string& nodeID,
+                            std::string& ReqID, std::vector<qel::typQELRange>& Range,
+                            std::string& Metadata, bool&) {
+    Json ranges = Json::array();
+    for (const qel::typQELRange& range : Range) ranges.push_back(RangeJson(range));
+    out.Event("FileRequest", {{"Resource", Resource},
+                              {"fullPath", fullPath},
+                              {"nodeID", nodeID},
+                              {"ReqID", ReqID},
+                              {"Range", std::move(ranges)},
+                              {"Metadata", Metadata}});
+  };
+  node.FileReceived = [&out, &downloads](std::string& ReqID, std::string& strData,
+                                         qel::typQELRange& Range, qel::enmFileStatus& FileStatus,
+                                         std::string& Metadata) {
+    // A download's pieces are on disk: their size says enough.
+    Json fields = {{"ReqID", ReqID}};
+    if (downloads.Owns(ReqID)) {
+      fields["bytes"] = strData.size();
+    } else {
+      fields["strData"] = strData;
+    }
+    fields.update(Json{{"Range", RangeJson(Range)},
+                       {"FileStatus", static_cast<int32_t>(FileStatus)},
+                       {"Metadata", Metadata}});
+    out.Event("FileReceived", fields);
+    downloads.OnPiece(ReqID, strData, Range, FileStatus);
+  };
 }
 
 void SilenceEvents(qel::cQEL& node) {
@@ -47,6 +81,8 @@ void SilenceEvents(qel::cQEL& node) {
   node.ConnectionReq = nullptr;
   node.ConnectionEstab = nullptr;
   node.ConnectionClosed = nullptr;
+  node.FileRequest = nullptr;
+  node.FileReceived = nullptr;
 }
 
 // Runs console lines one at a time. Commands such as ping run the event loop
@@ -54,7 +90,8 @@ void SilenceEvents(qel::cQEL& node) {
 // inside the first: they queue until it is done.
 class Console {
  public:
-  Console(qel::cQEL& node, Output& out) : session_{node}, out_(out) {}
+  Console(qel::cQEL& node, Downloads& downloads, Output& out)
+      : session_{node, downloads}, out_(out) {}
 
   // A line, or end of input when there is none.
   void Submit(std::optional<std::string> line) {
@@ -76,7 +113,8 @@ class Console {
   void Run(const std::string& line) {
     ParsedLine parsed = SplitWord(line);
     if (parsed.word.empty()) return;
-    out_.Result(parsed.word, RunLine(session_, parsed));
+    const CommandResult result = RunLine(session_, parsed);
+    if (!result.pending) out_.Result(parsed.word, result);
     if (session_.quit) Stop();
   }
 
@@ -116,16 +154,23 @@ int RunNode(const NodeOptions& options) {
   const bool interactive = !options.json && !options.noConsole && isatty(0) && isatty(1);
   std::unique_ptr<LineEditor> editor;
   std::unique_ptr<Output> out =
-      options.json ? MakeJsonOutput(std::cout) : MakeTextOutput([&editor](std::string_view text) {
-        if (editor) {
-          editor->Print(text);
-        } else {
-          std::cout << text << std::flush;
-        }
-      });
+      options.json ? MakeJsonOutput(std::cout)
+                   : MakeTextOutput(
+                         [&editor](std::string_view text) {
+                           if (editor) {
+                             editor->Print(text);
+                           } else {
+                             std::cout << text << std::flush;
+                           }
+                         },
+                         // Progress bars only where someone watches them.
+                         [&editor](std::string_view lines) {
+                           if (editor) editor->Status(lines);
+                         });
 
   qel::cQEL node;
-  ReportEvents(node, *out);
+  Downloads downloads(node, *out);
+  ReportEvents(node, *out, downloads);
   node.Initialise(options.name, options.port, options.role, options.descriptor,
                   options.shares.empty() ? "" : options.shares.front(), settings);
   for (size_t i = 1; i < options.shares.size(); ++i) node.shareFolder(options.shares[i]);
@@ -148,7 +193,7 @@ int RunNode(const NodeOptions& options) {
                        {"Port", port},
                        {"Address", qel::LocalAddress() + ":" + std::to_string(port)}});
 
-  Console console(node, *out);
+  Console console(node, downloads, *out);
   {
     // The handler posts to the loop: a command that waits sees it when done.
     ShutdownSignals signals([&console] { qel::Post([&console] { console.Stop(); }); });

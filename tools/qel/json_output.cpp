@@ -214,6 +214,12 @@ class JsonOutput : public Output {
     Write(line);
   }
 
+  void Report(const Progress& progress) override {
+    if (progress.done) return;  // the result says how it ended
+    Event("Progress",
+          {{"ReqID", progress.reqID}, {"bytes", progress.bytes}, {"total", progress.total}});
+  }
+
  private:
   void Write(const Json& line) {
     buffer_.clear();

@@ -5,6 +5,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <clocale>
 #include <condition_variable>
@@ -104,6 +105,23 @@ LineEditor::~LineEditor() {
 }
 
 void LineEditor::Print(std::string_view text) {
+  // The status lines are taken off, the text written where they were, and
+  // they go back below it.
+  std::string out;
+  for (size_t i = 0; i < statusLines_; ++i) out += "\x1b[1A\x1b[2K";
+  out += '\r';
+  out += text;
+  out += status_;
+  statusLines_ = static_cast<size_t>(std::count(status_.begin(), status_.end(), '\n'));
+  Write(out);
+}
+
+void LineEditor::Status(std::string_view lines) {
+  status_ = lines;
+  Print("");
+}
+
+void LineEditor::Write(std::string_view text) {
   if (!editing_) {
     std::fwrite(text.data(), 1, text.size(), stdout);
     std::fflush(stdout);

@@ -1,6 +1,7 @@
 // Line editing and history for the console on a terminal, with libedit.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -30,11 +31,15 @@ class LineEditor {
 
   // Writes whole lines above the line being typed, which stays as it was.
   void Print(std::string_view text);
+  // Keeps lines (each ending with a newline) just above the line being
+  // typed, below whatever is printed later; each call replaces the last.
+  void Status(std::string_view lines);
 
  private:
   struct Libedit;
   struct Watch;
 
+  void Write(std::string_view text);
   void ReadKeys();
   void Finish(std::optional<std::string> line);
   void Watcher();
@@ -42,6 +47,8 @@ class LineEditor {
   std::unique_ptr<Libedit> edit_;
   std::shared_ptr<Watch> watch_;  // shared with the reads posted to the loop
   std::function<bool(std::optional<std::string>)> onLine_;
+  std::string status_;
+  size_t statusLines_ = 0;  // on the screen now
   bool editing_ = false;  // a line is on the screen, taking keys
   bool finished_ = false;
   termios terminal_{};  // stdin's settings before libedit

@@ -1,6 +1,7 @@
 // Where the console writes events and command results: JSON lines or text.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <ostream>
@@ -24,6 +25,16 @@ struct CommandResult {
   Json value;
   std::string error;
   std::string note;
+  bool pending = false;  // runs on: its result is written when it ends
+};
+
+// How far a download has come. total is -1 until the first piece tells.
+struct Progress {
+  std::string reqID;
+  int64_t bytes = 0;
+  int64_t total = -1;
+  double bytesPerSecond = 0;
+  bool done = false;  // the last report of this download
 };
 
 class Output {
@@ -32,15 +43,20 @@ class Output {
   // An event; fields is an object keyed by the event's parameter names.
   virtual void Event(std::string_view name, const Json& fields) = 0;
   virtual void Result(std::string_view command, const CommandResult& result) = 0;
+  virtual void Report(const Progress& progress) = 0;
 };
 
-// {"event":NAME,...} and {"command":WORD,"ok":...,"value":...} lines. A
+// {"event":NAME,...} and {"command":WORD,"ok":...,"value":...} lines;
+// progress as {"event":"Progress","ReqID":...,"bytes":...,"total":...}. A
 // string that is not UTF-8 is written byte by byte as the characters
 // U+0000..U+00FF, and its key is listed under "latin1" in its object.
 std::unique_ptr<Output> MakeJsonOutput(std::ostream& out);
 // Readable lines, each handed whole to write. Bytes go out as they are,
 // but control characters show as \n, \r or \xNN: a peer's text must not
-// move the cursor or drive the terminal.
-std::unique_ptr<Output> MakeTextOutput(std::function<void(std::string_view)> write);
+// move the cursor or drive the terminal. Progress goes to status as one
+// bar a line for each download under way (empty when none is), or nowhere
+// when status is null.
+std::unique_ptr<Output> MakeTextOutput(std::function<void(std::string_view)> write,
+                                       std::function<void(std::string_view)> status = nullptr);
 
 }  // namespace qelcli

@@ -1,5 +1,10 @@
 #include "output.h"
 
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <map>
+
 namespace qelcli {
 namespace {
 
@@ -28,9 +33,61 @@ void AppendPlain(std::string& out, const Json& value) {
   }
 }
 
+// 1.5 MiB, 320 KiB, 12 B.
+std::string Size(double bytes) {
+  const char* units[] = {"B", "KiB", "MiB", "GiB"};
+  int unit = 0;
+  while (bytes >= 1024 && unit < 3) {
+    bytes /= 1024;
+    ++unit;
+  }
+  char text[32];
+  std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", bytes, units[unit]);
+  return text;
+}
+
+// get 3f2a91c0: [########------------]  41%  420.0 MiB / 1.0 GiB  312.4 MB/s  2 s left
+std::string Bar(const Progress& p) {
+  constexpr int kWidth = 20;
+  std::string line = "get " + p.reqID.substr(0, 8) + ": ";
+  if (p.total > 0) {
+    const double done = std::min(1.0, static_cast<double>(p.bytes) / static_cast<double>(p.total));
+    const int filled = static_cast<int>(done * kWidth);
+    line += "[" + std::string(filled, '#') + std::string(kWidth - filled, '-') + "] ";
+    char percent[8];
+    std::snprintf(percent, sizeof percent, "%3d%%", static_cast<int>(done * 100));
+    line += std::string(percent) + "  " + Size(static_cast<double>(p.bytes)) + " / " +
+            Size(static_cast<double>(p.total));
+  } else {
+    line += Size(static_cast<double>(p.bytes));
+  }
+  char rate[32];
+  std::snprintf(rate, sizeof rate, "  %.1f MB/s", p.bytesPerSecond / 1e6);
+  line += rate;
+  if (p.total > 0 && p.bytesPerSecond > 0) {
+    const double left = static_cast<double>(p.total - p.bytes) / p.bytesPerSecond;
+    line += "  " + std::to_string(static_cast<int64_t>(std::ceil(std::max(0.0, left)))) + " s left";
+  }
+  return line + "\n";
+}
+
 class TextOutput : public Output {
  public:
-  explicit TextOutput(std::function<void(std::string_view)> write) : write_(std::move(write)) {}
+  TextOutput(std::function<void(std::string_view)> write,
+             std::function<void(std::string_view)> status)
+      : write_(std::move(write)), status_(std::move(status)) {}
+
+  void Report(const Progress& progress) override {
+    if (!status_) return;
+    if (progress.done) {
+      bars_.erase(progress.reqID);
+    } else {
+      bars_[progress.reqID] = Bar(progress);
+    }
+    std::string lines;
+    for (const auto& [id, bar] : bars_) lines += bar;
+    status_(lines);
+  }
 
   void Event(std::string_view name, const Json& fields) override {
     std::string line = "* ";
@@ -85,12 +142,15 @@ class TextOutput : public Output {
   }
 
   std::function<void(std::string_view)> write_;
+  std::function<void(std::string_view)> status_;
+  std::map<std::string, std::string> bars_;  // by request
 };
 
 }  // namespace
 
-std::unique_ptr<Output> MakeTextOutput(std::function<void(std::string_view)> write) {
-  return std::make_unique<TextOutput>(std::move(write));
+std::unique_ptr<Output> MakeTextOutput(std::function<void(std::string_view)> write,
+                                       std::function<void(std::string_view)> status) {
+  return std::make_unique<TextOutput>(std::move(write), std::move(status));
 }
 
 }  // namespace qelcli
