@@ -6,7 +6,7 @@
 //   qel_figures [--runs N] [--verbose] [--only TEXT] [--with qel,tcp,zmq]
 //
 // --only keeps the figures whose name contains TEXT ("direct plain", "relay",
-// "ping", "codec"); --with keeps the listed contenders (handy under perf).
+// "ping", "codec", "md5", "file transfer"); --with keeps the listed contenders (handy under perf).
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -24,6 +24,7 @@
 #include "qel_peers.h"
 #include "rig.h"
 #include "tcp_peers.h"
+#include "transfer_figure.h"
 #include "zmq_peers.h"
 
 namespace qelbench {
@@ -307,6 +308,15 @@ int main(int argc, char** argv) {
   if (WantFigure(options, "codec")) CodecFigures(options);
   // md5sum, like every other reference, runs on the same file in the same run.
   if (WantFigure(options, "md5")) HashFigure(home, int64_t{1} << 30, options.runs);
+  if (WantFigure(options, "file transfer")) {
+    // In memory where the machine allows: the figure is the transfer, and a
+    // disk's write-back would land on whichever contender runs next.
+    std::error_code ec;
+    const bool shm = std::filesystem::is_directory("/dev/shm", ec);
+    const std::string folder = (shm ? std::string("/dev/shm") : std::string(home)) +
+                               "/qel-transfer-" + std::to_string(getpid());
+    TransferFigures(QEL_CLI_PATH, folder, int64_t{1} << 30, options.runs);
+  }
   std::filesystem::remove_all(home);
   return 0;
 }

@@ -12,6 +12,9 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <random>
+#include <stdexcept>
 
 namespace qelbench {
 
@@ -177,6 +180,42 @@ std::optional<std::string> Child::Expect(std::string_view word, int timeoutMs, s
     }
   }
   return std::nullopt;
+}
+
+std::unique_ptr<Child> RunProgram(std::string name, std::vector<std::string> argv,
+                                  unsigned lifetimeSeconds) {
+  // Built before fork: the child only execs.
+  std::vector<char*> args;
+  for (std::string& arg : argv) args.push_back(arg.data());
+  args.push_back(nullptr);
+  return std::make_unique<Child>(
+      std::move(name),
+      [args](Channel& channel) {
+        dup2(channel.readFd(), 0);
+        dup2(channel.writeFd(), 1);
+        execv(args[0], args.data());
+        throw std::runtime_error(std::string("cannot run ") + args[0]);
+      },
+      lifetimeSeconds);
+}
+
+int64_t PeakRssKiB(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmHWM:")) return std::atoll(line.c_str() + 6);
+  }
+  return -1;
+}
+
+void WriteRandomFile(const std::string& path, int64_t bytes) {
+  std::vector<char> block(1 << 20);
+  std::mt19937_64 random(7);
+  for (char& c : block) c = static_cast<char>(random());
+  std::ofstream out(path, std::ios::binary);
+  for (int64_t written = 0; written < bytes; written += static_cast<int64_t>(block.size())) {
+    const int64_t size = std::min<int64_t>(static_cast<int64_t>(block.size()), bytes - written);
+    out.write(block.data(), static_cast<std::streamsize>(size));
+  }
 }
 
 std::string Field(std::string_view line, std::string_view key) {

@@ -47,6 +47,10 @@ class Channel {
   // Whether a line, or the end of the pipe, is waiting; waits up to timeoutMs.
   bool Pending(int timeoutMs);
 
+  // The descriptors, for a child that hands them to a program it runs.
+  int readFd() const { return in_; }
+  int writeFd() const { return out_; }
+
  private:
   int in_ = -1;
   int out_ = -1;
@@ -70,6 +74,7 @@ class Child {
   const std::string& name() const { return name_; }
   Channel& channel() { return *channel_; }
   bool started() const { return pid_ > 0; }
+  pid_t pid() const { return pid_; }
 
   // The next line, when it starts with word. Otherwise nullopt, with why set
   // to the line that came instead (a child's failure report), or to the
@@ -81,6 +86,18 @@ class Child {
   pid_t pid_ = -1;
   std::unique_ptr<Channel> channel_;
 };
+
+// A child running a program with its channel as stdin and stdout; the
+// lifetime's alarm and the parent-death signal carry over into it.
+std::unique_ptr<Child> RunProgram(std::string name, std::vector<std::string> argv,
+                                  unsigned lifetimeSeconds = 240);
+
+// The peak resident memory of a process of this host in KiB, or -1.
+int64_t PeakRssKiB(pid_t pid);
+
+// A file of pseudo-random bytes (a compressing file system must not
+// flatter anyone).
+void WriteRandomFile(const std::string& path, int64_t bytes);
 
 // "word key=value key=value": the value of key, or empty.
 std::string Field(std::string_view line, std::string_view key);

@@ -2,8 +2,6 @@
 
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <random>
 #include <vector>
 
 #include <qel/md5.h>
@@ -34,18 +32,7 @@ std::string Megabytes(double bytesPerSecond) {
 
 void HashFigure(const std::string& folder, int64_t bytes, int runs) {
   const std::string path = folder + "/hash-figure.bin";
-  {
-    // Random bytes, written once: the digest's cost does not depend on them,
-    // but a compressing file system would flatter a repeated pattern.
-    std::vector<char> block(1 << 20);
-    std::mt19937_64 random(7);
-    for (char& c : block) c = static_cast<char>(random());
-    std::ofstream out(path, std::ios::binary);
-    for (int64_t written = 0; written < bytes; written += static_cast<int64_t>(block.size())) {
-      out.write(block.data(), static_cast<std::streamsize>(
-                                  std::min<int64_t>(static_cast<int64_t>(block.size()), bytes - written)));
-    }
-  }
+  WriteRandomFile(path, bytes);
   std::string failure;
   std::vector<double> qel, reference;
   std::string qelDigest, referenceDigest;

@@ -13,10 +13,6 @@
 #include "reference_codec.h"
 
 namespace qelbench {
-namespace {
-
-// Bytes gathered before one write, as a node gathers a loop turn's messages.
-constexpr size_t kChunk = 64 * 1024;
 
 sockaddr_in LoopbackAddress(uint16_t port) {
   sockaddr_in address{};
@@ -85,6 +81,11 @@ bool ReadExact(int fd, char* data, size_t size) {
   }
   return true;
 }
+
+namespace {
+
+// Bytes gathered before one write, as a node gathers a loop turn's messages.
+constexpr size_t kChunk = 64 * 1024;
 
 void AppendFrame(std::string& out, std::string_view body) {
   const uint32_t size = static_cast<uint32_t>(body.size());

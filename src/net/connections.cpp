@@ -520,18 +520,42 @@ void Connections::WakeDrainWaiters(int32_t index, bool all) {
 }
 
 void Connections::Write(int32_t index, std::string_view text) {
-  if (!IsConnected(index)) return;
+  if (Admit(index, text)) {
+    conns_[index]->sck->Send(text);
+    LimitBacklog(index);
+  }
+}
+
+void Connections::WriteOwned(int32_t index, std::string&& text) {
+  if (Admit(index, text)) {
+    conns_[index]->sck->SendOwned(std::move(text));
+    LimitBacklog(index);
+  }
+}
+
+void Connections::WriteOwned(int32_t index, std::string&& header, std::string&& body) {
+  if (Admit(index, header, body)) {
+    conns_[index]->sck->SendOwned(std::move(header), std::move(body));
+    LimitBacklog(index);
+  }
+}
+
+bool Connections::Admit(int32_t index, std::string_view text, std::string_view more) {
+  if (!IsConnected(index)) return false;
   Connection& c = *conns_[index];
-  if (c.backlogFull) return;
+  if (c.backlogFull) return false;
   if (TheDebugLog().Enabled()) {
     DebugLine("<< OUTGOING <<<<<<<<<<");
-    DebugLine(text);
+    DebugLine(std::string(text).append(more));
   }
   // A piece that would pass the budget first closes whoever holds the most,
   // this connection perhaps.
-  CheckBudget(index, text.size());
-  if (c.backlogFull) return;
-  c.sck->Send(text);
+  CheckBudget(index, text.size() + more.size());
+  return !c.backlogFull;
+}
+
+void Connections::LimitBacklog(int32_t index) {
+  Connection& c = *conns_[index];
   // A peer that stops reading must not make this process hold everything
   // the network sends its way. Room for two whole messages of the largest
   // size plus a header keeps every legitimate burst.

@@ -90,6 +90,10 @@ class Connections {
   int32_t ConnectionOfNode(std::string_view nodeID) const;
   // Writes text to a connected socket; others are skipped silently.
   void Write(int32_t index, std::string_view text);
+  // The same, taking the text over (no copy of a large message).
+  void WriteOwned(int32_t index, std::string&& text);
+  // A message as header and body, sent without joining them.
+  void WriteOwned(int32_t index, std::string&& header, std::string&& body);
   void WriteToAllExcept(int32_t except, std::string_view text);
   // Bytes waiting to be sent on a connection (0 for one that is not up).
   size_t QueuedBytes(int32_t index) const;
@@ -130,6 +134,10 @@ class Connections {
   // Closes the largest holders while the bytes held, with incoming more for
   // index, pass the budget.
   void CheckBudget(int32_t index, size_t incoming = 0);
+  // Whether text may be queued on index (debug-logged when it may).
+  bool Admit(int32_t index, std::string_view text, std::string_view more = {});
+  // Closes index once its queue passes what any burst needs.
+  void LimitBacklog(int32_t index);
   void CloseWithFault(int32_t index, uint64_t generation, const std::string& text);
   void CloseLater(int32_t index, std::string text);
   void ReleaseBuffers(Connection& c);

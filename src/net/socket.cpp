@@ -230,6 +230,20 @@ void Socket::Send(std::string_view data) {
   impl_->ScheduleFlush();
 }
 
+void Socket::SendOwned(std::string&& data) {
+  if (data.size() < Impl::kPieceBytes) return Send(std::string_view(data));
+  impl_->queuedBytes += data.size();
+  impl_->outgoing.push_back(std::move(data));
+  impl_->ScheduleFlush();
+}
+
+void Socket::SendOwned(std::string&& header, std::string&& body) {
+  impl_->Queue(header);
+  impl_->queuedBytes += body.size();
+  impl_->outgoing.push_back(std::move(body));
+  impl_->ScheduleFlush();
+}
+
 void Socket::DiscardQueued() {
   std::deque<std::string>().swap(impl_->outgoing);
   impl_->queuedBytes = 0;

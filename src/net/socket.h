@@ -54,6 +54,10 @@ class Socket {
   // Queues bytes. Everything queued during one turn of the loop leaves in one
   // write; a slow peer only grows its own queue.
   void Send(std::string_view data);
+  // The same, taking the bytes over: a large message is queued without a copy.
+  void SendOwned(std::string&& data);
+  // A message in two parts, header and body, written as one without joining them.
+  void SendOwned(std::string&& header, std::string&& body);
   // Forgets what is queued and not yet being written, giving its memory back.
   void DiscardQueued();
   // Bytes queued or being written.

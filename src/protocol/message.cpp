@@ -79,7 +79,10 @@ typMessage NewMessage() {
   return typMessage{};
 }
 
-void SerialiseMessage(const typMessage& message, std::string& out) {
+namespace {
+
+// The header, with room reserved for a body of bodyRoom bytes after it.
+void AppendHeader(const typMessage& message, std::string& out, size_t bodyRoom) {
   const size_t spaces =
       static_cast<size_t>(std::count(message.Resource.begin(), message.Resource.end(), ' '));
   size_t size = message.MsgType.size() + 1 + message.Resource.size() + 2 * spaces + 1 +
@@ -87,7 +90,7 @@ void SerialiseMessage(const typMessage& message, std::string& out) {
   for (size_t i = 1; i < message.Fields.size(); ++i) {
     size += message.Fields[i].Name.size() + 2 + message.Fields[i].Value.size() + 2;
   }
-  size += 2 + message.Body.size();
+  size += 2 + bodyRoom;
   out.reserve(out.size() + size);
 
   out.append(message.MsgType).push_back(' ');
@@ -102,7 +105,18 @@ void SerialiseMessage(const typMessage& message, std::string& out) {
     out.append(message.Fields[i].Name).append(": ");
     out.append(message.Fields[i].Value).append(kCrLf);
   }
-  out.append(kCrLf).append(message.Body);
+  out.append(kCrLf);
+}
+
+}  // namespace
+
+void SerialiseHeader(const typMessage& message, std::string& out) {
+  AppendHeader(message, out, 0);
+}
+
+void SerialiseMessage(const typMessage& message, std::string& out) {
+  AppendHeader(message, out, message.Body.size());
+  out.append(message.Body);
 }
 
 std::string SerialiseMessage(const typMessage& message) {

@@ -39,6 +39,8 @@ typMessage NewMessage();
 // and flags come from EncodeBody and the sender. Appending lets a transport
 // gather many messages into one buffer.
 void SerialiseMessage(const typMessage& message, std::string& out);
+// The message's text up to its body: what SerialiseMessage writes before it.
+void SerialiseHeader(const typMessage& message, std::string& out);
 std::string SerialiseMessage(const typMessage& message);
 
 // Parses message.Header (a complete header, CR LF line ends) into MsgType

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <optional>
+#include <type_traits>
+#include <utility>
 
 #include <qel/variant.h>
 
@@ -69,18 +71,44 @@ int32_t FindRoute(RoutingNode& node, const std::string& destination) {
   return hop.empty() ? 0 : connections.ConnectionOfNode(hop);
 }
 
-void Transmit(RoutingNode& node, std::string_view text, int32_t fromConn, int32_t viaConn,
-              const std::string& destination) {
+namespace {
+
+// Bodies from this size on are not copied behind their header.
+constexpr size_t kLargeBody = 64 * 1024;
+
+void CountSent() {
   auto& stats = TheStats();
   ++stats.OutPacketsAcc;
   ++stats.OutPacketCount;
+}
+
+template <typename Text>
+void TransmitText(RoutingNode& node, Text&& text, int32_t fromConn, int32_t viaConn,
+                  const std::string& destination) {
+  CountSent();
   auto& connections = Connections::Get();
   int32_t target = viaConn >= 1 ? viaConn : FindRoute(node, destination);
   if (fromConn <= 0 && target > 0) {
-    connections.Write(target, text);
+    if constexpr (std::is_same_v<Text, std::string>) {
+      connections.WriteOwned(target, std::move(text));
+    } else {
+      connections.Write(target, text);
+    }
   } else {
     connections.WriteToAllExcept(fromConn, text);
   }
+}
+
+}  // namespace
+
+void Transmit(RoutingNode& node, std::string_view text, int32_t fromConn, int32_t viaConn,
+              const std::string& destination) {
+  TransmitText(node, text, fromConn, viaConn, destination);
+}
+
+void Transmit(RoutingNode& node, std::string&& text, int32_t fromConn, int32_t viaConn,
+              const std::string& destination) {
+  TransmitText(node, std::move(text), fromConn, viaConn, destination);
 }
 
 bool StampMessage(RoutingNode& node, typMessage& message) {
@@ -108,20 +136,28 @@ bool StampMessage(RoutingNode& node, typMessage& message) {
 
 void SendPacket(RoutingNode& node, typMessage& message, int32_t viaConn) {
   const bool confirm = StampMessage(node, message);
-  std::string text = SerialiseMessage(message);
   std::string id = GetSingleField(message.Fields, "ID");
   std::string destination = GetSingleField(message.Fields, "Destination");
   // Our own messages coming back over another path are dropped as seen.
   if (!node.seeSelf && !node.SeenIDs.Contains(id)) node.SeenIDs.Add(id);
   if (confirm) {
-    QueueConfirmable(node, {.Text = std::move(text),
+    QueueConfirmable(node, {.Text = SerialiseMessage(message),
                             .ViaConn = viaConn,
                             .MsgType = message.MsgType,
                             .Destination = std::move(destination),
                             .ID = std::move(id)});
-  } else {
-    Transmit(node, text, -1, viaConn, destination);
+    return;
   }
+  const int32_t target = viaConn >= 1 ? viaConn : FindRoute(node, destination);
+  if (target > 0 && message.Body.size() >= kLargeBody) {
+    // A large body (a file's piece) goes out behind its header as it is.
+    std::string header;
+    SerialiseHeader(message, header);
+    CountSent();
+    Connections::Get().WriteOwned(target, std::move(header), std::move(message.Body));
+    return;
+  }
+  Transmit(node, SerialiseMessage(message), -1, viaConn, destination);
 }
 
 void ForwardPacket(RoutingNode& node, typMessage& message, int32_t fromConn) {
@@ -136,7 +172,7 @@ void ForwardPacket(RoutingNode& node, typMessage& message, int32_t fromConn) {
   // Relays always flood: the split horizon and the duplicate cache are what
   // stop loops.
   const std::string* destination = FindField(fields, "Destination");
-  Transmit(node, text, fromConn, 0, destination ? *destination : std::string());
+  Transmit(node, std::move(text), fromConn, 0, destination ? *destination : std::string());
 }
 
 }  // namespace qel

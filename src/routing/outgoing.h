@@ -17,7 +17,8 @@ struct RoutingNode;
 bool StampMessage(RoutingNode& node, typMessage& message);
 
 // Stamps, serialises and sends a message made on this node: to viaConn when
-// given, else along a known route, else to every connection.
+// given, else along a known route, else to every connection. A large body
+// may be taken over, leaving message.Body empty.
 void SendPacket(RoutingNode& node, typMessage& message, int32_t viaConn = 0);
 
 // Relays a received message to every connection but the one it came in on,

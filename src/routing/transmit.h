@@ -18,5 +18,9 @@ int32_t FindRoute(RoutingNode& node, const std::string& destination);
 // fromConn. Counts one message sent.
 void Transmit(RoutingNode& node, std::string_view text, int32_t fromConn, int32_t viaConn,
               const std::string& destination);
+// The same, taking the text over: a message with one connection to go to is
+// queued there without a copy.
+void Transmit(RoutingNode& node, std::string&& text, int32_t fromConn, int32_t viaConn,
+              const std::string& destination);
 
 }  // namespace qel

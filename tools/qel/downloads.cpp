@@ -88,11 +88,9 @@ CommandResult Downloads::Start(const GetRequest& request) {
   if (!download.file.openFile(request.localPath, true)) {
     return {false, nullptr, "cannot write " + request.localPath};
   }
-  if (replace) {
-    std::error_code ec;
-    std::filesystem::resize_file(request.localPath, 0, ec);
-    if (ec) return {false, nullptr, "cannot write " + request.localPath + ": " + ec.message()};
-  }
+  // Written over in place and cut to its new length at the end: the pages
+  // of a file fetched again are not freed and taken anew.
+  download.cutAtEnd = replace;
   if (have > 0) {
     download.total = remoteSize - have;
     if (have == remoteSize) {
@@ -162,6 +160,12 @@ void Downloads::Finish(Iterator it, qel::enmFileStatus status, std::string error
   if (ended_.size() > kEndedKept) ended_.pop_front();
   download.file.closeFile();
   Report(reqID, download, true);
+  if (status == qel::FS_Complete && download.cutAtEnd) {
+    std::error_code ec;
+    std::filesystem::resize_file(download.request.localPath, static_cast<uintmax_t>(download.bytes),
+                                 ec);
+    if (ec && error.empty()) error = "cannot write " + download.request.localPath + ": " + ec.message();
+  }
   const CommandResult result = Outcome(reqID, download, status, std::move(error));
   if (!result.ok && download.created && download.bytes == 0) {
     std::error_code ignored;

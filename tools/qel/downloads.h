@@ -56,6 +56,7 @@ class Downloads {
     qel::clsFileIO2 file;
     std::string remoteHash;  // when verifying
     bool created = false;    // the local file is this download's: removed if it stays empty
+    bool cutAtEnd = false;   // a whole file: what lies past its end once complete goes
     int64_t bytes = 0;       // written so far
     int64_t total = -1;      // to write, once the file's length is known
     Clock::time_point started = Clock::now();

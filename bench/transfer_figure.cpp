@@ -1,0 +1,256 @@
+#include "transfer_figure.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "harness.h"
+#include "rig.h"
+#include "tcp_peers.h"
+
+namespace qelbench {
+namespace {
+
+using nlohmann::json;
+
+constexpr size_t kWrite = 256 << 10;  // the reference's reads and writes, a node's piece
+constexpr int kTransferTimeoutMs = 180000;
+
+// One part of the shared file: where it starts and how many bytes.
+struct Span {
+  int64_t offset = 0;
+  int64_t length = 0;
+};
+
+// "fail ..." lines stop a child; the parent shows them.
+void Check(bool ok, const std::string& what) {
+  if (!ok) throw std::runtime_error(what);
+}
+
+// The receiving reference: per run "arm len=L offset=O cut=0|1 path=P" ->
+// "armed", then one connection's L bytes written over P from O (and P cut
+// to O + L when asked, as a whole file is) -> "got t=T".
+void TcpFileReceiver(Channel& channel) {
+  int64_t port = 0;
+  const int listener = ListenLoopback(port);
+  Check(listener >= 0, "cannot listen");
+  channel.Send("ready port=" + std::to_string(port));
+  std::vector<char> buffer(kWrite);
+  while (std::optional<std::string> line = channel.Receive(-1)) {
+    const int64_t length = FieldInt(*line, "len");
+    int64_t at = FieldInt(*line, "offset");
+    const std::string path = Field(*line, "path");
+    const int file = open(path.c_str(), O_WRONLY | O_CREAT, 0644);
+    Check(file >= 0, "cannot write " + path);
+    channel.Send("armed");
+    const int socket = AcceptOne(listener);
+    Check(socket >= 0, "accept failed");
+    for (int64_t left = length; left > 0;) {
+      const ssize_t got = read(socket, buffer.data(), buffer.size());
+      Check(got > 0, "the sender stopped early");
+      for (ssize_t put = 0; put < got;) {
+        const ssize_t n = pwrite(file, buffer.data() + put, static_cast<size_t>(got - put), at);
+        Check(n > 0, "cannot write " + path);
+        put += n;
+        at += n;
+      }
+      left -= got;
+    }
+    if (FieldInt(*line, "cut") != 0) Check(ftruncate(file, at) == 0, "cannot write " + path);
+    channel.Send("got t=" + std::to_string(NowNs()));
+    close(socket);
+    close(file);
+  }
+}
+
+// The sending reference: "send port=P offset=O len=L path=F" -> "start t=T"
+// as it starts reading F.
+void TcpFileSender(Channel& channel) {
+  channel.Send("ready");
+  std::vector<char> buffer(kWrite);
+  while (std::optional<std::string> line = channel.Receive(-1)) {
+    const int socket = ConnectLoopback(FieldInt(*line, "port"));
+    Check(socket >= 0, "cannot connect");
+    const std::string path = Field(*line, "path");
+    const int file = open(path.c_str(), O_RDONLY);
+    Check(file >= 0, "cannot read " + path);
+    channel.Send("start t=" + std::to_string(NowNs()));
+    int64_t at = FieldInt(*line, "offset");
+    for (int64_t left = FieldInt(*line, "len"); left > 0;) {
+      const ssize_t got = pread(file, buffer.data(), std::min<int64_t>(left, kWrite), at);
+      Check(got > 0, "cannot read " + path);
+      Check(WriteAll(socket, buffer.data(), static_cast<size_t>(got)), "the receiver is gone");
+      at += got;
+      left -= got;
+    }
+    close(file);
+    close(socket);
+  }
+}
+
+// The next JSON line of a node that matches, skipping the others.
+std::optional<json> WaitLine(Child& node, const std::function<bool(const json&)>& match,
+                             int timeoutMs, std::string& why) {
+  const int64_t deadline = NowNs() + int64_t{timeoutMs} * 1'000'000;
+  for (;;) {
+    const int64_t left = (deadline - NowNs()) / 1'000'000;
+    std::optional<std::string> line = left > 0 ? node.channel().Receive(static_cast<int>(left))
+                                               : std::nullopt;
+    if (!line) {
+      why = node.name() + ": no answer in time";
+      return std::nullopt;
+    }
+    json parsed = json::parse(*line, nullptr, false);
+    if (parsed.is_object() && match(parsed)) return parsed;
+    if (line->starts_with("fail")) {
+      why = node.name() + ": " + *line;
+      return std::nullopt;
+    }
+  }
+}
+
+bool IsCommand(const json& line, const char* word) {
+  return line.value("command", "") == word;
+}
+
+std::string RangeWords(const Span& span, int64_t fileSize) {
+  if (span.offset == 0 && span.length == fileSize) return "";
+  return " " + std::to_string(span.offset) + "-" + std::to_string(span.offset + span.length - 1);
+}
+
+struct Contenders {
+  std::unique_ptr<Child> server, client, receiver, sender;
+  std::string serverID;
+  int64_t receiverPort = 0;
+  std::string failure;
+};
+
+Contenders Start(const std::string& qelBinary, const std::string& share) {
+  Contenders c;
+  c.server = RunProgram("qel-server",
+                        {qelBinary, "node", "--json", "--port", "0", "--share", share});
+  std::optional<json> ready =
+      WaitLine(*c.server, [](const json& l) { return l.value("event", "") == "Ready"; },
+               kReadyTimeoutMs, c.failure);
+  if (!ready) return c;
+  c.serverID = (*ready)["ID"];
+  const std::string address = (*ready)["Address"];
+  c.client = RunProgram("qel-client",
+                        {qelBinary, "node", "--json", "--port", "0", "--connect", address});
+  std::optional<json> connected = WaitLine(
+      *c.client, [](const json& l) { return IsCommand(l, "connect"); }, kReadyTimeoutMs, c.failure);
+  if (connected && !(*connected)["ok"].get<bool>()) c.failure = "qel-client: cannot connect";
+  c.receiver = std::make_unique<Child>("tcp-receiver", TcpFileReceiver);
+  c.sender = std::make_unique<Child>("tcp-sender", TcpFileSender);
+  std::optional<std::string> line = c.receiver->Expect("ready", kReadyTimeoutMs, &c.failure);
+  if (line) c.receiverPort = FieldInt(*line, "port");
+  if (line && !c.sender->Expect("ready", kReadyTimeoutMs, &c.failure)) c.receiverPort = 0;
+  return c;
+}
+
+std::optional<double> QelRun(Contenders& c, const Span& span, int64_t fileSize,
+                             const std::string& target, std::string& why) {
+  const int64_t start = NowNs();
+  c.client->channel().Send("get " + c.serverID + " \\big " + target + RangeWords(span, fileSize));
+  std::optional<json> result = WaitLine(
+      *c.client, [](const json& l) { return IsCommand(l, "get"); }, kTransferTimeoutMs, why);
+  if (!result) return std::nullopt;
+  const int64_t end = NowNs();
+  if (!(*result)["ok"].get<bool>() || (*result)["value"]["bytes"] != span.length) {
+    why = "qel-client: " + result->dump();
+    return std::nullopt;
+  }
+  return static_cast<double>(span.length) * 1e9 / static_cast<double>(end - start);
+}
+
+std::optional<double> TcpRun(Contenders& c, const Span& span, const std::string& source,
+                             const std::string& target, std::string& why) {
+  c.receiver->channel().Send("arm len=" + std::to_string(span.length) +
+                             " offset=" + std::to_string(span.offset) +
+                             " cut=" + (span.offset == 0 ? "1" : "0") + " path=" + target);
+  if (!c.receiver->Expect("armed", 5000, &why)) return std::nullopt;
+  c.sender->channel().Send("send port=" + std::to_string(c.receiverPort) +
+                           " offset=" + std::to_string(span.offset) +
+                           " len=" + std::to_string(span.length) + " path=" + source);
+  std::optional<std::string> start = c.sender->Expect("start", 5000, &why);
+  if (!start) return std::nullopt;
+  std::optional<std::string> got = c.receiver->Expect("got", kTransferTimeoutMs, &why);
+  if (!got) return std::nullopt;
+  return static_cast<double>(span.length) * 1e9 /
+         static_cast<double>(FieldInt(*got, "t") - FieldInt(*start, "t"));
+}
+
+std::string Megabytes(double bytesPerSecond) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.0f MB/s", bytesPerSecond / 1e6);
+  return text;
+}
+
+std::string Show(const char* name, const std::vector<double>& rates, const std::string& failure) {
+  if (!failure.empty()) return std::string(name) + " failed (" + failure + ")";
+  const Summary s = Summarise(rates);
+  return std::string(name) + " " + Megabytes(s.median) + " " + FormatSpread(s);
+}
+
+std::string Mebibytes(int64_t kib) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f MiB", static_cast<double>(kib) / 1024);
+  return kib < 0 ? "?" : text;
+}
+
+}  // namespace
+
+void TransferFigures(const std::string& qelBinary, const std::string& folder, int64_t bytes,
+                     int runs) {
+  const std::string share = folder + "/share";
+  const std::string source = share + "/big";
+  const std::string target = folder + "/fetched";
+  std::filesystem::create_directories(share);
+  WriteRandomFile(source, bytes);
+  Contenders c = Start(qelBinary, share);
+
+  const std::pair<const char*, Span> figures[] = {
+      {"whole", {0, bytes}},
+      {"range", {bytes / 2, std::min<int64_t>(bytes / 2, 100 << 20)}}};
+  for (const auto& [kind, span] : figures) {
+    std::vector<double> qel, tcp;
+    std::string qelFailure = c.failure, tcpFailure = c.failure;
+    // A first run of each warms the page cache and the connections.
+    // Both write over the same file in place, as `get` does, and cut it to
+    // length at the end.
+    for (int run = 0; run <= runs; ++run) {
+      if (qelFailure.empty()) {
+        std::optional<double> rate = QelRun(c, span, bytes, target, qelFailure);
+        if (rate && run > 0) qel.push_back(*rate);
+      }
+      if (tcpFailure.empty()) {
+        std::optional<double> rate = TcpRun(c, span, source, target, tcpFailure);
+        if (rate && run > 0) tcp.push_back(*rate);
+      }
+    }
+    std::printf("file transfer %s %lld MiB: %s  %s", kind,
+                static_cast<long long>(span.length >> 20), Show("qel", qel, qelFailure).c_str(),
+                Show("tcp", tcp, tcpFailure).c_str());
+    if (qelFailure.empty()) {
+      // Peaks so far: the whole file was served before the range.
+      std::printf("  (qel peak RSS: serving %s, fetching %s)",
+                  Mebibytes(PeakRssKiB(c.server->pid())).c_str(),
+                  Mebibytes(PeakRssKiB(c.client->pid())).c_str());
+    }
+    std::printf("\n");
+    std::fflush(stdout);
+  }
+  c = Contenders{};
+  std::filesystem::remove_all(folder);
+}
+
+}  // namespace qelbench
