@@ -252,15 +252,19 @@ TEST_F(SharingTest, RawPeersReachNothingOutsideTheSharesAndStrayAnswersAreIgnore
   int n = 0;
   for (const auto& [peer, folder] : folders) {
     RawPeer& raw = peer == &b ? toShare : toNone;
-    const std::string list = "L" + std::to_string(++n), info = "I" + std::to_string(n);
+    const std::string list = "L" + std::to_string(++n), info = "I" + std::to_string(n),
+                      get = "G" + std::to_string(n);
     raw.socket.Send(Raw("GETCONTENTS", list, folder, Settings("SearchSubDirs=True"), peer->ID()));
     raw.socket.Send(
         Raw("GETFILEINFO", info, folder + "/key.txt", Settings("skipHash=False"), peer->ID()));
+    raw.socket.Send(Raw("GET", get, folder + "/key.txt", "", peer->ID()));
     ASSERT_TRUE(Eventually([&] {
-      return raw.answers.contains(list) && raw.answers.contains(info);
+      return raw.answers.contains(list) && raw.answers.contains(info) && raw.answers.contains(get);
     })) << folder;
     EXPECT_EQ(raw.answers[list].Body, MakeContents("", "", {""}).Body) << folder;
     EXPECT_EQ(raw.answers[info].Body, MakeFileInfo("", "", -1, "").Body) << folder;
+    EXPECT_EQ(GetSingleField(raw.answers[get].Fields, "FileStatus") + raw.answers[get].Body, "2")
+        << folder;
   }
 
   // Answers to slots a holds open and to none, with bodies that do not load.
