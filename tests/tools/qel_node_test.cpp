@@ -155,7 +155,8 @@ TEST(QelNodeTest, FilesCrossAMiddleProcessWholeInRangesCancelledAndResumed) {
   }
   NodeProcess a({"--name", "a", "--share", (dir / "share").string()});
   const Ready ra = WaitReady(a);
-  NodeProcess b({"--name", "b", "--connect", ra.address}), c({"--set", "Timeout=10000"});
+  NodeProcess b({"--name", "b", "--connect", ra.address, "--set", "Timeout=2000"}),
+      c({"--set", "Timeout=10000"});
   const Ready rb = WaitReady(b);
   WaitReady(c);
   ASSERT_EQ(c.Command("connect " + rb.address)["ok"], true);
@@ -197,13 +198,19 @@ TEST(QelNodeTest, FilesCrossAMiddleProcessWholeInRangesCancelledAndResumed) {
   // A cancel ends the get at once; resume fetches only what is missing, here
   // from another node sharing the same file. D's small pieces leave time to
   // cancel.
-  NodeProcess d({"--share", (dir / "share").string(), "--set", "filePacket=1", "--connect",
-                 rb.address});
+  fs::create_directories(dir / "more");
+  NodeProcess d({"--share", (dir / "share").string(), "--share", (dir / "more").string(), "--set",
+                 "filePacket=1", "--connect", rb.address});
   const Ready rd = WaitReady(d);
   ASSERT_EQ(d.WaitFor([](const json& l) { return l.value("command", "") == "connect"; })["ok"],
             true);
+  // A node of several shares lists them in the order shared; a search is
+  // answered by A and D.
+  EXPECT_EQ(c.Command("ls " + rd.id + " \\")["value"], json({"\\share\\", "\\more\\"}));
+  const json found = b.Command("search file 26214");
+  EXPECT_EQ(found["value"].size(), 6u) << found;
   const std::string large = std::to_string(big.size());
-  c.Send("get " + rd.id + " \\" + large + " " + got("large"));
+  c.Send("get " + rd.id + " \\share\\" + large + " " + got("large"));
   const std::string reqID = c.WaitEvent("Progress", [&](const json& l) {
     return l["bytes"] < kPiece;  // D's, not the earlier gets'
   })["ReqID"];
