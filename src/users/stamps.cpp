@@ -1,5 +1,6 @@
 #include "users/stamps.h"
 
+#include <array>
 #include <charconv>
 #include <cstdio>
 #include <ctime>
@@ -31,46 +32,42 @@ struct Fields {
   int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
 };
 
+// "a<sep>b<sep>c": three numbers of at most the digits given.
+std::optional<std::array<int, 3>> Three(std::string_view& text, char sep,
+                                        std::array<size_t, 3> digits) {
+  std::array<int, 3> out{};
+  for (size_t i = 0; i < 3; ++i) {
+    if (i > 0 && !Take(text, std::string_view(&sep, 1))) return std::nullopt;
+    std::optional<int> n = Number(text, digits[i]);
+    if (!n) return std::nullopt;
+    out[i] = *n;
+  }
+  return out;
+}
+
 // "YYYY-MM-DD HH:MM:SS"
 std::optional<Fields> ReadIso(std::string_view text) {
-  auto y = Number(text, 4);
-  if (!y || !Take(text, "-")) return std::nullopt;
-  auto mo = Number(text, 2);
-  if (!mo || !Take(text, "-")) return std::nullopt;
-  auto d = Number(text, 2);
-  if (!d || !Take(text, " ")) return std::nullopt;
-  auto h = Number(text, 2);
-  if (!h || !Take(text, ":")) return std::nullopt;
-  auto mi = Number(text, 2);
-  if (!mi || !Take(text, ":")) return std::nullopt;
-  auto s = Number(text, 2);
-  if (!s || !text.empty()) return std::nullopt;
-  return Fields{*y, *mo, *d, *h, *mi, *s};
+  auto date = Three(text, '-', {4, 2, 2});
+  if (!date || !Take(text, " ")) return std::nullopt;
+  auto time = Three(text, ':', {2, 2, 2});
+  if (!time || !text.empty()) return std::nullopt;
+  return Fields{(*date)[0], (*date)[1], (*date)[2], (*time)[0], (*time)[1], (*time)[2]};
 }
 
 // "M/D/YYYY h:mm:ss AM", or "M/D/YYYY" for midnight.
 std::optional<Fields> ReadGeneral(std::string_view text) {
-  auto mo = Number(text, 2);
-  if (!mo || !Take(text, "/")) return std::nullopt;
-  auto d = Number(text, 2);
-  if (!d || !Take(text, "/")) return std::nullopt;
-  auto y = Number(text, 4);
-  if (!y) return std::nullopt;
-  Fields f{*y, *mo, *d};
+  auto date = Three(text, '/', {2, 2, 4});
+  if (!date) return std::nullopt;
+  Fields f{(*date)[2], (*date)[0], (*date)[1]};
   if (text.empty()) return f;
   if (!Take(text, " ")) return std::nullopt;
-  auto h = Number(text, 2);
-  if (!h || !Take(text, ":")) return std::nullopt;
-  auto mi = Number(text, 2);
-  if (!mi || !Take(text, ":")) return std::nullopt;
-  auto s = Number(text, 2);
-  if (!s || !Take(text, " ")) return std::nullopt;
+  auto time = Three(text, ':', {2, 2, 2});
+  if (!time || !Take(text, " ")) return std::nullopt;
   const bool pm = text == "PM";
-  if (!pm && text != "AM") return std::nullopt;
-  if (*h < 1 || *h > 12) return std::nullopt;
-  f.hour = *h % 12 + (pm ? 12 : 0);
-  f.minute = *mi;
-  f.second = *s;
+  if ((!pm && text != "AM") || (*time)[0] < 1 || (*time)[0] > 12) return std::nullopt;
+  f.hour = (*time)[0] % 12 + (pm ? 12 : 0);
+  f.minute = (*time)[1];
+  f.second = (*time)[2];
   return f;
 }
 
