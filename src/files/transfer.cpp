@@ -37,7 +37,6 @@ struct Serving {
   int64_t size = 0;
   int64_t next = 0;  // offset of the next byte to send
   int64_t last = 0;  // offset of the last byte to send
-  std::string buffer;  // the last piece's bytes, reused for the next
   // A whole file ends with a piece shorter than a packet, an empty one when
   // its length is a multiple of it; a range ends with its last byte.
   bool whole = true;
@@ -76,10 +75,7 @@ void SendPieces(const std::shared_ptr<Serving>& job) {
     const int64_t first = job->next;
     const int64_t want = std::min<int64_t>(static_cast<int64_t>(job->packet),
                                            std::max<int64_t>(job->last - first + 1, 0));
-    // The piece buffer comes back after each send: neither allocated nor
-    // cleared again while its size stays.
-    std::string data = std::move(job->buffer);
-    data.resize(static_cast<size_t>(want));
+    std::string data(static_cast<size_t>(want), '\0');
     const auto got = static_cast<int64_t>(
         ReadAt(job->fd, data.data(), data.size(), first, "reading a shared file"));
     data.resize(static_cast<size_t>(got));
@@ -89,10 +85,8 @@ void SendPieces(const std::shared_ptr<Serving>& job) {
                                  : job->next > job->last || shrank;
     enmFileStatus status = done ? FS_Complete : FS_Transferring;
     if (shrank || job->files->CancelledReqID == job->reqID) status = FS_Canceled;
-    typMessage piece = MakeFilePiece(job->asker, ContentRangeText(first, first + got - 1, job->size),
-                                     std::move(data), job->reqID, status, "");
-    SendPacket(node, piece);
-    job->buffer = std::move(piece.Body);
+    SendFilePiece(node, job->asker, ContentRangeText(first, first + got - 1, job->size),
+                  std::move(data), job->reqID, status, "");
     if (status == FS_Transferring) Continue(node, job);
   } catch (...) {
     ReportCurrentFault(node);
