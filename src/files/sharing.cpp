@@ -246,13 +246,23 @@ typFileInfo AskFileInfo(RoutingNode& node, FileSharing& files, std::string path,
       .info;
 }
 
-typMessage MakeGetContents(const std::string& path, const std::string& nodeID,
-                           const std::string& reqID, bool searchSubDirs) {
+namespace {
+
+// A question about a remote path: the path as resource, one flag in the body.
+typMessage PathQuestion(const char* type, const std::string& path, const std::string& nodeID,
+                        const std::string& reqID, const char* flag, bool value) {
   cSettings document;
-  document.SaveSetting("SearchSubDirs", Variant(searchSubDirs));
-  typMessage message = Addressed("GETCONTENTS", nodeID, reqID, document);
+  document.SaveSetting(flag, Variant(value));
+  typMessage message = Addressed(type, nodeID, reqID, document);
   message.Resource = path;
   return message;
+}
+
+}  // namespace
+
+typMessage MakeGetContents(const std::string& path, const std::string& nodeID,
+                           const std::string& reqID, bool searchSubDirs) {
+  return PathQuestion("GETCONTENTS", path, nodeID, reqID, "SearchSubDirs", searchSubDirs);
 }
 
 typMessage MakeContents(const std::string& asker, const std::string& reqID,
@@ -286,11 +296,7 @@ typMessage MakeSearchMatch(const std::string& asker, const std::string& reqID,
 
 typMessage MakeGetFileInfo(const std::string& path, const std::string& nodeID,
                            const std::string& reqID, bool skipHash) {
-  cSettings document;
-  document.SaveSetting("skipHash", Variant(skipHash));
-  typMessage message = Addressed("GETFILEINFO", nodeID, reqID, document);
-  message.Resource = path;
-  return message;
+  return PathQuestion("GETFILEINFO", path, nodeID, reqID, "skipHash", skipHash);
 }
 
 typMessage MakeFileInfo(const std::string& asker, const std::string& reqID, int64_t size,
