@@ -3,10 +3,12 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <qel/export.h>
+#include <qel/rpc.h>
 #include <qel/types.h>
 
 namespace qel {
@@ -138,6 +140,48 @@ class QEL_API cQEL {
   // within the same Timeout; when it does not answer, throws QelError
   // -2147221503 ("Cannot ping unresolved node").
   int32_t Ping(const std::string& nodeID, int32_t Timeout = 3000);
+
+  // Users. Each node keeps a list of users (name, password, the name of the
+  // node that last set the record, the time of the change) that the nodes
+  // of an overlay share; its text is a cSettings text, one section per
+  // user.
+
+  // Sets a user here and tells every node. user_Remove leaves the user here
+  // with an empty password and a fresh stamp; the other nodes empty the
+  // record. A node takes an update only from a node it has information on
+  // (GetNodeInfo); otherwise it reports the fault through Error.
+  void updateUser(const std::string& userName, const std::string& Password = "",
+                  enmUserOp Operation = user_Update);
+  // Asks every node to check the password and takes the first answer, within
+  // Timeout ms: true makes userName the user this node announces as
+  // activeUser. A node that does not know the user answers no.
+  bool LoginAs(const std::string& userName, const std::string& Password = "");
+  // Replaces the user list with a cSettings text; text that does not load is
+  // reported through Error, and what was read before the fault is kept.
+  void setUserXML(const std::string& userXML);
+  std::string getUserXML();
+  // Sends this node's list to every node and asks every node for its own:
+  // each side takes the users whose stamp is later than its own.
+  void SyncUserList();
+
+  // Remote procedure calls. Names are matched ignoring case.
+
+  // Binds a name for calls that arrive (RPC_INCOMING) or for the answers to
+  // this node's calls (RPC_RETURN); events come through the handle. A second
+  // binding of the same name and type is kept but never used before the
+  // first is unbound.
+  std::shared_ptr<cQELRPC> bindRPC(const std::string& ProcName, enmRPCType ReqType);
+  // Removes the binding of exactly this name (case counts here) and type;
+  // its calls waiting for an answer are dropped unanswered.
+  void unbindRPC(const std::string& ProcName, enmRPCType ReqType);
+  // Calls ProcName on nodeID, or on every node with "BROADCAST", and returns
+  // the request identifier; the answers arrive through the RPC_RETURN
+  // binding of ProcName. "-1", and nothing sent, without such a binding.
+  std::string callRemoteProc(const std::string& nodeID, const std::string& ProcName,
+                             const std::string& Params = "");
+  // Answers a call that arrived; a request already answered (or unknown)
+  // sends nothing.
+  void returnRemoteProc(const std::string& ReqID, const std::string& Params = "");
 
   // Whether one of this node's connections, accepted or made, is up.
   bool isConnected();

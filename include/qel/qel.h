@@ -8,6 +8,7 @@
 #include <qel/file_io.h>
 #include <qel/md5.h>
 #include <qel/node.h>
+#include <qel/rpc.h>
 #include <qel/settings.h>
 #include <qel/stats.h>
 #include <qel/types.h>
