@@ -1,8 +1,11 @@
 #include "core/fault.h"
 
+#include <cstdio>
 #include <new>
 
 #include <qel/error.h>
+
+#include "core/debug_log.h"
 
 namespace qel {
 namespace {
@@ -24,6 +27,16 @@ std::string DescribeCurrentFault() {
     return DescribeFault(fault);
   } catch (...) {
     return "Error 5: Unknown fault";
+  }
+}
+
+void ReportHandlerThrew(const char* event) {
+  const std::string text =
+      std::string("QEL: the ") + event + " handler threw (" + DescribeCurrentFault() + ")";
+  if (TheDebugLog().Enabled()) {
+    TheDebugLog().Write(text);  // mirrored to stderr
+  } else {
+    std::fprintf(stderr, "%s\n", text.c_str());
   }
 }
 

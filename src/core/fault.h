@@ -11,4 +11,21 @@ namespace qel {
 // text.
 std::string DescribeCurrentFault();
 
+// Tells where the host looks that its handler of event threw (call from
+// inside a catch block): "QEL: the <event> handler threw (<fault>)" goes to
+// the debug log when it is on, else to stderr. The host's fault must not
+// unwind the loop, which would leave sockets and timers half handled.
+void ReportHandlerThrew(const char* event);
+
+// Runs a host's handler, stopping whatever it throws.
+template <typename Handler, typename... Args>
+void RunHandler(const char* event, const Handler& handler, Args&... args) {
+  if (!handler) return;
+  try {
+    handler(args...);
+  } catch (...) {
+    ReportHandlerThrew(event);
+  }
+}
+
 }  // namespace qel

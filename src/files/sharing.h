@@ -8,7 +8,7 @@
 
 #include <qel/types.h>
 
-#include "files/request_slots.h"
+#include "core/request_slots.h"
 #include "files/shares.h"
 #include "protocol/message.h"
 

@@ -1,10 +1,7 @@
 #include "node/events.h"
 
-#include <cstdio>
-
 #include <qel/node.h>
 
-#include "core/debug_log.h"
 #include "core/fault.h"
 #include "node/node_state.h"
 
@@ -13,21 +10,10 @@ namespace {
 
 template <typename Handler, typename... Args>
 void Raise(NodeState& node, const char* name, Handler cQEL::*event, Args&... args) {
-  if (!node.Owner || !(node.Owner->*event)) return;
-  auto handler = node.Owner->*event;
-  try {
-    handler(args...);
-  } catch (...) {
-    // The host's fault must not unwind the loop (it would leave sockets and
-    // timers half handled); it is told where the host looks for it.
-    std::string text =
-        std::string("QEL: the ") + name + " handler threw (" + DescribeCurrentFault() + ")";
-    if (TheDebugLog().Enabled()) {
-      TheDebugLog().Write(text);  // mirrored to stderr
-    } else {
-      std::fprintf(stderr, "%s\n", text.c_str());
-    }
-  }
+  if (!node.Owner) return;
+  // A copy: the handler may replace itself or destroy the node object.
+  const Handler handler = node.Owner->*event;
+  RunHandler(name, handler, args...);
 }
 
 }  // namespace

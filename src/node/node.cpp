@@ -22,7 +22,9 @@
 #include "routing/discovery.h"
 #include "routing/outgoing.h"
 #include "routing/report.h"
+#include "rpc/rpc.h"
 #include "users/user_list.h"
+#include "users/users.h"
 
 namespace qel {
 namespace {
@@ -124,7 +126,8 @@ cQEL::cQEL() {
   node.LocalAccount = AccountName();
   node.ActiveUser = node.LocalAccount;
   try {
-    SetUser(node.Users, node.LocalAccount, "", node.Name);
+    // An account the OS would not name has no record to keep.
+    if (!node.LocalAccount.empty()) SetUser(node.Users.List, node.LocalAccount, "", node.Name);
   } catch (...) {
     ReportCurrentFault(node);
   }
@@ -312,6 +315,76 @@ void cQEL::SendMessage(const std::string& strMessage, const std::string& nodeID,
 int32_t cQEL::Ping(const std::string& nodeID, int32_t Timeout) {
   auto node = Enter(*this);
   return PingNode(*node, nodeID, Timeout);
+}
+
+void cQEL::updateUser(const std::string& userName, const std::string& Password,
+                      enmUserOp Operation) {
+  auto node = Enter(*this);
+  try {
+    UpdateUser(*node, node->Users, userName, Password, Operation);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+}
+
+bool cQEL::LoginAs(const std::string& userName, const std::string& Password) {
+  auto node = Enter(*this);
+  try {
+    return qel::LoginAs(*node, node->Users, userName, Password);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+  return false;
+}
+
+void cQEL::setUserXML(const std::string& userXML) {
+  auto node = Enter(*this);
+  try {
+    node->Users.List.LoadXML(userXML);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+}
+
+std::string cQEL::getUserXML() {
+  return Enter(*this)->Users.List.getXML();
+}
+
+void cQEL::SyncUserList() {
+  auto node = Enter(*this);
+  try {
+    SyncUsers(*node, node->Users);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+}
+
+std::shared_ptr<cQELRPC> cQEL::bindRPC(const std::string& ProcName, enmRPCType ReqType) {
+  return BindRpc(Enter(*this)->Rpc, ProcName, ReqType);
+}
+
+void cQEL::unbindRPC(const std::string& ProcName, enmRPCType ReqType) {
+  UnbindRpc(Enter(*this)->Rpc, ProcName, ReqType);
+}
+
+std::string cQEL::callRemoteProc(const std::string& nodeID, const std::string& ProcName,
+                                 const std::string& Params) {
+  auto node = Enter(*this);
+  try {
+    return CallRemoteProc(*node, node->Rpc, nodeID, ProcName, Params);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+  return {};
+}
+
+void cQEL::returnRemoteProc(const std::string& ReqID, const std::string& Params) {
+  auto node = Enter(*this);
+  try {
+    ReturnRemoteProc(*node, node->Rpc, ReqID, Params);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
 }
 
 bool cQEL::isConnected() {

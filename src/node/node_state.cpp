@@ -58,8 +58,9 @@ void NodeState::Deliver(typMessage& message, int32_t, const std::string& source,
     return;
   }
   if (HandleFileMessage(*this, Files, message, source)) return;
-  // Other types belong to subsystems this node does not run yet, or to none:
-  // they are ignored without a reply.
+  if (HandleUserMessage(*this, Users, message, source)) return;
+  if (HandleRpcMessage(*this, Rpc, message, source)) return;
+  // Other types are ignored without a reply.
 }
 
 bool NodeState::FileRequest(std::string resource, std::string fullPath, std::string asker,

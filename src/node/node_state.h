@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
-#include <qel/settings.h>
-
 #include "files/sharing.h"
 #include "files/transfer.h"
 #include "routing/routing_node.h"
+#include "rpc/rpc.h"
+#include "users/users.h"
 
 namespace qel {
 
@@ -22,9 +22,12 @@ struct NodeState final : RoutingNode, TransferHost {
   // Shares, the answers waited for, transfers.
   FileSharing Files;
 
-  // Users: one section per user; the local account is added at creation.
-  cSettings Users;
+  // Users: the local account is added at creation.
+  UserState Users;
   std::string LocalAccount;
+
+  // Remote procedure calls: the host's bindings and their pending calls.
+  RpcBindings Rpc;
 
   // The node object its events are raised on; null once it has shut down.
   cQEL* Owner = nullptr;

@@ -6,9 +6,29 @@
 #include "users/stamps.h"
 
 namespace qel {
+namespace {
+
+// The list travels as its text form, which escapes nothing: a name or value
+// that would not read back would cut the list short on every node it
+// reaches.
+bool ReadsBack(std::string_view value) {
+  return value.find("</") == std::string_view::npos &&
+         value.find("<Settings>") == std::string_view::npos;
+}
+
+bool IsUserName(std::string_view name) {
+  return !name.empty() && name.find_first_of("<>") == std::string_view::npos &&
+         !name.starts_with('/') && name != "Settings" && ReadsBack(name);
+}
+
+}  // namespace
 
 void SetUser(cSettings& list, const std::string& userName, const std::string& password,
              const std::string& authority, const std::string& updated) {
+  if (!IsUserName(userName) || !ReadsBack(password) || !ReadsBack(authority) ||
+      !ReadsBack(updated)) {
+    throw QelError(5, "SetUser", "Invalid procedure call or argument");
+  }
   list.SaveSetting("Password", password, userName);
   list.SaveSetting("Authority", authority, userName);
   list.SaveSetting("Updated",

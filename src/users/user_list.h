@@ -9,7 +9,9 @@ namespace qel {
 class cSettings;
 
 // Writes a user's record (Password, Authority, Updated) into list; an empty
-// stamp means now.
+// stamp means now. A name that is empty, holds "<" or ">" or starts with
+// "/", or a value holding "</", would not read back from the list's text:
+// QelError 5, and nothing is written.
 void SetUser(cSettings& list, const std::string& userName, const std::string& password,
              const std::string& authority, const std::string& updated = {});
 

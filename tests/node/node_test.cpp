@@ -105,7 +105,7 @@ TEST(NodeInitialiseTest, SharesTheFoldersThatExistAndMakesALocalAccount) {
   EXPECT_TRUE(r.errors.empty());
   ASSERT_FALSE(s.LocalAccount.empty());
   EXPECT_EQ(s.ActiveUser, s.LocalAccount);
-  EXPECT_EQ(s.Users.GetSetting("Password", Variant("unset"), s.LocalAccount).toString(), "");
+  EXPECT_EQ(s.Users.List.GetSetting("Password", Variant("unset"), s.LocalAccount).toString(), "");
 }
 
 TEST(NodeEventsTest, AHandlerMayDestroyItsOwnNodeAndSwitchRoleChangesOnlyTheRole) {

@@ -59,6 +59,22 @@ TEST(UserListTest, MergeTakesLaterRecordsAndStopsAtABrokenOne) {
   EXPECT_EQ(Record(list, "fay"), "-|-|-|");
 }
 
+// The list travels as text that escapes nothing: what would not read back
+// is refused before it is written.
+TEST(UserListTest, RecordsThatWouldNotReadBackAreRefused) {
+  cSettings list;
+  for (const char* name : {"", "a<b", "a>b", "/etc", "Settings", "x</y"}) {
+    EXPECT_THROW(SetUser(list, name, "p", "here"), QelError) << name;
+  }
+  EXPECT_THROW(SetUser(list, "ann", "p</Password>", "here"), QelError);
+  EXPECT_THROW(SetUser(list, "ann", "p", "<Settings>"), QelError);
+  SetUser(list, "a/b c", "p<q>", "here");
+  cSettings copy;
+  copy.LoadXML(list.getXML());
+  EXPECT_EQ(Record(copy, "a/b c").substr(0, 10), "p<q>|here|");
+  EXPECT_EQ(copy.ListSections().size(), 2u);
+}
+
 TEST(UserListTest, LoginNeedsAKnownUserAndTheExactPassword) {
   cSettings list;
   SetUser(list, "ann", "Secret", "here");

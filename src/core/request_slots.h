@@ -1,5 +1,5 @@
-// Answers that waiting calls expect, keyed by the request identifier their
-// question carried.
+// Entries keyed by a request identifier, oldest first and bounded: the
+// answers waiting calls expect, the calls waiting for an answer.
 #pragma once
 
 #include <cstddef>
@@ -15,10 +15,10 @@ namespace qel {
 // that comes later finds nothing and is dropped. Nested waits hold several
 // slots at once; past kLimit the oldest goes, so the table has a bound
 // whatever happens.
-template <typename Answer>
+template <typename Answer, size_t Limit = 4096>
 class RequestSlots {
  public:
-  static constexpr size_t kLimit = 4096;
+  static constexpr size_t kLimit = Limit;
 
   // Opens an empty slot for reqID (a fresh identifier), replacing any
   // slot of that identifier.

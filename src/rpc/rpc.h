@@ -1,0 +1,65 @@
+// Remote procedure calls: the node's bindings, the calls waiting for an
+// answer, and the RPC and RPCRETURN messages that carry them.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <qel/rpc.h>
+#include <qel/types.h>
+
+#include "core/request_slots.h"
+#include "protocol/message.h"
+
+namespace qel {
+
+struct RoutingNode;
+
+// Calls waiting for an answer, by request identifier: for an incoming
+// binding the caller, for a return binding the node called (or
+// "BROADCAST"). Peers choose how many calls they make and hosts may never
+// answer, so past the limit the oldest call is dropped unanswered.
+using PendingCalls = RequestSlots<std::string, 65536>;
+
+struct RpcBinding {
+  std::string ProcName;
+  enmRPCType ReqType = RPC_INCOMING;
+  std::shared_ptr<cQELRPC> Handle;
+  PendingCalls Pending;
+};
+
+// In binding order: lookups take the first match.
+using RpcBindings = std::vector<RpcBinding>;
+
+// The first binding of name (ignoring case) and type; -1 when none.
+int32_t FindBinding(const RpcBindings& bindings, const std::string& name, enmRPCType type);
+
+std::shared_ptr<cQELRPC> BindRpc(RpcBindings& bindings, const std::string& name,
+                                 enmRPCType type);
+// Removes the first binding of exactly name and type, with its pending calls.
+void UnbindRpc(RpcBindings& bindings, const std::string& name, enmRPCType type);
+
+// Sends RPC and returns its request identifier; "-1", and nothing sent,
+// when name is not bound for returns.
+std::string CallRemoteProc(RoutingNode& node, RpcBindings& bindings, const std::string& nodeID,
+                           const std::string& name, const std::string& params);
+// Answers the first pending call of reqID, in binding order; nothing when
+// there is none.
+void ReturnRemoteProc(RoutingNode& node, RpcBindings& bindings, const std::string& reqID,
+                      const std::string& params);
+
+// Handles RPC and RPCRETURN for this node from source; false for any other
+// type. A call lacking its name or request identifier, and an answer to no
+// pending call, are dropped.
+bool HandleRpcMessage(RoutingNode& node, RpcBindings& bindings, const typMessage& message,
+                      const std::string& source);
+
+// The messages, not yet stamped.
+typMessage MakeRpc(const std::string& nodeID, const std::string& name, const std::string& reqID,
+                   const std::string& params);
+typMessage MakeRpcReturn(const std::string& caller, const std::string& reqID,
+                         const std::string& params);
+
+}  // namespace qel
