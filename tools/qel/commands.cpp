@@ -228,6 +228,30 @@ CommandResult Cancel(Session& s, const Args& args) {
   return s.downloads.Cancel(args[0], args[1]);
 }
 
+CommandResult Users(Session& s, const Args&) {
+  return {true, s.node.getUserXML(), ""};
+}
+
+CommandResult UserSet(Session& s, const Args& args) {
+  s.node.updateUser(args[0], args[1], qel::user_Update);
+  return {};
+}
+
+CommandResult UserRemove(Session& s, const Args& args) {
+  s.node.updateUser(args[0], "", qel::user_Remove);
+  return {};
+}
+
+CommandResult Login(Session& s, const Args& args) {
+  if (s.node.LoginAs(args[0], args.size() > 1 ? args[1] : "")) return {true, true, ""};
+  return Fail("login refused: unknown user, wrong password, or no node answered in time", false);
+}
+
+CommandResult SyncUsers(Session& s, const Args&) {
+  s.node.SyncUserList();
+  return {};
+}
+
 CommandResult Help(Session&, const Args&);
 
 CommandResult Quit(Session& s, const Args&) {
@@ -262,6 +286,14 @@ const std::array kCommands = {
     Command{"get", "NODEID REMOTEPATH LOCALPATH [START-END] [resume] [verify]",
             "fetch a shared file in the background", 3, 6, false, Get},
     Command{"cancel", "NODEID REQID", "stop a transfer node NODEID serves", 2, 2, false, Cancel},
+    Command{"users", "", "the user list, as settings text", 0, 0, false, Users},
+    Command{"user-set", "NAME PASSWORD", "set a user here and on every node", 2, 2, true, UserSet},
+    Command{"user-remove", "NAME", "remove a user (kept here with no password)", 1, 1, false,
+            UserRemove},
+    Command{"login", "NAME [PASSWORD]", "log in as a user; the first node to answer decides", 1, 2,
+            true, Login},
+    Command{"sync-users", "", "swap user lists with every node; later changes win", 0, 0, false,
+            SyncUsers},
     Command{"role", "peer|server|router", "the role announced from now on", 1, 1, false, Role},
     Command{"stats", "", "traffic figures of this process", 0, 0, false, Stats},
     Command{"help", "", "list the commands", 0, 0, false, Help},

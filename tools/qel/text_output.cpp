@@ -109,6 +109,8 @@ class TextOutput : public Output {
       text = "error: ";
       AppendVisible(text, result.error);
       text += '\n';
+    } else if (result.value.is_string()) {
+      AppendLines(text, result.value.get_ref<const std::string&>());
     } else if (result.value.is_array()) {
       if (result.value.empty()) text = "(none)\n";
       for (const auto& item : result.value) AppendItem(text, item);
@@ -124,6 +126,18 @@ class TextOutput : public Output {
   }
 
  private:
+  // A text of several lines (the user list) is easier read as lines.
+  static void AppendLines(std::string& text, std::string_view value) {
+    do {
+      const size_t eol = std::min(value.find('\n'), value.size());
+      std::string_view line = value.substr(0, eol);
+      if (line.ends_with('\r')) line.remove_suffix(1);
+      AppendVisible(text, line);
+      text += '\n';
+      value.remove_prefix(std::min(eol + 1, value.size()));
+    } while (!value.empty());
+  }
+
   static void AppendItem(std::string& text, const Json& item) {
     if (!item.is_object()) {
       AppendPlain(text, item);
