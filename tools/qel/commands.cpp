@@ -252,6 +252,32 @@ CommandResult SyncUsers(Session& s, const Args&) {
   return {};
 }
 
+qel::enmRPCType RpcType(const std::string& word) {
+  if (word == "in") return qel::RPC_INCOMING;
+  if (word == "return") return qel::RPC_RETURN;
+  throw UsageError("expected in or return, got '" + word + "'");
+}
+
+CommandResult RpcBind(Session& s, const Args& args) {
+  const qel::enmRPCType type = RpcType(args[1]);
+  const bool ok = args.size() > 2;
+  if (ok && args[2] != "ok") throw UsageError("expected 'ok', got '" + args[2] + "'");
+  if (ok && type != qel::RPC_INCOMING) throw UsageError("ok answers calls: it goes with in");
+  return s.rpc.Bind(args[0], type, ok);
+}
+
+CommandResult RpcUnbind(Session& s, const Args& args) {
+  return s.rpc.Unbind(args[0], RpcType(args[1]));
+}
+
+CommandResult RpcCall(Session& s, const Args& args) {
+  return s.rpc.Call(args[0], args[1], args.size() > 2 ? args[2] : "");
+}
+
+CommandResult RpcReturn(Session& s, const Args& args) {
+  return s.rpc.Return(args[0], args.size() > 1 ? args[1] : "");
+}
+
 CommandResult Help(Session&, const Args&);
 
 CommandResult Quit(Session& s, const Args&) {
@@ -294,6 +320,12 @@ const std::array kCommands = {
             true, Login},
     Command{"sync-users", "", "swap user lists with every node; later changes win", 0, 0, false,
             SyncUsers},
+    Command{"rpc-bind", "NAME in|return [ok]",
+            "take calls to NAME (ok: answer OK at once) or its answers", 2, 3, false, RpcBind},
+    Command{"rpc-unbind", "NAME in|return", "drop a binding (case counts)", 2, 2, false, RpcUnbind},
+    Command{"rpc-call", "NODEID|BROADCAST NAME [PARAMS]", "call NAME; the value is the request", 2,
+            3, true, RpcCall},
+    Command{"rpc-return", "REQID [PARAMS]", "answer a call that arrived", 1, 2, true, RpcReturn},
     Command{"role", "peer|server|router", "the role announced from now on", 1, 1, false, Role},
     Command{"stats", "", "traffic figures of this process", 0, 0, false, Stats},
     Command{"help", "", "list the commands", 0, 0, false, Help},

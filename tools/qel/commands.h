@@ -10,6 +10,7 @@
 
 #include "downloads.h"
 #include "output.h"
+#include "rpc_bindings.h"
 
 namespace qelcli {
 
@@ -17,6 +18,7 @@ namespace qelcli {
 struct Session {
   qel::cQEL& node;
   Downloads& downloads;
+  RpcBindings& rpc;
   bool quit = false;  // set by `quit`
 };
 

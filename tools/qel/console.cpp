@@ -17,6 +17,7 @@
 #include "line_editor.h"
 #include "line_reader.h"
 #include "output.h"
+#include "rpc_bindings.h"
 #include "signals.h"
 
 namespace qelcli {
@@ -90,8 +91,8 @@ void SilenceEvents(qel::cQEL& node) {
 // inside the first: they queue until it is done.
 class Console {
  public:
-  Console(qel::cQEL& node, Downloads& downloads, Output& out)
-      : session_{node, downloads}, out_(out) {}
+  Console(qel::cQEL& node, Downloads& downloads, RpcBindings& rpc, Output& out)
+      : session_{node, downloads, rpc}, out_(out) {}
 
   // A line, or end of input when there is none.
   void Submit(std::optional<std::string> line) {
@@ -125,6 +126,7 @@ class Console {
     session_.quit = true;
     // Nothing more is written once the console is done.
     SilenceEvents(session_.node);
+    session_.rpc.Silence();
     qel::StopEventLoop();
   }
 
@@ -170,6 +172,7 @@ int RunNode(const NodeOptions& options) {
 
   qel::cQEL node;
   Downloads downloads(node, *out);
+  RpcBindings rpc(node, *out);
   ReportEvents(node, *out, downloads);
   node.Initialise(options.name, options.port, options.role, options.descriptor,
                   options.shares.empty() ? "" : options.shares.front(), settings);
@@ -193,7 +196,7 @@ int RunNode(const NodeOptions& options) {
                        {"Port", port},
                        {"Address", qel::LocalAddress() + ":" + std::to_string(port)}});
 
-  Console console(node, downloads, *out);
+  Console console(node, downloads, rpc, *out);
   {
     // The handler posts to the loop: a command that waits sees it when done.
     ShutdownSignals signals([&console] { qel::Post([&console] { console.Stop(); }); });
@@ -217,6 +220,7 @@ int RunNode(const NodeOptions& options) {
     editor.reset();
   }
   SilenceEvents(node);
+  rpc.Silence();
   node.ShutDown();
   return 0;
 }
