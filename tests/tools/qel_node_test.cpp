@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <tuple>
 
 #include <qel/settings.h>
@@ -225,6 +226,124 @@ TEST(QelNodeTest, FilesCrossAMiddleProcessWholeInRangesCancelledAndResumed) {
   EXPECT_EQ(resumed["value"]["bytes"], big.size() - part);
   EXPECT_TRUE(Slurp(got("large")) == big);
   fs::remove_all(dir);
+}
+
+// A and C talk through B, and have asked for the others' information: a node
+// takes user updates only from nodes it knows.
+struct ThreeInALine {
+  NodeProcess a{{"--name", "a"}}, c{{"--name", "c"}};
+  Ready ra = WaitReady(a), rc = WaitReady(c);
+  NodeProcess b{{"--name", "b", "--connect", ra.address, "--connect", rc.address}};
+  Ready rb = WaitReady(b);
+
+  ThreeInALine() {
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(b.WaitFor([](const json& l) { return l.value("command", "") == "connect"; })["ok"],
+                true);
+    }
+    for (NodeProcess* p : {&a, &c}) EXPECT_EQ(p->Command("nodes")["value"].size(), 2u);
+  }
+};
+
+// The password node p lists for user, or "(none)". A round trip to the node
+// that made a change first: it answers after what it sent before.
+std::string Password(NodeProcess& p, const std::string& user, const std::string& changedAt = "") {
+  if (!changedAt.empty()) {
+    EXPECT_EQ(p.Command("ping " + changedAt + " 10000")["ok"], true);
+  }
+  qel::cSettings list;
+  list.LoadXML(p.Command("users")["value"].get<std::string>());
+  return list.GetSetting("Password", "(none)", user).toString();
+}
+
+TEST(QelNodeTest, UsersSpreadLogInAreRemovedAndMergeByStamp) {
+  ThreeInALine n;
+  EXPECT_EQ(n.a.Command("user-set alice secret")["ok"], true);
+  EXPECT_EQ(Password(n.c, "alice", n.ra.id), "secret");
+
+  // A wrong password fails, and an unknown user whatever the password.
+  for (const char* refused : {"alice wrong", "alice", "nobody x", "nobody <unknown>"}) {
+    const json login = n.a.Command(std::string("login ") + refused);
+    EXPECT_EQ(json::array({login["ok"], login["value"]}), json::array({false, false})) << refused;
+  }
+  EXPECT_EQ(n.a.Command("login alice secret")["value"], true);
+  const json nodes = n.c.Command("nodes BROADCAST fresh")["value"];
+  const auto a = std::find_if(nodes.begin(), nodes.end(),
+                              [&](const json& node) { return node["ID"] == n.ra.id; });
+  ASSERT_NE(a, nodes.end()) << nodes;
+  EXPECT_EQ((*a)["activeUser"], "alice");
+
+  // A keeps a removed user without password; the others drop its record.
+  EXPECT_EQ(n.a.Command("user-remove alice")["ok"], true);
+  EXPECT_EQ(Password(n.a, "alice"), "");
+  EXPECT_EQ(Password(n.c, "alice", n.ra.id), "(none)");
+  EXPECT_EQ(n.a.Command("login alice secret")["value"], false);
+
+  // Apart, each side changes users; synced, the later change of each wins.
+  ASSERT_EQ(n.c.Command("disconnect-all")["ok"], true);
+  n.b.WaitEvent("ConnectionClosed");
+  // Stamps count whole seconds: alice's return must come after her removal.
+  for (const time_t removed = time(nullptr); time(nullptr) == removed;) poll(nullptr, 0, 20);
+  EXPECT_EQ(n.c.Command("user-set alice back")["ok"], true);
+  EXPECT_EQ(n.c.Command("user-set dave d")["ok"], true);
+  EXPECT_EQ(n.a.Command("user-set erin e")["ok"], true);
+  EXPECT_EQ(n.c.Command("listen")["ok"], true);
+  ASSERT_EQ(n.c.Command("connect " + n.rb.address)["ok"], true);
+  EXPECT_EQ(n.c.Command("sync-users")["ok"], true);
+  for (auto [node, other] : {std::pair{&n.a, n.rc.id}, {&n.c, n.ra.id}}) {
+    EXPECT_EQ(json::array({Password(*node, "alice", other), Password(*node, "dave", other),
+                           Password(*node, "erin", other)}),
+              json::array({"back", "d", "e"}));
+  }
+}
+
+// A calls procedures of C (through B) and of every node.
+TEST(QelNodeTest, RemoteProcedureCallsAreAnsweredOnceOkOrUnbound) {
+  ThreeInALine n;
+  const auto returned = [&](const std::string& reqID) {
+    return n.a.WaitEvent("RemoteProcReturn",
+                         [&](const json& l) { return l.value("ReqID", "") == reqID; });
+  };
+  const json unbound = n.a.Command("rpc-call " + n.rc.id + " sum 1 2");
+  EXPECT_EQ(json::array({unbound["ok"], unbound["value"]}), json::array({false, "-1"}));
+  EXPECT_NE(unbound.value("error", "").find("rpc-bind sum return"), std::string::npos) << unbound;
+  EXPECT_EQ(n.a.Command("rpc-bind sum return")["ok"], true);
+  EXPECT_EQ(n.c.Command("rpc-bind sum in")["ok"], true);
+
+  const std::string reqID = n.a.Command("rpc-call " + n.rc.id + " sum 1 2")["value"];
+  EXPECT_EQ(n.c.WaitEvent("RemoteProcCall"), json({{"event", "RemoteProcCall"},
+                                                   {"ProcName", "sum"},
+                                                   {"Params", "1 2"},
+                                                   {"ReqID", reqID},
+                                                   {"nodeID", n.ra.id},
+                                                   {"SendOK", false}}));
+  EXPECT_EQ(n.c.Command("rpc-return " + reqID + " 3")["ok"], true);
+  EXPECT_EQ(returned(reqID), json({{"event", "RemoteProcReturn"},
+                                   {"ProcName", "sum"},
+                                   {"Params", "3"},
+                                   {"ReqID", reqID},
+                                   {"nodeID", n.rc.id}}));
+  // A second answer is refused and not sent: A hears the next call's answer
+  // and nothing more of the first.
+  EXPECT_EQ(n.c.Command("rpc-return " + reqID + " 4")["ok"], false);
+  EXPECT_EQ(n.c.Command("rpc-bind sum in ok")["ok"], true);
+  const std::string okID = n.a.Command("rpc-call " + n.rc.id + " sum 5")["value"];
+  EXPECT_EQ(returned(okID)["Params"], "OK");
+  EXPECT_EQ(n.c.WaitEvent("RemoteProcCall")["SendOK"], true);
+  EXPECT_TRUE(n.a.WaitFor([](const json& l) { return l.contains("ReqID"); }, {}).is_null());
+
+  // B has no binding, C answers OK: the call to every node hears both.
+  const std::string allID = n.a.Command("rpc-call BROADCAST sum 6")["value"];
+  std::multiset<std::string> answers;
+  for (int i = 0; i < 2; ++i) {
+    const json answer = returned(allID);
+    EXPECT_EQ(answer["nodeID"], "BROADCAST");
+    answers.insert(answer.value("Params", ""));
+  }
+  EXPECT_EQ(answers, (std::multiset<std::string>{"OK", "RPC_UNBOUND"}));
+  EXPECT_EQ(n.c.Command("rpc-unbind sum in")["ok"], true);
+  const std::string goneID = n.a.Command("rpc-call " + n.rc.id + " sum 7")["value"];
+  EXPECT_EQ(returned(goneID)["Params"], "RPC_UNBOUND");
 }
 
 TEST(QelNodeTest, SettingsAndOptionsAreCheckedBeforeTheNodeStarts) {
