@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
+#include <vector>
 
 #include <qel/qel.h>
 
@@ -168,6 +170,61 @@ void Pinger(Channel& channel, int64_t port, const std::string& targetID) {
   }
 }
 
+// Answers every call to "echo" with its own parameters, from inside the
+// handler.
+void RpcCallee(Channel& channel) {
+  UseLoopback();
+  qel::cQEL node;
+  WatchErrors(node, "rpc callee");
+  node.Initialise("callee");
+  std::shared_ptr<qel::cQELRPC> echo = node.bindRPC("echo", qel::RPC_INCOMING);
+  echo->RemoteProcCall = [&node](std::string&, std::string& params, std::string& reqID,
+                                 std::string&, bool&) { node.returnRemoteProc(reqID, params); };
+  if (!node.Listen(0)) return channel.Send("fail cannot listen");
+  channel.Send(ReadyLine(node));
+  for (;;) qel::DoEvents(1000);
+}
+
+void RpcCaller(Channel& channel, int64_t port, const std::string& calleeID) {
+  UseLoopback();
+  qel::cQEL node;
+  WatchErrors(node, "rpc caller");
+  node.Initialise("caller");
+  std::shared_ptr<qel::cQELRPC> answers = node.bindRPC("echo", qel::RPC_RETURN);
+  std::string answered;  // the request answered last
+  int wrong = 0;         // answers that did not carry the parameters back
+  answers->RemoteProcReturn = [&](std::string&, std::string& params, std::string& reqID,
+                                  std::string&) {
+    if (params != Payload()) ++wrong;
+    answered = reqID;
+  };
+  if (!node.Connect(Address(port))) return channel.Send("fail cannot connect");
+  channel.Send("ready");
+  while (std::optional<std::string> line = PumpUntilCommand(channel)) {
+    if (!line->starts_with("ping ")) continue;
+    int64_t count = 0;
+    int64_t budgetMs = 0;
+    ParsePing(*line, count, budgetMs);
+    std::vector<double> rtt;
+    int failures = 0;
+    wrong = 0;
+    const int64_t stop = NowNs() + budgetMs * 1'000'000;
+    for (int64_t i = 0; i < count && NowNs() < stop; ++i) {
+      const int64_t t0 = NowNs();
+      const std::string reqID = node.callRemoteProc(calleeID, "echo", Payload());
+      const int64_t deadline = t0 + 3'000'000'000;
+      while (answered != reqID && NowNs() < deadline) qel::DoEvents(100);
+      const int64_t t1 = NowNs();
+      if (answered != reqID) {
+        ++failures;
+      } else {
+        rtt.push_back(static_cast<double>(t1 - t0));
+      }
+    }
+    channel.Send(RttReport(rtt, failures + wrong));
+  }
+}
+
 }  // namespace
 
 std::string QelSettings(bool compEnc) {
@@ -214,6 +271,19 @@ Rig QelPingRig() {
   Child& pinger =
       rig.Add(std::make_unique<Child>("qel pinger", [=](Channel& c) { Pinger(c, port, id); }));
   if (pinger.Expect("ready", kReadyTimeoutMs, &rig.failure)) rig.pinger = &pinger;
+  return rig;
+}
+
+Rig QelRpcRig() {
+  Rig rig;
+  Child& callee = rig.Add(std::make_unique<Child>("qel rpc callee", RpcCallee));
+  std::optional<std::string> ready = callee.Expect("ready", kReadyTimeoutMs, &rig.failure);
+  if (!ready) return rig;
+  const std::string id = Field(*ready, "id");
+  const int64_t port = FieldInt(*ready, "port");
+  Child& caller = rig.Add(
+      std::make_unique<Child>("qel rpc caller", [=](Channel& c) { RpcCaller(c, port, id); }));
+  if (caller.Expect("ready", kReadyTimeoutMs, &rig.failure)) rig.pinger = &caller;
   return rig;
 }
 

@@ -18,4 +18,10 @@ Rig QelThroughputRig(bool relay, bool compEnc);
 // A node pinging a node of another process that it has asked for its INFO.
 Rig QelPingRig();
 
+// A node calling a procedure of a node of another process, which answers
+// each call from inside its handler with the call's own parameters; the
+// caller's "rtt" report counts as failures the calls unanswered within 3 s
+// and the answers that came back altered.
+Rig QelRpcRig();
+
 }  // namespace qelbench
