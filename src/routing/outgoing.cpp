@@ -5,6 +5,7 @@
 #include <type_traits>
 #include <utility>
 
+#include <qel/error.h>
 #include <qel/variant.h>
 
 #include "core/new_id.h"
@@ -135,6 +136,15 @@ bool StampMessage(RoutingNode& node, typMessage& message) {
 }
 
 void SendPacket(RoutingNode& node, typMessage& message, int32_t viaConn) {
+  // Nodes refuse a header past 64 KiB and close the link it came on; the
+  // fields relays add need room too.
+  size_t fieldBytes = 0;
+  for (const typField& field : message.Fields) fieldBytes += field.Name.size() + field.Value.size();
+  if (fieldBytes > kMaxFieldBytes) {
+    throw QelError(errors::kOverflow, "SendPacket",
+                   "Header fields longer than " + std::to_string(kMaxFieldBytes) +
+                       " bytes: other nodes would refuse the message");
+  }
   const bool confirm = StampMessage(node, message);
   std::string id = GetSingleField(message.Fields, "ID");
   std::string destination = GetSingleField(message.Fields, "Destination");

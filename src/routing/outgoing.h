@@ -1,6 +1,7 @@
 // The way out: stamping, encoding, confirmation and writing.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -16,9 +17,14 @@ struct RoutingNode;
 // message asks for a confirmation.
 bool StampMessage(RoutingNode& node, typMessage& message);
 
+// What the fields of a message made here may hold in all: other nodes refuse
+// a header past 64 KiB, and the stamps and the route relays add need room.
+inline constexpr size_t kMaxFieldBytes = 60 * 1024;
+
 // Stamps, serialises and sends a message made on this node: to viaConn when
 // given, else along a known route, else to every connection. A large body
-// may be taken over, leaving message.Body empty.
+// may be taken over, leaving message.Body empty. Throws QelError 6 when the
+// fields hold more than kMaxFieldBytes, sending nothing.
 void SendPacket(RoutingNode& node, typMessage& message, int32_t viaConn = 0);
 
 // Relays a received message to every connection but the one it came in on,

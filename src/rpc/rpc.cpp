@@ -89,19 +89,29 @@ void UnbindRpc(RpcBindings& bindings, const std::string& name, enmRPCType type) 
 std::string CallRemoteProc(RoutingNode& node, RpcBindings& bindings, const std::string& nodeID,
                            const std::string& name, const std::string& params) {
   const std::string reqID = NewID();
-  if (!AddPendingCall(bindings, name, nodeID, reqID, RPC_RETURN)) return "-1";
+  const int32_t at = FindBinding(bindings, name, RPC_RETURN);
+  if (at < 0) return "-1";
+  // Made first: parameters a header cannot carry throw before the call waits.
   typMessage call = MakeRpc(nodeID, name, reqID, params);
-  SendPacket(node, call);
+  AddPendingCall(bindings, name, nodeID, reqID, RPC_RETURN);
+  try {
+    SendPacket(node, call);
+  } catch (...) {
+    bindings[at].Pending.Close(reqID);
+    throw;
+  }
   return reqID;
 }
 
 void ReturnRemoteProc(RoutingNode& node, RpcBindings& bindings, const std::string& reqID,
                       const std::string& params) {
   for (RpcBinding& binding : bindings) {
-    std::optional<std::string> caller = binding.Pending.Close(reqID);
+    const std::string* caller = binding.Pending.Find(reqID);
     if (!caller) continue;
+    // An answer that cannot be sent leaves the call waiting for another.
     typMessage reply = MakeRpcReturn(*caller, reqID, params);
     SendPacket(node, reply);
+    binding.Pending.Close(reqID);
     return;
   }
 }

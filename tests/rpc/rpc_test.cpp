@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "../support/peers.h"
+#include "routing/outgoing.h"
 
 namespace qel::test {
 namespace {
@@ -70,6 +71,24 @@ TEST_F(RpcTest, CallsAreAnsweredLaterAtOnceOrAsUnbound) {
   ASSERT_TRUE(Eventually([&] { return returns.events.size() == 2; }));
   EXPECT_EQ(returns.events[1].substr(0, 16), "add RPC_UNBOUND ");
   EXPECT_TRUE(a.errors.empty() && c.errors.empty());
+}
+
+// Parameters travel in the header: what a header cannot carry is refused
+// where it is written, and the call or answer is not lost.
+TEST_F(RpcTest, ParametersAHeaderCannotCarryAreRefusedBeforeSending) {
+  Recorder returns(a.node, "p", RPC_RETURN), calls(c.node, "p", RPC_INCOMING);
+  const std::string huge(kMaxFieldBytes, 'x');
+  EXPECT_EQ(a.node.callRemoteProc(c.ID(), "p", "two\r\nlines"), "");
+  EXPECT_EQ(a.node.callRemoteProc(c.ID(), "p", huge), "");
+  EXPECT_EQ(a.errors.size(), 2u);
+  const std::string id = a.node.callRemoteProc(c.ID(), "p", "");
+  ASSERT_TRUE(Eventually([&] { return calls.events.size() == 1; }));
+  c.node.returnRemoteProc(id, huge);
+  EXPECT_EQ(c.errors.size(), 1u);
+  c.node.returnRemoteProc(id, "fits");
+  ASSERT_TRUE(Eventually([&] { return returns.events.size() == 1; }));
+  EXPECT_EQ(returns.events[0], "p fits " + id + " " + c.ID());
+  EXPECT_TRUE(b.errors.empty() && c.closed.empty());
 }
 
 TEST_F(RpcTest, ACallToEveryNodeTakesEveryAnswer) {
