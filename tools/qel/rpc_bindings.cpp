@@ -107,6 +107,7 @@ CommandResult RpcBindings::Call(const std::string& nodeID, const std::string& na
     return {false, reqID,
             "nothing sent: answers need a binding; rpc-bind " + name + " return first"};
   }
+  if (reqID.empty()) return {false, reqID, "nothing sent: the node reported why"};
   return {true, reqID, ""};
 }
 
