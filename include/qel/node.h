@@ -74,10 +74,10 @@ class QEL_API cQEL {
   // it cannot be made).
   bool Connect(std::string strServer, bool isNodeID = false, bool bMaintain = false);
 
-  // Closes every connection of the process to strServer (or, when isNodeID,
-  // to the address known for that node and any link it announced itself
-  // on), whichever node owns it, accepted or made, and stops maintaining it.
-  // True only when it closed a connection that was open.
+  // Closes this node's connections to strServer (or, when isNodeID, to the
+  // address known for that node and any link it announced itself on),
+  // accepted or made, and stops maintaining them. True only when it closed a
+  // connection that was open.
   bool DisconnectFrom(const std::string& strServer, bool isNodeID = false);
 
   // Stops listening and closes this node's connections, accepted ones too.

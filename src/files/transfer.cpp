@@ -58,7 +58,7 @@ void SendPieces(const std::shared_ptr<Serving>& job);
 void Continue(RoutingNode& node, const std::shared_ptr<Serving>& job) {
   auto& connections = Connections::Get();
   int32_t conn = FindRoute(node, job->asker);
-  if (conn == 0) conn = connections.FullestConnection();
+  if (conn == 0) conn = connections.FullestConnection(node);
   connections.WhenDrained(conn, 2 * job->packet, [job] { SendPieces(job); });
 }
 

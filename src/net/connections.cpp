@@ -99,8 +99,8 @@ int32_t Connections::GetFreeSocket(LinkOwner& owner, const LinkLimits& limits) {
     conns_.push_back(std::make_unique<Connection>());
     index = Count();
   }
+  SetOwner(index, owner);
   Connection& c = *conns_[index];
-  c.Owner = owner.weak_from_this();
   c.limits = limits;
   c.NodeID.clear();
   c.Address.clear();
@@ -110,6 +110,14 @@ int32_t Connections::GetFreeSocket(LinkOwner& owner, const LinkLimits& limits) {
   ++c.generation;
   Attach(index);
   return index;
+}
+
+void Connections::SetOwner(int32_t index, LinkOwner& owner) {
+  Connection& c = *conns_[index];
+  if (auto previous = Lock(c.Owner)) std::erase(previous->Links, index);
+  c.Owner = owner.weak_from_this();
+  auto at = std::lower_bound(owner.Links.begin(), owner.Links.end(), index);
+  owner.Links.insert(at, index);
 }
 
 void Connections::Attach(int32_t index) {
@@ -275,10 +283,8 @@ int32_t Connections::ListenOnPort(LinkOwner& owner, int32_t port, const std::str
 
 int32_t Connections::OpenCount(const LinkOwner& owner) const {
   int32_t open = 0;
-  for (size_t i = 1; i < conns_.size(); ++i) {
-    if (conns_[i]->sck->State() != SocketState::Closed && conns_[i]->Owner.lock().get() == &owner) {
-      ++open;
-    }
+  for (int32_t i : owner.Links) {
+    if (conns_[i]->sck->State() != SocketState::Closed) ++open;
   }
   return open;
 }
@@ -465,18 +471,13 @@ void Connections::CheckBudget(int32_t index, size_t incoming) {
 }
 
 bool Connections::HasOpenLink(const LinkOwner& owner) const {
-  for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
-    if (conns_[i]->sck->State() == SocketState::Connected &&
-        Lock(conns_[i]->Owner).get() == &owner) {
-      return true;
-    }
-  }
-  return false;
+  return std::any_of(owner.Links.begin(), owner.Links.end(),
+                     [this](int32_t i) { return IsConnected(i); });
 }
 
-int32_t Connections::ConnectionOfNode(std::string_view nodeID) const {
+int32_t Connections::ConnectionOfNode(const LinkOwner& owner, std::string_view nodeID) const {
   if (nodeID == "BROADCAST") return 0;
-  for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
+  for (int32_t i : owner.Links) {
     if (conns_[i]->NodeID == nodeID) return i;
   }
   return 0;
@@ -486,10 +487,10 @@ size_t Connections::QueuedBytes(int32_t index) const {
   return IsConnected(index) ? conns_[index]->sck->QueuedBytes() : 0;
 }
 
-int32_t Connections::FullestConnection() const {
+int32_t Connections::FullestConnection(const LinkOwner& owner) const {
   int32_t fullest = 0;
   size_t most = 0;
-  for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
+  for (int32_t i : owner.Links) {
     if (const size_t queued = QueuedBytes(i); queued > most) {
       most = queued;
       fullest = i;
@@ -567,8 +568,10 @@ void Connections::LimitBacklog(int32_t index) {
   }
 }
 
-void Connections::WriteToAllExcept(int32_t except, std::string_view text) {
-  for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
+void Connections::WriteToAllExcept(const LinkOwner& owner, int32_t except,
+                                   std::string_view text) {
+  // Writing never gives an element to another owner (closes are deferred).
+  for (int32_t i : owner.Links) {
     if (i != except) Write(i, text);
   }
 }
@@ -585,14 +588,19 @@ bool Connections::CloseListeners(const LinkOwner& owner) {
 }
 
 void Connections::CloseOwnedBy(const LinkOwner& owner) {
-  for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
-    if (conns_[i]->Owner.lock().get() == &owner) CloseConnection(i, true);
+  // A handler told of a close may dial, taking an element of this list.
+  const std::vector<int32_t> links = owner.Links;
+  for (int32_t i : links) {
+    if (Lock(conns_[i]->Owner).get() == &owner) CloseConnection(i, true);
   }
 }
 
-bool Connections::CloseAddress(const std::string& address, const std::string& nodeID) {
+bool Connections::CloseAddress(const LinkOwner& owner, const std::string& address,
+                               const std::string& nodeID) {
   bool closed = false;
-  for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
+  const std::vector<int32_t> links = owner.Links;
+  for (int32_t i : links) {
+    if (Lock(conns_[i]->Owner).get() != &owner) continue;
     Connection& c = *conns_[i];
     const bool match =
         (!address.empty() && c.Address == address) || (!nodeID.empty() && c.NodeID == nodeID);

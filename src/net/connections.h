@@ -1,7 +1,9 @@
-// The process-wide table of connections and listening sockets, shared by all
-// node objects. Indices are stable: elements are reused, never removed. The
-// table reports to each connection's owner through LinkOwner and calls
-// nothing above the protocol layer.
+// The process-wide table of connections and listening sockets. Each element
+// has one owner, the node that dialled or accepted it, and a node sees only
+// its own: it writes, routes, counts and closes on its connections alone.
+// Indices are stable: elements are reused, never removed. The table reports
+// to each connection's owner through LinkOwner and calls nothing above the
+// protocol layer.
 #pragma once
 
 #include <cstdint>
@@ -86,20 +88,21 @@ class Connections {
   // Whether any connection of owner is up.
   bool HasOpenLink(const LinkOwner& owner) const;
 
-  // The first connection whose peer is nodeID, or 0.
-  int32_t ConnectionOfNode(std::string_view nodeID) const;
+  // The first of owner's connections whose peer is nodeID, or 0.
+  int32_t ConnectionOfNode(const LinkOwner& owner, std::string_view nodeID) const;
   // Writes text to a connected socket; others are skipped silently.
   void Write(int32_t index, std::string_view text);
   // The same, taking the text over (no copy of a large message).
   void WriteOwned(int32_t index, std::string&& text);
   // A message as header and body, sent without joining them.
   void WriteOwned(int32_t index, std::string&& header, std::string&& body);
-  void WriteToAllExcept(int32_t except, std::string_view text);
+  // Writes text to each of owner's connections but except.
+  void WriteToAllExcept(const LinkOwner& owner, int32_t except, std::string_view text);
   // Bytes waiting to be sent on a connection (0 for one that is not up).
   size_t QueuedBytes(int32_t index) const;
-  // The open connection with the most bytes waiting to be sent, or 0: what a
-  // writer flooding every link must wait for.
-  int32_t FullestConnection() const;
+  // owner's open connection with the most bytes waiting to be sent, or 0:
+  // what a writer flooding every link must wait for.
+  int32_t FullestConnection(const LinkOwner& owner) const;
   // Runs fn from the loop once fewer than `below` bytes wait to be sent on
   // connection index, or once it closes (fn then finds it closed): a writer
   // of a long stream writes the next piece only when the peer keeps up.
@@ -109,10 +112,11 @@ class Connections {
   bool CloseListeners(const LinkOwner& owner);
   // Closes every connection owner owns.
   void CloseOwnedBy(const LinkOwner& owner);
-  // Closes every connection to address, or to the peer nodeID when it is
-  // not empty, whoever owns it, and stops maintaining it; true when it
-  // closed one that was open.
-  bool CloseAddress(const std::string& address, const std::string& nodeID = {});
+  // Closes owner's connections to address, or to the peer nodeID when it is
+  // not empty, and stops maintaining them; true when it closed one that was
+  // open.
+  bool CloseAddress(const LinkOwner& owner, const std::string& address,
+                    const std::string& nodeID = {});
 
  private:
   Connections();
@@ -121,6 +125,8 @@ class Connections {
   size_t HeldBytes(int32_t index) const;
 
   int32_t GetFreeSocket(LinkOwner& owner, const LinkLimits& limits);
+  // Gives element index to owner, taking it from the one it had.
+  void SetOwner(int32_t index, LinkOwner& owner);
   void Attach(int32_t index);
   void StartDial(int32_t index, bool redial);
   void Redial(int32_t index);

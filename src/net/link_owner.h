@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "protocol/message.h"
 
@@ -51,6 +52,11 @@ class LinkOwner : public std::enable_shared_from_this<LinkOwner> {
   virtual void OnLinkMessage(int32_t conn, typMessage&& message) = 0;
   // Something about one of the owner's connections the host should hear of.
   virtual void OnLinkFault(const std::string& text) = 0;
+
+  // The table's elements this owner holds, open or not, in index order. Kept
+  // by the table, so that what the owner writes to, routes through or closes
+  // costs its own connections, not the process's.
+  std::vector<int32_t> Links;
 };
 
 }  // namespace qel

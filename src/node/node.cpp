@@ -205,7 +205,7 @@ bool cQEL::DisconnectFrom(const std::string& strServer, bool isNodeID) {
   try {
     std::string target = isNodeID ? KnownAddress(*node, strServer) : strServer;
     if (target.empty() && !isNodeID) return false;
-    return Connections::Get().CloseAddress(target, isNodeID ? strServer : std::string());
+    return Connections::Get().CloseAddress(*node, target, isNodeID ? strServer : std::string());
   } catch (...) {
     ReportCurrentFault(*node);
   }

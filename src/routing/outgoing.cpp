@@ -66,10 +66,10 @@ int64_t NextTTL(const RoutingNode& node, const std::string* text) {
 int32_t FindRoute(RoutingNode& node, const std::string& destination) {
   if (destination == "BROADCAST" || destination == node.NodeID) return 0;
   auto& connections = Connections::Get();
-  if (int32_t direct = connections.ConnectionOfNode(destination)) return direct;
+  if (int32_t direct = connections.ConnectionOfNode(node, destination)) return direct;
   if (!node.Routes.Enabled()) return 0;
   std::string hop = node.Routes.NextHop(destination, node.NodeID);
-  return hop.empty() ? 0 : connections.ConnectionOfNode(hop);
+  return hop.empty() ? 0 : connections.ConnectionOfNode(node, hop);
 }
 
 namespace {
@@ -96,7 +96,7 @@ void TransmitText(RoutingNode& node, Text&& text, int32_t fromConn, int32_t viaC
       connections.Write(target, text);
     }
   } else {
-    connections.WriteToAllExcept(fromConn, text);
+    connections.WriteToAllExcept(node, fromConn, text);
   }
 }
 

@@ -136,15 +136,11 @@ TEST(NetworkTest, ADialThatHangsNeverBlocksTheLoop) {
   Peer b("b", Settings("Timeout=5000"));
   // A listener that never accepts: once one connection waits in its queue,
   // the kernel drops further dials' handshakes and they hang.
-  int far = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in at = Loopback(0);
-  socklen_t size = sizeof at;
-  ASSERT_EQ(bind(far, reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
-  ASSERT_EQ(listen(far, 0), 0);
-  getsockname(far, reinterpret_cast<sockaddr*>(&at), &size);
-  ASSERT_TRUE(b.node.Connect("127.0.0.1:" + std::to_string(ntohs(at.sin_port)), false, true));
+  uint16_t port = 0;
+  const int far = ListenRaw(port, 0);
+  ASSERT_TRUE(b.node.Connect("127.0.0.1:" + std::to_string(port), false, true));
   int link = accept(far, nullptr, nullptr);
-  const int filler = Dial(ntohs(at.sin_port));
+  const int filler = Dial(port);
   // The drop makes b dial again; the dial hangs for its Timeout, and the
   // loop goes on meanwhile.
   close(link);
@@ -153,6 +149,50 @@ TEST(NetworkTest, ADialThatHangsNeverBlocksTheLoop) {
   EXPECT_LT(TickCount() - start, 2500);
   close(filler);
   close(far);
+}
+
+
+// Three node objects of one process are three nodes: A dialled C, B dialled
+// a raw neighbour R. Each writes, relays and closes only on its own links.
+TEST(NetworkTest, NodeObjectsOfOneProcessUseOnlyTheirOwnConnections) {
+  Peer a("A"), b("B"), c("C", "", true);
+  a.ConnectTo(c);
+  uint16_t port = 0;
+  const int listener = ListenRaw(port, 1);
+  const std::string rAddress = "127.0.0.1:" + std::to_string(port);
+  ASSERT_TRUE(b.node.Connect(rAddress));
+  const int r = accept(listener, nullptr, nullptr);
+  ASSERT_GE(r, 0);
+
+  // What R got, read until text arrives; TCP keeps one link's order, so
+  // whatever was written on it before text shows up here.
+  std::string atR;
+  auto rReads = [&](const std::string& text) {
+    return Eventually([&] {
+      char buffer[65536];
+      for (ssize_t n; (n = recv(r, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;) atR.append(buffer, n);
+      return atR.find(text) != std::string::npos;
+    });
+  };
+  a.node.SendMessage("from A to all", "BROADCAST");
+  a.node.SendMessage("from A to C", c.ID());
+  b.node.SendMessage("from B to all", "BROADCAST");
+  ASSERT_TRUE(rReads("from B to all"));
+  EXPECT_EQ(atR.find("from A"), std::string::npos);
+  a.node.SendMessage("A again", "BROADCAST");
+  ASSERT_TRUE(Eventually([&] { return c.messages.size() == 3; }));
+  EXPECT_EQ(c.messages, (std::vector<std::string>{"from A to all", "from A to C", "A again"}));
+
+  // A neither sees nor closes B's link.
+  EXPECT_FALSE(a.node.DisconnectFrom(rAddress));
+  EXPECT_TRUE(b.node.isConnected());
+  b.node.SendMessage("B still here", "BROADCAST");
+  ASSERT_TRUE(rReads("B still here"));
+  EXPECT_TRUE(b.node.DisconnectFrom(rAddress));
+  EXPECT_FALSE(b.node.isConnected());
+  EXPECT_TRUE(a.node.isConnected());
+  close(r);
+  close(listener);
 }
 
 }  // namespace

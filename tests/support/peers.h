@@ -82,6 +82,18 @@ inline sockaddr_in Loopback(uint16_t port) {
   return at;
 }
 
+// A POSIX listening socket on a free loopback port, which it sets.
+inline int ListenRaw(uint16_t& port, int backlog) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in at = Loopback(0);
+  socklen_t size = sizeof at;
+  EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
+  EXPECT_EQ(listen(fd, backlog), 0);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&at), &size);
+  port = ntohs(at.sin_port);
+  return fd;
+}
+
 // A blocking POSIX connection, for peers that must not run on the loop.
 // Sends time out, so a node that stops reading fails the test, not hangs it.
 inline int Dial(uint16_t port, int receiveBuffer = 0) {
