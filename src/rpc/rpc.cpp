@@ -9,14 +9,15 @@
 namespace qel {
 namespace {
 
-bool AddPendingCall(RpcBindings& bindings, const std::string& name, const std::string& nodeID,
-                    const std::string& reqID, enmRPCType type) {
+// The binding that holds the call now, or -1 when name is not bound so.
+int32_t AddPendingCall(RpcBindings& bindings, const std::string& name, const std::string& nodeID,
+                       const std::string& reqID, enmRPCType type) {
   const int32_t at = FindBinding(bindings, name, type);
-  if (at < 0) return false;
+  if (at < 0) return -1;
   PendingCalls& pending = bindings[at].Pending;
   pending.Open(reqID);
   *pending.Find(reqID) = nodeID;
-  return true;
+  return at;
 }
 
 void OnRpc(RoutingNode& node, RpcBindings& bindings, const typMessage& message,
@@ -25,13 +26,14 @@ void OnRpc(RoutingNode& node, RpcBindings& bindings, const typMessage& message,
   std::string reqID = GetSingleField(message.Fields, "ReqID");
   if (name.empty() || reqID.empty()) return;  // nothing could answer it
   std::string params = GetSingleField(message.Fields, "Params");
-  if (!AddPendingCall(bindings, name, source, reqID, RPC_INCOMING)) {
+  const int32_t at = AddPendingCall(bindings, name, source, reqID, RPC_INCOMING);
+  if (at < 0) {
     typMessage reply = MakeRpcReturn(source, reqID, "RPC_UNBOUND");
     SendPacket(node, reply);
     return;
   }
   // Copies: the handler may unbind the name or drop the handle.
-  const std::shared_ptr<cQELRPC> handle = bindings[FindBinding(bindings, name, RPC_INCOMING)].Handle;
+  const std::shared_ptr<cQELRPC> handle = bindings[at].Handle;
   const auto handler = handle->RemoteProcCall;
   std::string caller = source;
   const std::string answering = reqID;
@@ -88,12 +90,11 @@ void UnbindRpc(RpcBindings& bindings, const std::string& name, enmRPCType type) 
 
 std::string CallRemoteProc(RoutingNode& node, RpcBindings& bindings, const std::string& nodeID,
                            const std::string& name, const std::string& params) {
+  if (FindBinding(bindings, name, RPC_RETURN) < 0) return "-1";
   const std::string reqID = NewID();
-  const int32_t at = FindBinding(bindings, name, RPC_RETURN);
-  if (at < 0) return "-1";
   // Made first: parameters a header cannot carry throw before the call waits.
   typMessage call = MakeRpc(nodeID, name, reqID, params);
-  AddPendingCall(bindings, name, nodeID, reqID, RPC_RETURN);
+  const int32_t at = AddPendingCall(bindings, name, nodeID, reqID, RPC_RETURN);
   try {
     SendPacket(node, call);
   } catch (...) {
