@@ -2,7 +2,10 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include <qel/qel.h>
@@ -127,6 +130,31 @@ void Relay(Channel& channel, const std::string& settings, int64_t receiverPort,
   for (;;) qel::DoEvents(1000);  // until the parent kills it
 }
 
+// Answers each "ping N BUDGET" command with the times of up to N round trips
+// made within BUDGET ms; a round trip that fails counts as a failure.
+void ServeRoundTrips(Channel& channel, const std::function<bool()>& roundTrip) {
+  while (std::optional<std::string> line = PumpUntilCommand(channel)) {
+    if (!line->starts_with("ping ")) continue;
+    int64_t count = 0;
+    int64_t budgetMs = 0;
+    ParsePing(*line, count, budgetMs);
+    std::vector<double> rtt;
+    int failures = 0;
+    const int64_t stop = NowNs() + budgetMs * 1'000'000;
+    for (int64_t i = 0; i < count && NowNs() < stop; ++i) {
+      const int64_t t0 = NowNs();
+      const bool ok = roundTrip();
+      const int64_t t1 = NowNs();
+      if (ok) {
+        rtt.push_back(static_cast<double>(t1 - t0));
+      } else {
+        ++failures;
+      }
+    }
+    channel.Send(RttReport(rtt, failures));
+  }
+}
+
 void PingTarget(Channel& channel) {
   UseLoopback();
   qel::cQEL node;
@@ -147,27 +175,8 @@ void Pinger(Channel& channel, int64_t port, const std::string& targetID) {
   std::vector<qel::typNodeInfo> info = node.GetNodeInfo(targetID, false);
   if (info.empty() || info[0].ID != targetID) return channel.Send("fail target unknown");
   channel.Send("ready");
-  while (std::optional<std::string> line = PumpUntilCommand(channel)) {
-    if (!line->starts_with("ping ")) continue;
-    int64_t count = 0;
-    int64_t budgetMs = 0;
-    ParsePing(*line, count, budgetMs);
-    std::vector<double> rtt;
-    int failures = 0;
-    const int64_t stop = NowNs() + budgetMs * 1'000'000;
-    for (int64_t i = 0; i < count && NowNs() < stop; ++i) {
-      // Timed around the call: the returned figure is in whole milliseconds.
-      const int64_t t0 = NowNs();
-      const int32_t ms = node.Ping(targetID, 3000);
-      const int64_t t1 = NowNs();
-      if (ms < 0) {
-        ++failures;
-      } else {
-        rtt.push_back(static_cast<double>(t1 - t0));
-      }
-    }
-    channel.Send(RttReport(rtt, failures));
-  }
+  // Timed around the call: the returned figure is in whole milliseconds.
+  ServeRoundTrips(channel, [&] { return node.Ping(targetID, 3000) >= 0; });
 }
 
 // Answers every call to "echo" with its own parameters, from inside the
@@ -191,38 +200,21 @@ void RpcCaller(Channel& channel, int64_t port, const std::string& calleeID) {
   WatchErrors(node, "rpc caller");
   node.Initialise("caller");
   std::shared_ptr<qel::cQELRPC> answers = node.bindRPC("echo", qel::RPC_RETURN);
-  std::string answered;  // the request answered last
-  int wrong = 0;         // answers that did not carry the parameters back
+  std::string answered;      // the request answered last
+  bool rightParams = false;  // whether it carried the parameters back
   answers->RemoteProcReturn = [&](std::string&, std::string& params, std::string& reqID,
                                   std::string&) {
-    if (params != Payload()) ++wrong;
+    rightParams = params == Payload();
     answered = reqID;
   };
   if (!node.Connect(Address(port))) return channel.Send("fail cannot connect");
   channel.Send("ready");
-  while (std::optional<std::string> line = PumpUntilCommand(channel)) {
-    if (!line->starts_with("ping ")) continue;
-    int64_t count = 0;
-    int64_t budgetMs = 0;
-    ParsePing(*line, count, budgetMs);
-    std::vector<double> rtt;
-    int failures = 0;
-    wrong = 0;
-    const int64_t stop = NowNs() + budgetMs * 1'000'000;
-    for (int64_t i = 0; i < count && NowNs() < stop; ++i) {
-      const int64_t t0 = NowNs();
-      const std::string reqID = node.callRemoteProc(calleeID, "echo", Payload());
-      const int64_t deadline = t0 + 3'000'000'000;
-      while (answered != reqID && NowNs() < deadline) qel::DoEvents(100);
-      const int64_t t1 = NowNs();
-      if (answered != reqID) {
-        ++failures;
-      } else {
-        rtt.push_back(static_cast<double>(t1 - t0));
-      }
-    }
-    channel.Send(RttReport(rtt, failures + wrong));
-  }
+  ServeRoundTrips(channel, [&] {
+    const std::string reqID = node.callRemoteProc(calleeID, "echo", Payload());
+    const int64_t deadline = NowNs() + 3'000'000'000;
+    while (answered != reqID && NowNs() < deadline) qel::DoEvents(100);
+    return answered == reqID && rightParams;
+  });
 }
 
 }  // namespace
