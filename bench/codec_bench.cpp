@@ -5,10 +5,8 @@
 
 #include <qel/node.h>
 
-#include "node/node_state.h"
 #include "protocol/body.h"
 #include "protocol/feeder.h"
-#include "routing/incoming.h"
 #include "stamped_message.h"
 
 namespace qelbench {
@@ -77,31 +75,6 @@ void BM_EncodeDecodeBody(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_EncodeDecodeBody)->ArgName("comp")->Arg(0)->Arg(1);
-
-// What a relay does per message apart from the socket: cut it from the
-// stream, check and record its ID, learn its route and write the forwarded
-// text. No connections are open, so nothing leaves the process.
-void BM_RelayMessage(benchmark::State& state) {
-  constexpr int kDistinct = 1024;  // more than the duplicate window, so none is dropped
-  std::vector<std::string> wires;
-  for (int i = 0; i < kDistinct; ++i) {
-    wires.push_back(qel::SerialiseMessage(StampedMessage(StampingNode())));
-  }
-  auto relay = std::make_shared<qel::NodeState>();
-  relay->NodeID = "0123456789ABCDEF0123456789ABCDEF";
-  relay->SeenIDs = qel::PacketCache(kDistinct / 2);
-  relay->Routes = qel::RouteTable(100);
-  qel::MessageFeeder feeder;
-  size_t next = 0;
-  for (auto _ : state) {
-    feeder.Feed(wires[next], [&](qel::typMessage&& message) {
-      qel::ProcessMessage(*relay, std::move(message), 1);
-    });
-    next = (next + 1) % wires.size();
-  }
-  state.SetItemsProcessed(state.iterations());
-}
-BENCHMARK(BM_RelayMessage);
 
 }  // namespace
 }  // namespace qelbench

@@ -84,6 +84,11 @@ const std::string& ConnectionFuzzer::Relayed() const {
   return *impl_->out.sent;
 }
 
+void ConnectionFuzzer::Receive(std::string_view data) {
+  impl_->out.sent->clear();
+  Connections::Get().At(impl_->in.index).sck->ReceiveInMemory(data);
+}
+
 bool ConnectionFuzzer::Run(const uint8_t* data, size_t size) {
   if (size < 2) return true;
   Impl& f = *impl_;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace qel {
 
@@ -32,6 +33,10 @@ class ConnectionFuzzer {
   bool Run(const uint8_t* data, size_t size);
   // What the last Run relayed to connection two.
   const std::string& Relayed() const;
+
+  // Hands data to connection one as a single read, resetting nothing: what
+  // the node saw and learned so far stays. Clears what was relayed first.
+  void Receive(std::string_view data);
 
  private:
   struct Impl;
