@@ -58,7 +58,7 @@ void ProcessMessage(RoutingNode& node, typMessage&& message, int32_t conn) {
   const std::string_view id = view("ID");
   const std::string_view destination = view("Destination");
   if (node.SeenIDs.Contains(id)) return;
-  node.SeenIDs.Add(std::string(id));
+  node.SeenIDs.Add(id);
 
   const bool exact = !node.NodeID.empty() && destination == node.NodeID;
   const bool forMe = destination == "BROADCAST" ||

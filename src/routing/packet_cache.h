@@ -2,24 +2,28 @@
 // comes back over another path is dropped.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace qel {
 
-// A first-in-first-out window of the last Capacity() IDs added. Lookups are
-// O(1) and exact (case-sensitive). Not thread-safe; the owner serializes
-// calls.
+// A first-in-first-out window of the last Capacity() IDs added. Each ID is
+// held as a fixed 16-byte key (a seeded 128-bit hash of its bytes) in an
+// open-addressing table, so checking and adding a message costs no
+// allocation once the window is full. Lookups are O(1) and case-sensitive;
+// two IDs meet on one key only by a 2^-128 chance. Not thread-safe; the
+// owner serializes calls.
 class PacketCache {
  public:
-  // A window of capacity IDs; capacity <= 0 holds nothing. Memory grows
-  // with the IDs added, never with capacity alone.
+  // A window of capacity IDs; capacity <= 0 holds nothing. Room for up to
+  // kReserveUpTo IDs is taken at once; a larger window grows with the IDs
+  // added, so a huge setting costs nothing until traffic fills it.
   explicit PacketCache(int32_t capacity = 0);
+
+  static constexpr int32_t kReserveUpTo = 1024;
 
   // Whether id is among the IDs held; the empty ID also while fewer than
   // Capacity() IDs were added, as the unfilled positions hold it.
@@ -28,29 +32,36 @@ class PacketCache {
   // Adds id as the newest; once more than Capacity() are held the oldest
   // falls out. The same ID may be held more than once; it stays contained
   // until its last copy falls out.
-  void Add(std::string id);
+  void Add(std::string_view id);
 
   int32_t Capacity() const { return capacity_; }
 
   // Number of IDs held, copies of the same ID included.
   size_t Size() const { return ring_.size(); }
 
+  using Key = std::array<uint64_t, 2>;
+  static Key KeyOf(std::string_view id);
+
  private:
-  // Lets lookups by string_view avoid building a std::string.
-  struct Hash {
-    using is_transparent = void;
-    size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+  struct Slot {
+    Key key{};
+    uint32_t copies = 0;  // 0: free
   };
-  // Copies of each held ID.
-  using Index = std::unordered_map<std::string, size_t, Hash, std::equal_to<>>;
+
+  static constexpr size_t kNone = SIZE_MAX;
+  // The slot holding key, or kNone.
+  size_t Find(const Key& key) const;
+  Slot& Insert(const Key& key);
+  void Erase(size_t slot);
+  void Grow();
 
   int32_t capacity_;
-  Index index_;
-  // Held IDs in arrival order, oldest at head_ once the ring is full. Index
-  // nodes stay put when the table rehashes, so the ring points into it and
-  // each distinct ID is stored once.
-  std::vector<Index::value_type*> ring_;
+  // Held keys in arrival order, oldest at head_ once the ring is full.
+  std::vector<Key> ring_;
   size_t head_ = 0;
+  // Power-of-two sized, at most half full; linear probing.
+  std::vector<Slot> slots_;
+  size_t used_ = 0;
 };
 
 }  // namespace qel

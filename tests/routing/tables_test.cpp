@@ -100,6 +100,15 @@ TEST(PacketCacheTest, HoldsTheLastCapacityIdsCopiesIncluded) {
   for (int i = 0; i < 1000; ++i) large.Add("id" + std::to_string(i));
   EXPECT_TRUE(large.Contains("id999") && large.Contains(""));
   for (const char* id : {"ID0", "id", "id1000"}) EXPECT_FALSE(large.Contains(id)) << id;
+
+  // Long churn through a small window: every removal must leave the keys
+  // still held findable, wherever they were placed.
+  PacketCache window(100);
+  for (int i = 0; i < 20000; ++i) window.Add("m" + std::to_string(i));
+  int held = 0;
+  for (int i = 0; i < 20000; ++i) held += window.Contains("m" + std::to_string(i));
+  EXPECT_EQ(held, 100);
+  EXPECT_TRUE(window.Contains("m19900") && !window.Contains("m19899"));
 }
 
 using Entries = std::vector<std::string>;
