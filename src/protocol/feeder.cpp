@@ -30,6 +30,29 @@ size_t EndOfHeader(std::string_view before, std::string_view data) {
 
 }  // namespace
 
+bool MessageFeeder::TakeWhole(std::string_view& data, size_t headerSize) {
+  std::string_view type;
+  WireIndex index;
+  if (!IndexHeader(data.substr(0, headerSize), index, type)) return false;
+  int64_t length = 0;
+  if (index.contentLength.found) {
+    std::optional<int64_t> claimed = ParseLength(index.contentLength.In(data));
+    if (claimed && *claimed > 0) length = *claimed;
+  }
+  // Over the limit, or not all here yet: the full path decides.
+  if (length > limits_.maxMessage || length > INT32_MAX ||
+      static_cast<uint64_t>(length) > data.size() - headerSize) {
+    return false;
+  }
+  current_.Wire.assign(data.substr(0, headerSize + static_cast<size_t>(length)));
+  current_.MsgType.assign(type);
+  current_.Index = index;
+  current_.HeaderDone = true;
+  bodyLength_ = 0;
+  data.remove_prefix(current_.Wire.size());
+  return true;
+}
+
 MessageFeeder::StepResult MessageFeeder::TakeHeader(std::string_view& data) {
   const size_t end = EndOfHeader(current_.Header, data);
   const size_t take = end == std::string_view::npos ? data.size() : end;
@@ -42,6 +65,7 @@ MessageFeeder::StepResult MessageFeeder::TakeHeader(std::string_view& data) {
     data.remove_prefix(take);
     return StepResult::NeedMore;
   }
+  if (limits_.keepPlainAsBytes && current_.Header.empty() && TakeWhole(data, take)) return StepResult::Complete;
   // A header that arrived in one piece is parsed where it lies, uncopied.
   const std::string_view whole =
       current_.Header.empty() ? data.substr(0, take) : current_.Header.append(data.substr(0, take));

@@ -20,6 +20,10 @@ class MessageFeeder {
     size_t maxHeader = 65536;
     // A Content-Length above this is refused.
     int64_t maxMessage = 67108864;
+    // A message that arrives whole in the plain form nodes write comes out
+    // as bytes (Wire and Index set; Fields and Body empty until Unpack):
+    // what a relay needs, without parsing.
+    bool keepPlainAsBytes = false;
   };
 
   enum class Outcome {
@@ -43,7 +47,7 @@ class MessageFeeder {
     for (;;) {
       switch (Step(data)) {
         case StepResult::Complete: {
-          typMessage done = std::exchange(current_, NewMessage());
+          typMessage done = std::exchange(current_, typMessage{});
           onMessage(std::move(done));
           if (data.empty()) return Outcome::Ok;
           break;
@@ -65,14 +69,16 @@ class MessageFeeder {
 
   // Forgets the message in progress and gives its buffers back.
   void Reset() {
-    typMessage fresh = NewMessage();
+    typMessage fresh;
     std::swap(current_, fresh);
   }
 
   // Whether part of a message has arrived and waits for the rest.
   bool InProgress() const { return current_.HeaderDone || !current_.Header.empty(); }
   // Bytes held for the message in progress.
-  size_t BufferedBytes() const { return current_.Header.capacity() + current_.Body.capacity(); }
+  size_t BufferedBytes() const {
+    return current_.Header.capacity() + current_.Body.capacity() + current_.Wire.capacity();
+  }
 
   // Headers dropped as malformed since construction.
   size_t malformedCount() const { return malformed_; }
@@ -83,6 +89,9 @@ class MessageFeeder {
   // Consumes data until the current message is complete or data runs out.
   StepResult Step(std::string_view& data);
   StepResult TakeHeader(std::string_view& data);
+  // Takes a message whose header (headerSize bytes) and body are both in
+  // data, when its header is in the plain form: kept as bytes, not parsed.
+  bool TakeWhole(std::string_view& data, size_t headerSize);
 
   Limits limits_;
   typMessage current_;

@@ -76,7 +76,9 @@ class FieldInserter {
 }  // namespace
 
 typMessage NewMessage() {
-  return typMessage{};
+  typMessage message;
+  message.Fields = NewFieldList();
+  return message;
 }
 
 namespace {
@@ -151,6 +153,7 @@ bool ParseHeader(typMessage& message, std::string_view header) {
     }
   }
 
+  if (message.Fields.empty()) message.Fields = NewFieldList();
   FieldInserter fields(message.Fields);
   // A last line without CR LF is not a header line; it ends parsing.
   while ((end = rest.find(kCrLf)) != std::string_view::npos) {

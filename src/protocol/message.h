@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "protocol/fields.h"
+#include "protocol/wire.h"
 
 namespace qel {
 
@@ -24,10 +25,16 @@ struct typMessage {
   std::string MsgType;
   // The start line's middle token; empty for most types.
   std::string Resource;
-  FieldList Fields = NewFieldList();
+  // Empty until the first field is added (NewMessage reserves room).
+  FieldList Fields;
   // While receiving: the resource had an escape that is not hexadecimal; it
   // reads "\" and the receiver reports the fault.
   bool ResourceUndecodable = false;
+  // While receiving, for a message that arrived whole in the plain form:
+  // its bytes (header, then body) and where its fields lie. Fields and Body
+  // stay empty until Unpack fills them.
+  std::string Wire;
+  WireIndex Index;
 };
 
 // An empty message; every producer starts from one.
