@@ -62,8 +62,9 @@ struct ConnectionFuzzer::Impl {
   void Reset(Link& link) {
     Connection& c = Connections::Get().At(link.index);
     if (c.sck->State() != SocketState::Connected) c.sck->ConnectInMemory(link.sent);
-    c.Partial = MessageFeeder({.maxHeader = 65536, .maxMessage = c.limits.maxMessage});
-    std::deque<typMessage>().swap(c.inbox);
+    c.Partial = MessageFeeder(
+        {.maxHeader = 65536, .maxMessage = c.limits.maxMessage, .keepPlainAsBytes = true});
+    c.inbox.Release();
     c.inboxBytes = 0;
     c.drainPending = false;
     c.backlogFull = false;

@@ -29,7 +29,7 @@ std::shared_ptr<LinkOwner> Lock(const std::weak_ptr<LinkOwner>& owner) {
 
 // What a queued message costs: its text, and a little for its record.
 size_t MessageBytes(const typMessage& message) {
-  return message.Header.capacity() + message.Body.capacity() + 256;
+  return message.Header.capacity() + message.Body.capacity() + message.Wire.capacity() + 256;
 }
 
 std::string PeerOf(const Connection& c) {
@@ -57,6 +57,32 @@ class DepthGuard {
 
 }  // namespace
 
+void Inbox::push_back(typMessage&& message) {
+  if (head_ >= kKeep && 2 * head_ >= items_.size()) {
+    items_.erase(items_.begin(), items_.begin() + static_cast<std::ptrdiff_t>(head_));
+    head_ = 0;
+  }
+  items_.push_back(std::move(message));
+}
+
+typMessage Inbox::take_front() {
+  typMessage message = std::move(items_[head_++]);
+  if (head_ == items_.size()) {
+    if (items_.capacity() > kKeep) {
+      Release();
+    } else {
+      items_.clear();
+      head_ = 0;
+    }
+  }
+  return message;
+}
+
+void Inbox::Release() {
+  std::vector<typMessage>().swap(items_);
+  head_ = 0;
+}
+
 Connections& Connections::Get() {
   static Connections* table = new Connections;  // sockets outlive static destruction
   return *table;
@@ -78,9 +104,10 @@ bool Connections::IsConnected(int32_t index) const {
 void Connections::ReleaseBuffers(Connection& c) {
   // Swapped, not assigned: assigning an empty message to a long one would
   // keep the long one's buffers.
-  MessageFeeder fresh({.maxHeader = 65536, .maxMessage = c.limits.maxMessage});
+  MessageFeeder fresh(
+      {.maxHeader = 65536, .maxMessage = c.limits.maxMessage, .keepPlainAsBytes = true});
   std::swap(c.Partial, fresh);
-  std::deque<typMessage>().swap(c.inbox);
+  c.inbox.Release();
   c.inboxBytes = 0;
   c.drainPending = false;
   c.backlogFull = false;
@@ -204,8 +231,7 @@ void Connections::Drain(int32_t index, uint64_t generation) {
     DepthGuard guard(c.draining, depth_);
     while (!c.inbox.empty() && c.generation == generation &&
            c.sck->State() == SocketState::Connected && owner->Alive()) {
-      typMessage message = std::move(c.inbox.front());
-      c.inbox.pop_front();
+      typMessage message = c.inbox.take_front();
       c.inboxBytes -= std::min(c.inboxBytes, MessageBytes(message));
       if (c.inbox.empty()) c.sck->ResumeReading();
       DebugLine("** PROCESS ");
@@ -460,7 +486,7 @@ void Connections::CheckBudget(int32_t index, size_t incoming) {
     victim.sck->DiscardQueued();
     victim.Partial.Reset();
     if (victim.draining == 0) {
-      std::deque<typMessage>().swap(victim.inbox);
+      victim.inbox.Release();
       victim.inboxBytes = 0;
     }
     CloseLater(largest, "Connection to " + PeerOf(victim) + " closed: it held " +
@@ -542,16 +568,25 @@ void Connections::WriteOwned(int32_t index, std::string&& header, std::string&& 
 }
 
 bool Connections::Admit(int32_t index, std::string_view text, std::string_view more) {
+  const std::string_view pieces[] = {text, more};
+  return Admit(index, pieces);
+}
+
+bool Connections::Admit(int32_t index, std::span<const std::string_view> pieces) {
   if (!IsConnected(index)) return false;
   Connection& c = *conns_[index];
   if (c.backlogFull) return false;
+  size_t size = 0;
+  for (std::string_view piece : pieces) size += piece.size();
   if (TheDebugLog().Enabled()) {
     DebugLine("<< OUTGOING <<<<<<<<<<");
-    DebugLine(std::string(text).append(more));
+    std::string text;
+    for (std::string_view piece : pieces) text.append(piece);
+    DebugLine(text);
   }
   // A piece that would pass the budget first closes whoever holds the most,
   // this connection perhaps.
-  CheckBudget(index, text.size() + more.size());
+  CheckBudget(index, size);
   return !c.backlogFull;
 }
 
@@ -573,6 +608,16 @@ void Connections::WriteToAllExcept(const LinkOwner& owner, int32_t except,
   // Writing never gives an element to another owner (closes are deferred).
   for (int32_t i : owner.Links) {
     if (i != except) Write(i, text);
+  }
+}
+
+void Connections::WriteToAllExcept(const LinkOwner& owner, int32_t except,
+                                   std::span<const std::string_view> pieces) {
+  for (int32_t i : owner.Links) {
+    if (i != except && Admit(i, pieces)) {
+      conns_[i]->sck->Send(pieces);
+      LimitBacklog(i);
+    }
   }
 }
 

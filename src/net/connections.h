@@ -7,9 +7,9 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,6 +20,24 @@
 #include "protocol/feeder.h"
 
 namespace qel {
+
+// Complete messages waiting for their handler, oldest first. A steady
+// stream reuses one array: taking a message leaves its moved-from record
+// behind until the queue empties or the dead records are the larger part.
+class Inbox {
+ public:
+  bool empty() const { return head_ == items_.size(); }
+  void push_back(typMessage&& message);
+  typMessage take_front();
+  // Drops every message and gives the memory back.
+  void Release();
+
+ private:
+  // Records kept for reuse once the queue empties; a larger burst's are freed.
+  static constexpr size_t kKeep = 64;
+  std::vector<typMessage> items_;
+  size_t head_ = 0;
+};
 
 struct Connection {
   std::unique_ptr<Socket> sck = std::make_unique<Socket>();
@@ -33,7 +51,7 @@ struct Connection {
   bool redial = false;
   MessageFeeder Partial;
   // Complete messages not yet processed, and their bytes.
-  std::deque<typMessage> inbox;
+  Inbox inbox;
   size_t inboxBytes = 0;
   uint64_t generation = 0;    // bumped whenever the element is taken again
   int draining = 0;           // nesting depth of Drain: the element must not be taken again
@@ -98,6 +116,10 @@ class Connections {
   void WriteOwned(int32_t index, std::string&& header, std::string&& body);
   // Writes text to each of owner's connections but except.
   void WriteToAllExcept(const LinkOwner& owner, int32_t except, std::string_view text);
+  // The same for a message given as pieces: each connection queues the
+  // pieces in one go, and nothing is joined first.
+  void WriteToAllExcept(const LinkOwner& owner, int32_t except,
+                        std::span<const std::string_view> pieces);
   // Bytes waiting to be sent on a connection (0 for one that is not up).
   size_t QueuedBytes(int32_t index) const;
   // owner's open connection with the most bytes waiting to be sent, or 0:
@@ -142,6 +164,7 @@ class Connections {
   void CheckBudget(int32_t index, size_t incoming = 0);
   // Whether text may be queued on index (debug-logged when it may).
   bool Admit(int32_t index, std::string_view text, std::string_view more = {});
+  bool Admit(int32_t index, std::span<const std::string_view> pieces);
   // Closes index once its queue passes what any burst needs.
   void LimitBacklog(int32_t index);
   void CloseWithFault(int32_t index, uint64_t generation, const std::string& text);

@@ -73,6 +73,10 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     if (inMemory && !outgoing.empty()) {
       for (const std::string& piece : outgoing) inMemory->append(piece);
       const size_t n = queuedBytes;
+      if (outgoing.front().capacity() <= 2 * kPieceBytes) {
+        spare = std::move(outgoing.front());
+        spare.clear();
+      }
       outgoing.clear();
       queuedBytes = 0;
       if (auto h = handlers.onSent) h(n);
@@ -227,6 +231,11 @@ void Socket::PauseReading() {
 
 void Socket::Send(std::string_view data) {
   impl_->Queue(data);
+  impl_->ScheduleFlush();
+}
+
+void Socket::Send(std::span<const std::string_view> pieces) {
+  for (std::string_view piece : pieces) impl_->Queue(piece);
   impl_->ScheduleFlush();
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -54,6 +55,8 @@ class Socket {
   // Queues bytes. Everything queued during one turn of the loop leaves in one
   // write; a slow peer only grows its own queue.
   void Send(std::string_view data);
+  // The same for a message given as pieces, queued as one.
+  void Send(std::span<const std::string_view> pieces);
   // The same, taking the bytes over: a large message is queued without a copy.
   void SendOwned(std::string&& data);
   // A message in two parts, header and body, written as one without joining them.

@@ -50,21 +50,27 @@ void ProcessMessage(RoutingNode& node, typMessage&& message, int32_t conn) {
   ++stats.InPacketsAcc;
   ++stats.InPacketCount;
   // Views into the fields: nothing changes them before the relay step, and a
-  // relay needs no copies of its own.
+  // relay needs no copies of its own. A message kept as the bytes it came
+  // in is read through its index; the bytes stay as they are to the end.
+  const bool packed = message.Index.valid;
   auto view = [&message](std::string_view name) {
     const std::string* value = FindField(message.Fields, name);
     return value ? std::string_view(*value) : std::string_view();
   };
-  const std::string_view id = view("ID");
-  const std::string_view destination = view("Destination");
+  const std::string_view id = packed ? message.Index.id.In(message.Wire) : view("ID");
+  const std::string_view destination =
+      packed ? message.Index.destination.In(message.Wire) : view("Destination");
   if (node.SeenIDs.Contains(id)) return;
   node.SeenIDs.Add(id);
 
   const bool exact = !node.NodeID.empty() && destination == node.NodeID;
   const bool forMe = destination == "BROADCAST" ||
                      (!node.NodeID.empty() && destination.find(node.NodeID) != std::string::npos);
+  // Only what is delivered here needs its fields and body apart.
+  if (forMe) Unpack(message);
   const std::string source = forMe ? std::string(view("Source")) : std::string();
-  // Relays carry the body as it arrived, so keep it when it is decoded here.
+  // Relays carry the body as it arrived, so keep it when it is decoded here
+  // (bytes kept whole are relayed from those).
   std::string rawBody;
   bool keptRaw = false;
   bool decoded = true;
@@ -75,7 +81,7 @@ void ProcessMessage(RoutingNode& node, typMessage&& message, int32_t conn) {
         SendPacket(node, confirm);
       }
       if (!message.Body.empty()) {
-        if (!exact) {
+        if (!exact && !packed) {
           rawBody = message.Body;
           keptRaw = true;
         }
@@ -95,13 +101,13 @@ void ProcessMessage(RoutingNode& node, typMessage&& message, int32_t conn) {
                       source);
         }
       }
-      if (decoded) Dispatch(node, message, conn, source, !exact && !keptRaw);
+      if (decoded) Dispatch(node, message, conn, source, !exact && !keptRaw && !packed);
     } catch (...) {
       ReportCurrentFault(node);
     }
     if (!node.Alive()) return;  // a handler shut the node down
   }
-  node.Routes.Learn(view("Route"), node.NodeID);
+  node.Routes.Learn(packed ? message.Index.route.In(message.Wire) : view("Route"), node.NodeID);
   if (!exact) {
     if (keptRaw) message.Body = std::move(rawBody);
     ForwardPacket(node, message, conn);

@@ -38,16 +38,29 @@ std::string& PlainField(FieldList& fields, std::string_view name) {
   return fields.emplace_back(typField{std::string(name), std::string()}).Value;
 }
 
-// Adds this node to the message's Route: appended to a route the message
+// Whether this node goes on the Route: appended to a route the message
 // already has, or starting one when routes are recorded.
+bool ExtendsRoute(const RoutingNode& node, std::string_view route) {
+  return !route.empty() || node.Routes.Enabled();
+}
+
 void ExtendRoute(RoutingNode& node, typMessage& message) {
-  if (IsEmpty(message.Fields, "Route") && !node.Routes.Enabled()) return;
+  const std::string* route = FindField(message.Fields, "Route");
+  if (!ExtendsRoute(node, route ? std::string_view(*route) : std::string_view())) return;
   PlainField(message.Fields, "Route").append(node.NodeID).append(",");
+}
+
+std::optional<std::string_view> Text(const std::string* value) {
+  return value ? std::optional<std::string_view>(*value) : std::nullopt;
+}
+
+std::optional<std::string_view> Text(std::string_view bytes, const WireSpan& span) {
+  return span.found ? std::optional<std::string_view>(span.In(bytes)) : std::nullopt;
 }
 
 // Hop counts only grow, and a peer may start one anywhere: it stops at the
 // top instead of wrapping.
-int64_t NextHops(const std::string* text) {
+int64_t NextHops(std::optional<std::string_view> text) {
   const int64_t hops = text ? ParseLength(*text).value_or(0) : 0;
   return hops == INT64_MAX ? hops : hops + 1;
 }
@@ -55,7 +68,7 @@ int64_t NextHops(const std::string* text) {
 // The TTL a relay passes on, or 0 when the message goes no further. No
 // message lives longer here than one this node starts, so a peer's huge TTL
 // cannot keep it circling a loop.
-int64_t NextTTL(const RoutingNode& node, const std::string* text) {
+int64_t NextTTL(const RoutingNode& node, std::optional<std::string_view> text) {
   const std::optional<int64_t> ttl = text ? ParseLength(*text) : std::nullopt;
   if (!ttl || *ttl < 1) return 0;
   return std::max<int64_t>(std::min<int64_t>(*ttl - 1, int64_t{node.TTL} - 1), 0);
@@ -171,10 +184,23 @@ void SendPacket(RoutingNode& node, typMessage& message, int32_t viaConn) {
 }
 
 void ForwardPacket(RoutingNode& node, typMessage& message, int32_t fromConn) {
+  if (message.Index.valid) {
+    // Spliced from the bytes as they arrived: only TTL, Hops and Route are
+    // new, and every link queues the same pieces.
+    const std::string_view bytes = message.Wire;
+    const WireIndex& index = message.Index;
+    const int64_t ttl = NextTTL(node, Text(bytes, index.ttl));
+    if (ttl < 1) return;
+    const RelayCopy copy(bytes, index, ttl, NextHops(Text(bytes, index.hops)),
+                         ExtendsRoute(node, index.route.In(bytes)), node.NodeID);
+    CountSent();
+    Connections::Get().WriteToAllExcept(node, fromConn, copy.Pieces());
+    return;
+  }
   FieldList& fields = message.Fields;
-  const int64_t ttl = NextTTL(node, FindField(fields, "TTL"));
+  const int64_t ttl = NextTTL(node, Text(FindField(fields, "TTL")));
   if (ttl < 1) return;
-  const int64_t hops = NextHops(FindField(fields, "Hops"));
+  const int64_t hops = NextHops(Text(FindField(fields, "Hops")));
   PlainField(fields, "TTL") = std::to_string(ttl);
   PlainField(fields, "Hops") = std::to_string(hops);
   ExtendRoute(node, message);
