@@ -214,7 +214,7 @@ std::string Msg(const std::string& id, const std::string& fields, const std::str
   return RawMsg(id, fields, body, kNowhere);
 }
 
-TEST(RelayTest, RelayRewritesOnlyTtlHopsAndRouteEvenBesideArrayFields) {
+TEST(RelayTest, RelayRewritesOnlyTtlHopsAndRoutePlainOrBesideArrayFields) {
   Peer relay("relay", Settings("TTL=20"), true);
   RawPeer from(relay), to(relay);
   // Each name also arrives as an array; Flags and lengths describe a body the
@@ -223,8 +223,18 @@ TEST(RelayTest, RelayRewritesOnlyTtlHopsAndRouteEvenBesideArrayFields) {
                        "TTL: 5\r\nTTL-Max: 3\r\nHops: 2\r\nHops-Max: 3\r\nRoute: R1,\r\n"
                        "Route-Max: 3\r\nFlags: Z,\r\nOriginal-Length: 99\r\n",
                        "not really packed"));
+  // Plain ones go out as splices of their own bytes, fields in any order;
+  // absent Hops and Route are added at the end, as a full rewrite adds them.
+  from.socket.Send(Msg("SPLICED", "Route: R1,\r\nHops: 7\r\nTTL: 3\r\n", "body"));
+  from.socket.Send(Msg("BARE", "TTL: 3\r\n"));
   from.socket.Send(Msg("AFTER", "TTL: 2\r\n"));
   ASSERT_TRUE(Eventually([&] { return to.Got("AFTER"); })) << relay.errors.size();
+  EXPECT_EQ(SerialiseMessage(to.got["SPLICED"]),
+            Msg("SPLICED", "Route: R1," + relay.ID() + ",\r\nHops: 8\r\nTTL: 2\r\n", "body"));
+  EXPECT_EQ(SerialiseMessage(to.got["BARE"]),
+            std::string("MSG  QEL/2.1\r\nDestination: ") + kNowhere +
+                "\r\nSource: RAW\r\nTTL: 2\r\nID: BARE\r\nContent-Length: 1\r\nHops: 1\r\n"
+                "Route: " + relay.ID() + ",\r\n\r\nx");
   ASSERT_TRUE(to.Got("ARRAYS"));
   EXPECT_EQ(SerialiseMessage(to.got["ARRAYS"]),
             Msg("ARRAYS",
