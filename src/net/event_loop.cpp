@@ -5,6 +5,7 @@
 #include <qel/event_loop.h>
 
 #include "net/asio_context.h"
+#include "net/socket.h"
 
 namespace qel {
 namespace {
@@ -38,20 +39,26 @@ bool RunUntil(const std::function<bool()>& done, int64_t timeoutMs) {
   auto& io = IoContext();
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   while (!done()) {
+    FlushPendingWrites();
     auto now = std::chrono::steady_clock::now();
     if (now >= deadline) return done();
     io.run_one_until(deadline);
     if (io.stopped()) io.restart();
   }
+  FlushPendingWrites();
   return true;
 }
 
 void DoEvents(int32_t lngWaitMs) {
   auto& io = IoContext();
+  FlushPendingWrites();
   size_t ran = io.poll();
+  FlushPendingWrites();
   if (ran == 0 && lngWaitMs > 0) {
     ran = io.run_one_for(std::chrono::milliseconds(lngWaitMs));
+    FlushPendingWrites();
     if (ran) io.poll();
+    FlushPendingWrites();
   }
   if (io.stopped()) io.restart();
 }
@@ -60,9 +67,11 @@ void RunEventLoop() {
   auto& loop = TheLoop();
   loop.stopRequested = false;
   while (!loop.stopRequested) {
+    FlushPendingWrites();
     loop.io.run_one();
     if (loop.io.stopped()) loop.io.restart();
   }
+  FlushPendingWrites();
   loop.stopRequested = false;
 }
 

@@ -1,6 +1,8 @@
 #include "net/socket.h"
 
 #include <algorithm>
+#include <array>
+#include <span>
 #include <cerrno>
 #include <chrono>
 #include <deque>
@@ -82,18 +84,64 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
       if (auto h = handlers.onSent) h(n);
       return;
     }
-    if (writing || flushPosted || outgoing.empty()) return;
-    flushPosted = true;
-    // Posted rather than written now, so every message queued in this turn
-    // of the loop joins the same write.
-    asio::post(IoContext(), [self = shared_from_this()] {
-      self->flushPosted = false;
-      self->WriteQueued();
-    });
+    if (writing || flushListed || outgoing.empty()) return;
+    flushListed = true;
+    // Written once the handler that queued it returns to the loop, so every
+    // message queued meanwhile joins the same write, and no turn of the
+    // loop is spent on it.
+    PendingFlushes().push_back(shared_from_this());
+  }
+
+  static std::vector<std::shared_ptr<Impl>>& PendingFlushes() {
+    static auto* pending = new std::vector<std::shared_ptr<Impl>>;
+    return *pending;
+  }
+
+  // Drops the first n queued bytes, which the kernel took.
+  void Consume(size_t n) {
+    queuedBytes -= n;
+    while (n > 0) {
+      std::string& front = outgoing.front();
+      if (n < front.size()) {
+        front.erase(0, n);
+        return;
+      }
+      n -= front.size();
+      if (spare.capacity() == 0 && front.capacity() <= 2 * kPieceBytes) {
+        spare = std::move(front);
+        spare.clear();
+      }
+      outgoing.pop_front();
+    }
   }
 
   void WriteQueued() {
     if (writing || outgoing.empty() || state != SocketState::Connected) return;
+    // Most writes are taken whole at once: try that first, and wait for the
+    // socket only with what is left.
+    {
+      std::array<asio::const_buffer, 64> pieces;
+      size_t count = 0;
+      for (const std::string& piece : outgoing) {
+        if (count == pieces.size()) break;
+        pieces[count++] = asio::buffer(piece);
+      }
+      std::error_code ec;
+      const size_t n =
+          socket.write_some(std::span<const asio::const_buffer>(pieces.data(), count), ec);
+      if (ec && ec != asio::error::would_block && ec != asio::error::try_again) {
+        // Reads report the break; what was queued is lost with the link.
+        std::deque<std::string>().swap(outgoing);
+        queuedBytes = 0;
+        return;
+      }
+      if (n > 0) {
+        Consume(n);
+        if (auto h = handlers.onSent) h(n);
+        // The handler may have closed the socket or written more.
+        if (writing || outgoing.empty() || state != SocketState::Connected) return;
+      }
+    }
     writing = true;
     // The pieces belong to this write: a close and reconnect meanwhile must
     // not free them under the kernel.
@@ -163,10 +211,28 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   bool writing = false;
   bool readPending = false;
   uint64_t generation = 0;  // bumped on close: completions of older operations are ignored
-  bool flushPosted = false;
+  bool flushListed = false;  // in PendingFlushes
   uint64_t connectAttempt = 0;
   std::shared_ptr<std::string> inMemory;  // set by the test seam: where sent bytes go
 };
+
+void FlushPendingWrites() {
+  static bool flushing = false;
+  static auto* now = new std::vector<std::shared_ptr<Socket::Impl>>;
+  if (flushing) return;  // the outer call takes what is queued meanwhile
+  flushing = true;
+  auto& pending = Socket::Impl::PendingFlushes();
+  // A flush may queue more (a handler told of sent bytes writing again).
+  while (!pending.empty()) {
+    now->swap(pending);
+    for (auto& impl : *now) {
+      impl->flushListed = false;
+      impl->WriteQueued();
+    }
+    now->clear();
+  }
+  flushing = false;
+}
 
 Socket::Socket() : impl_(std::make_shared<Impl>()) {}
 
@@ -212,6 +278,7 @@ void Socket::Connect(const std::string& host, uint16_t port, int32_t timeoutMs) 
               self->connectTimer.cancel();
               std::error_code ignored;
               self->socket.set_option(tcp::no_delay(true), ignored);
+              self->socket.non_blocking(true, ignored);  // writes are tried at once
               self->state = SocketState::Connected;
               self->StartReading();
               self->ScheduleFlush();
@@ -334,6 +401,7 @@ struct Listener::Impl : std::enable_shared_from_this<Impl> {
         auto accepted = std::make_unique<Socket>();
         std::error_code ignored;
         peer.set_option(tcp::no_delay(true), ignored);
+        peer.non_blocking(true, ignored);  // writes are tried at once
         accepted->impl_->socket = std::move(peer);
         accepted->impl_->state = SocketState::Connected;
         accepted->impl_->StartReading();

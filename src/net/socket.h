@@ -85,9 +85,14 @@ class Socket {
 
  private:
   friend class Listener;
+  friend void FlushPendingWrites();
   struct Impl;
   std::shared_ptr<Impl> impl_;
 };
+
+// Writes what every socket queued since the last call. The event loop calls
+// it whenever a handler returns and before it waits.
+void FlushPendingWrites();
 
 // A listening socket. Each incoming connection is accepted and offered to
 // onAccept, which keeps it or lets it go (closing it).
