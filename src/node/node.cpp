@@ -301,6 +301,7 @@ void cQEL::SendMessage(const std::string& strMessage, const std::string& nodeID,
                        const std::string& strType) {
   auto node = Enter(*this);
   try {
+    if (SendPlainMsg(*node, strType, nodeID, strMessage)) return;
     typMessage message = NewMessage();
     SetField(message.Fields, "Type", Variant(strType));
     SetField(message.Fields, "Destination", Variant(nodeID));

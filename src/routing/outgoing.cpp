@@ -1,6 +1,7 @@
 #include "routing/outgoing.h"
 
 #include <algorithm>
+#include <charconv>
 #include <optional>
 #include <type_traits>
 #include <utility>
@@ -181,6 +182,43 @@ void SendPacket(RoutingNode& node, typMessage& message, int32_t viaConn) {
     return;
   }
   Transmit(node, SerialiseMessage(message), -1, viaConn, destination);
+}
+
+void AppendPlainMsg(const RoutingNode& node, std::string_view type, std::string_view destination,
+                    std::string_view body, std::string_view id, std::string& out) {
+  char number[24];
+  auto text = [&number](auto value) {
+    return std::string_view(number, std::to_chars(number, number + sizeof number, value).ptr);
+  };
+  out.append("MSG  ").append(kProtocolVersion).append("\r\n");
+  out.append("Type: ").append(type).append("\r\nDestination: ").append(destination);
+  out.append("\r\nSource: ").append(node.NodeID).append("\r\nTTL: ").append(text(node.TTL));
+  out.append("\r\nHops: 0\r\nID: ").append(id).append("\r\n");
+  if (!body.empty()) out.append("Content-Length: ").append(text(body.size())).append("\r\n");
+  if (ExtendsRoute(node, {})) out.append("Route: ").append(node.NodeID).append(",\r\n");
+  out.append("\r\n").append(body);
+}
+
+bool SendPlainMsg(RoutingNode& node, std::string_view type, std::string_view destination,
+                  std::string_view body) {
+  const bool encodes = !body.empty() && (node.useEnc || node.useComp);
+  const bool confirms = node.confirmMode && destination != "BROADCAST";
+  // An empty destination is stamped as a second field behind the empty one,
+  // and CR LF or oversized fields are refused: the field list does those.
+  if (encodes || confirms || destination.empty() || body.size() >= kLargeBody ||
+      type.size() + destination.size() > kMaxFieldBytes / 2 ||
+      type.find("\r\n") != std::string_view::npos ||
+      destination.find("\r\n") != std::string_view::npos) {
+    return false;
+  }
+  const std::string id = NewID();
+  // One buffer for every message: the text is copied into the socket queues.
+  static std::string* scratch = new std::string;
+  scratch->clear();
+  AppendPlainMsg(node, type, destination, body, id, *scratch);
+  if (!node.seeSelf && !node.SeenIDs.Contains(id)) node.SeenIDs.Add(id);
+  Transmit(node, std::string_view(*scratch), -1, 0, std::string(destination));
+  return true;
 }
 
 void ForwardPacket(RoutingNode& node, typMessage& message, int32_t fromConn) {

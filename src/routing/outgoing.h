@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "protocol/message.h"
 
@@ -26,6 +27,19 @@ inline constexpr size_t kMaxFieldBytes = 60 * 1024;
 // may be taken over, leaving message.Body empty. Throws QelError 6 when the
 // fields hold more than kMaxFieldBytes, sending nothing.
 void SendPacket(RoutingNode& node, typMessage& message, int32_t viaConn = 0);
+
+// The text of a host's MSG as SendPacket stamps and writes it, for a node
+// that neither encrypts, compresses nor asks for a confirmation of it: the
+// fields are written straight out, in the order stamping adds them.
+void AppendPlainMsg(const RoutingNode& node, std::string_view type, std::string_view destination,
+                    std::string_view body, std::string_view id, std::string& out);
+
+// Sends a host's MSG that way when nothing about it needs the field list
+// (see AppendPlainMsg; destination not empty, no CR LF in type or
+// destination, a body below the size sent apart from its header). Returns
+// false, having sent nothing, when the message needs SendPacket.
+bool SendPlainMsg(RoutingNode& node, std::string_view type, std::string_view destination,
+                  std::string_view body);
 
 // Relays a received message to every connection but the one it came in on,
 // with TTL one lower (and at most this node's own TTL - 1), Hops one higher

@@ -84,6 +84,16 @@ TEST(WireTest, DiscoveryConfirmationAndInfoMessages) {
 
 TEST(WireTest, BodiesAreEncryptedThenCompressedAndResourcesEscaped) {
   auto node = MakeNode();
+  // The host's plain messages are written straight out, as stamping would.
+  for (int routes : {10, 0}) {
+    node->Routes = RouteTable(routes);
+    for (const char* body : {"hello", ""}) {
+      std::string direct;
+      AppendPlainMsg(*node, "chat", kPeer, body, kMsgID, direct);
+      EXPECT_EQ(direct, Stamped(*node, Chat(body, "chat"))) << routes << body;
+    }
+  }
+  node->Routes = RouteTable(10);
   EXPECT_EQ(Stamped(*node, Chat("hello", "chat")),
             Header("MSG ", kPeer, "", "Content-Length: 5\r\n", "Type: chat\r\n") + "hello");
 
