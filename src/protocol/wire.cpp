@@ -59,6 +59,12 @@ bool IndexHeader(std::string_view header, WireIndex& index, std::string_view& ty
       index.id = value;
     } else if (EqualsNoCase(name, "Destination")) {
       index.destination = value;
+    } else if (EqualsNoCase(name, "Source")) {
+      index.source = value;
+    } else if (EqualsNoCase(name, "Type")) {
+      index.type = value;
+    } else if (EqualsNoCase(name, "Flags")) {
+      index.flags = value;
     } else if (EqualsNoCase(name, "TTL")) {
       index.ttl = value;
     } else if (EqualsNoCase(name, "Hops")) {
@@ -129,6 +135,17 @@ void Unpack(typMessage& message) {
   if (!message.Index.valid || !message.Fields.empty()) return;
   const std::string_view bytes = message.Wire;
   ParseHeader(message, bytes.substr(0, message.Index.headerSize));
+  message.Body.assign(bytes.substr(message.Index.headerSize));
+}
+
+void UnpackTypeAndBody(typMessage& message) {
+  if (!message.Index.valid || !message.Fields.empty()) return;
+  const std::string_view bytes = message.Wire;
+  message.Fields.reserve(2);
+  message.Fields.emplace_back();
+  if (message.Index.type.found) {
+    message.Fields.push_back({"Type", std::string(message.Index.type.In(bytes))});
+  }
   message.Body.assign(bytes.substr(message.Index.headerSize));
 }
 

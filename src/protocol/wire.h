@@ -29,7 +29,7 @@ struct WireIndex {
   // The header (through its empty line) is in the plain form and indexed.
   bool valid = false;
   uint32_t headerSize = 0;
-  WireSpan id, destination, ttl, hops, route, contentLength;
+  WireSpan id, destination, source, type, flags, ttl, hops, route, contentLength;
 };
 
 // Indexes a complete header when parsing it and writing the result out again
@@ -70,5 +70,9 @@ class RelayCopy {
 // would have; the bytes stay, so it can still be relayed as it arrived. Does
 // nothing for a message without them.
 void Unpack(typMessage& message);
+
+// Gives a message kept as bytes only its body and its Type field: all that
+// delivering a chat message without flags reads.
+void UnpackTypeAndBody(typMessage& message);
 
 }  // namespace qel

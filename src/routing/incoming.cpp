@@ -66,9 +66,16 @@ void ProcessMessage(RoutingNode& node, typMessage&& message, int32_t conn) {
   const bool exact = !node.NodeID.empty() && destination == node.NodeID;
   const bool forMe = destination == "BROADCAST" ||
                      (!node.NodeID.empty() && destination.find(node.NodeID) != std::string::npos);
-  // Only what is delivered here needs its fields and body apart.
-  if (forMe) Unpack(message);
-  const std::string source = forMe ? std::string(view("Source")) : std::string();
+  // Only what is delivered here needs its fields and body apart; a chat
+  // message without flags needs just its type and body.
+  if (forMe && packed && message.MsgType == "MSG" && !message.Index.flags.found) {
+    UnpackTypeAndBody(message);
+  } else if (forMe) {
+    Unpack(message);
+  }
+  const std::string source =
+      !forMe ? std::string()
+             : std::string(packed ? message.Index.source.In(message.Wire) : view("Source"));
   // Relays carry the body as it arrived, so keep it when it is decoded here
   // (bytes kept whole are relayed from those).
   std::string rawBody;
