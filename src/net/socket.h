@@ -52,8 +52,9 @@ class Socket {
   // flow control) until ResumeReading.
   void PauseReading();
 
-  // Queues bytes. Everything queued during one turn of the loop leaves in one
-  // write; a slow peer only grows its own queue.
+  // Queues bytes. Everything queued before the handler returns to the loop
+  // leaves in one write (see FlushPendingWrites); a slow peer only grows its
+  // own queue.
   void Send(std::string_view data);
   // The same for a message given as pieces, queued as one.
   void Send(std::span<const std::string_view> pieces);
