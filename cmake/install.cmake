@@ -28,7 +28,8 @@ install(FILES ${PROJECT_BINARY_DIR}/qelConfig.cmake ${PROJECT_BINARY_DIR}/qelCon
 
 # qel.pc names the prefix given to `cmake --install --prefix`, so that part
 # is filled in at install time. Only the shared library is installed, so
-# zlib and OpenSSL stay out of it: nothing links them on the consumer's side.
+# zlib, libdeflate and OpenSSL stay out of it: nothing links them on the
+# consumer's side.
 foreach(dir LIBDIR INCLUDEDIR)
   if(IS_ABSOLUTE "${CMAKE_INSTALL_${dir}}")
     set(QEL_PC_${dir} "${CMAKE_INSTALL_${dir}}")

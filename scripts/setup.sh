@@ -13,7 +13,7 @@ for group in "${@:-build}"; do
   case "$group" in
     build)
       packages+=(build-essential cmake ninja-build pkg-config
-        zlib1g-dev libssl-dev libxxhash-dev libasio-dev libcli11-dev nlohmann-json3-dev libedit-dev) ;;
+        zlib1g-dev libdeflate-dev libssl-dev libxxhash-dev libasio-dev libcli11-dev nlohmann-json3-dev libedit-dev) ;;
     test)   packages+=(libgtest-dev libgmock-dev binutils pkg-config) ;;
     bench)  packages+=(libbenchmark-dev libzmq3-dev) ;;
     fuzz)   packages+=(clang libclang-rt-14-dev) ;;
