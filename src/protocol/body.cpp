@@ -1,8 +1,9 @@
 #include "protocol/body.h"
 
+#include <libdeflate.h>
 #include <zlib.h>
 
-#include <cmath>
+#include <array>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -13,11 +14,25 @@
 namespace qel {
 namespace {
 
-// Room for compress2's output: n * 1.01 + n + 12, as other nodes size it;
-// always enough, even for data that does not compress.
-uLongf Capacity(int64_t n) {
-  return static_cast<uLongf>(
-      std::llround(static_cast<double>(n) * 1.01 + static_cast<double>(n) + 12.0));
+struct FreeCompressor {
+  void operator()(libdeflate_compressor* compressor) const {
+    libdeflate_free_compressor(compressor);
+  }
+};
+
+// A compressor is costly to make (it holds its hash tables), so each thread
+// keeps one per level it has used, for its whole life.
+libdeflate_compressor& Compressor(int level) {
+  thread_local std::array<std::unique_ptr<libdeflate_compressor, FreeCompressor>, 13> compressors;
+  if (level < 0 || level >= static_cast<int>(compressors.size())) {
+    throw std::invalid_argument("CompressBody: bad compression level");
+  }
+  auto& compressor = compressors[static_cast<size_t>(level)];
+  if (!compressor) {
+    compressor.reset(libdeflate_alloc_compressor(level));
+    if (!compressor) throw std::bad_alloc();
+  }
+  return *compressor;
 }
 
 void SetLength(FieldList& fields, std::string_view name, size_t length) {
@@ -57,17 +72,20 @@ void EncryptBody(std::string& data, std::string_view key) {
 }
 
 void CompressBody(std::string& data, int level) {
-  uLongf capacity = Capacity(static_cast<int64_t>(data.size()));
-  auto out = std::make_unique_for_overwrite<Bytef[]>(capacity);
-  int rc = compress2(out.get(), &capacity, reinterpret_cast<const Bytef*>(data.data()),
-                     static_cast<uLong>(data.size()), level);
-  if (rc == Z_MEM_ERROR) throw std::bad_alloc();
-  if (rc != Z_OK) throw std::invalid_argument("CompressBody: bad compression level");
-  data.assign(reinterpret_cast<const char*>(out.get()), capacity);
+  libdeflate_compressor& compressor = Compressor(level);
+  // The bound is always enough, even for data that does not compress.
+  const size_t capacity = libdeflate_zlib_compress_bound(&compressor, data.size());
+  auto out = std::make_unique_for_overwrite<char[]>(capacity);
+  const size_t size =
+      libdeflate_zlib_compress(&compressor, data.data(), data.size(), out.get(), capacity);
+  if (size == 0) throw std::logic_error("CompressBody: output above libdeflate's bound");
+  data.assign(out.get(), size);
 }
 
 DecodeResult UncompressBody(std::string& data, int64_t originalLength, int64_t maxLength) {
   if (originalLength < 0 || originalLength > maxLength) return DecodeResult::TooLarge;
+  // zlib itself inflates, so every stream another node's zlib makes is read
+  // as it expects; inflating costs a small part of what compressing does.
   // The claim bounds the output, so a sender cannot make the node allocate
   // more than the limit it accepted; whatever inflates past it is corrupt.
   std::string out(static_cast<size_t>(originalLength), '\0');
@@ -95,7 +113,7 @@ void EncodeBody(typMessage& message, const EncodeOptions& options) {
   if (options.useComp) {
     AppendField(message.Fields, "Flags", "Z", ",");
     SetLength(message.Fields, "Original-Length", message.Body.size());
-    CompressBody(message.Body, 9);
+    CompressBody(message.Body);
   }
   SetLength(message.Fields, "Content-Length", message.Body.size());
 }

@@ -15,10 +15,18 @@ namespace qel {
 // is empty.
 void EncryptBody(std::string& data, std::string_view key);
 
-// Replaces data with its zlib form (compress2) at level. Throws
-// std::invalid_argument for a level zlib refuses, std::bad_alloc when zlib
-// runs out of memory.
-void CompressBody(std::string& data, int level = 9);
+// libdeflate's level for bodies: 7 packs text, source and binaries as tightly
+// as zlib's level 9 (within 0.05%, mostly tighter; 2% larger on highly
+// repetitive data, and 3 bytes larger below about 30 bytes, which libdeflate
+// stores) and 1.5 to 5.5 times faster from 16 KiB up.
+inline constexpr int kBodyCompressionLevel = 7;
+
+// Replaces data with its zlib form, made by libdeflate at level (0 to 12):
+// any zlib inflates it, although the bytes may differ from what zlib's
+// compress2 makes. Throws std::invalid_argument for a level outside 0 to 12,
+// std::bad_alloc when the compressor cannot be made. Each thread keeps the
+// compressor of each level it used.
+void CompressBody(std::string& data, int level = kBodyCompressionLevel);
 
 enum class DecodeResult {
   Ok,
