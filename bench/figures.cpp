@@ -6,7 +6,7 @@
 //   qel_figures [--runs N] [--verbose] [--only TEXT] [--with qel,tcp,zmq]
 //
 // --only keeps the figures whose name contains TEXT ("direct plain", "relay",
-// "ping", "rpc", "codec", "md5", "file transfer"); --with keeps the listed contenders
+// "ping", "rpc", "codec", "md5", "file transfer", "scale"); --with keeps the listed contenders
 // (handy under perf).
 #include <signal.h>
 #include <stdlib.h>
@@ -24,6 +24,7 @@
 #include "hash_figure.h"
 #include "qel_peers.h"
 #include "rig.h"
+#include "scale_figure.h"
 #include "tcp_peers.h"
 #include "transfer_figure.h"
 #include "zmq_peers.h"
@@ -323,6 +324,12 @@ int main(int argc, char** argv) {
     const std::string folder = (shm ? std::string("/dev/shm") : std::string(home)) +
                                "/qel-transfer-" + std::to_string(getpid());
     TransferFigures(QEL_CLI_PATH, folder, int64_t{1} << 30, options.runs);
+  }
+  // Many nodes of one process; QEL alone, the references have no overlay.
+  for (int32_t nodes : {100, 1000}) {
+    if (WantFigure(options, "scale " + std::to_string(nodes) + " nodes")) {
+      ScaleFigure(nodes, options.runs, options.verbose);
+    }
   }
   std::filesystem::remove_all(home);
   return 0;
