@@ -22,7 +22,7 @@ struct ScaleResult {
   int32_t arrived = 0;
   int64_t directedNs = 0;
   int64_t directedCopies = 0;  // per directed message
-  int64_t rssPerNode = 0;      // bytes
+  int64_t rssPerNode = 0;      // bytes of anonymous resident memory
   int64_t heapPerNode = 0;     // bytes the allocator handed out and not got back
 };
 
