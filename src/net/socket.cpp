@@ -15,7 +15,29 @@ namespace qel {
 
 using asio::ip::tcp;
 
+namespace {
+
+// The buffer every socket of the process reads into. The loop runs on one
+// thread, so a socket waits until the kernel has bytes for it and only then
+// borrows this buffer: an idle connection holds no read buffer at all. A
+// data handler keeps it until it resumes reading or returns; a socket that
+// becomes readable meanwhile (in a loop the handler runs) reads into a
+// buffer of its own for that one read.
+struct ReadBuffer {
+  std::unique_ptr<char[]> bytes;  // allocated at the first read
+  uint64_t lease = 0;             // who has it now; 0: nobody
+  uint64_t lastLease = 0;
+};
+
+ReadBuffer& TheReadBuffer() {
+  static auto* buffer = new ReadBuffer;  // sockets outlive static destruction
+  return *buffer;
+}
+
+}  // namespace
+
 struct Socket::Impl : std::enable_shared_from_this<Impl> {
+  // Large reads keep a fast sender's bytes moving in few system calls.
   static constexpr size_t kReadSize = 65536;
 
   Impl() : socket(IoContext()), resolver(IoContext()), connectTimer(IoContext()) {}
@@ -23,16 +45,59 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   void StartReading() {
     if (readPending || paused || inMemory) return;
     readPending = true;
-    // Allocated when reading starts, not with the socket: many sockets are
-    // refused or closed before they read anything.
-    if (!readBuffer) readBuffer = std::make_shared_for_overwrite<char[]>(kReadSize);
-    socket.async_read_some(asio::buffer(readBuffer.get(), kReadSize),
-                           [self = shared_from_this(), buffer = readBuffer, gen = generation](
-                               const std::error_code& ec, size_t n) {
-                             if (gen != self->generation) return;
-                             self->readPending = false;
-                             self->OnRead(ec, std::string_view(buffer.get(), n));
-                           });
+    std::error_code ignored;
+    if (!socket.non_blocking()) socket.non_blocking(true, ignored);
+    socket.async_wait(tcp::socket::wait_read,
+                      [self = shared_from_this(), gen = generation](const std::error_code& ec) {
+                        if (gen != self->generation) return;
+                        self->readPending = false;
+                        if (!ec) self->ReadNow();
+                      });
+  }
+
+  void ReadNow() {
+    // Paused after the wait began: the bytes stay with the kernel, and the
+    // peer waits in TCP's flow control.
+    if (state != SocketState::Connected || paused) return;
+    ReadBuffer& shared = TheReadBuffer();
+    // The lease of this read, 0 for a buffer of its own. The outer one is
+    // saved and restored: once a handler resumed, or after a close and a new
+    // connect, a loop it runs may read this socket again.
+    struct Restore {
+      Impl& impl;
+      uint64_t outer;
+      std::unique_ptr<char[]> own;
+      ~Restore() {
+        impl.ReleaseBuffer();
+        if (own) impl.ownBytes -= kReadSize;
+        impl.lease = outer;
+      }
+    } restore{*this, std::exchange(lease, 0), nullptr};
+    char* buffer = nullptr;
+    if (shared.lease == 0) {
+      if (!shared.bytes) shared.bytes = std::make_unique_for_overwrite<char[]>(kReadSize);
+      lease = shared.lease = ++shared.lastLease;
+      buffer = shared.bytes.get();
+    } else {
+      restore.own = std::make_unique_for_overwrite<char[]>(kReadSize);
+      ownBytes += kReadSize;
+      buffer = restore.own.get();
+    }
+    std::error_code ec;
+    const size_t n = socket.read_some(asio::buffer(buffer, kReadSize), ec);
+    if (ec == asio::error::would_block || ec == asio::error::try_again) {
+      StartReading();  // woken without bytes after all
+      return;
+    }
+    OnRead(ec, std::string_view(buffer, n));
+  }
+
+  // Gives the shared buffer back when the running handler of this socket
+  // has it.
+  void ReleaseBuffer() {
+    ReadBuffer& shared = TheReadBuffer();
+    if (lease != 0 && shared.lease == lease) shared.lease = 0;
+    lease = 0;
   }
 
   void OnRead(const std::error_code& ec, std::string_view data) {
@@ -190,7 +255,6 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     std::deque<std::string>().swap(outgoing);
     std::string().swap(spare);
     queuedBytes = 0;
-    readBuffer.reset();
     inMemory.reset();
     socket.shutdown(tcp::socket::shutdown_both, ignored);
     socket.close(ignored);
@@ -202,7 +266,8 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   SocketState state = SocketState::Closed;
   Handlers handlers;
   asio::steady_timer connectTimer;
-  std::shared_ptr<char[]> readBuffer;
+  uint64_t lease = 0;   // the shared read buffer's lease of the running data handler
+  size_t ownBytes = 0;  // read buffers of its own, held while handlers run
   bool paused = false;
   std::deque<std::string> outgoing;
   std::string spare;
@@ -289,6 +354,7 @@ void Socket::Connect(const std::string& host, uint16_t port, int32_t timeoutMs) 
 
 void Socket::ResumeReading() {
   impl_->paused = false;
+  impl_->ReleaseBuffer();
   if (impl_->state == SocketState::Connected) impl_->StartReading();
 }
 
@@ -330,7 +396,7 @@ size_t Socket::QueuedBytes() const {
 }
 
 size_t Socket::BufferBytes() const {
-  return QueuedBytes() + impl_->spare.capacity() + (impl_->readBuffer ? Impl::kReadSize : 0);
+  return QueuedBytes() + impl_->spare.capacity() + impl_->ownBytes;
 }
 
 void Socket::Close() {

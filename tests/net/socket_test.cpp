@@ -84,6 +84,41 @@ TEST(SocketTest, AHandlerMayDestroyItsSocket) {
   DoEvents(10);
 }
 
+// Reads share one buffer: a handler that holds its bytes and runs the loop
+// must find them intact after other sockets read in that loop, and reading
+// goes on for both once it returns.
+TEST(SocketTest, BytesAHandlerHoldsSurviveReadsOfOtherSocketsInItsLoop) {
+  Server server;
+  Socket a, b;
+  std::string bReceived, aLater;
+  bool intact = false;
+  b.SetHandlers({.onData = [&](std::string_view data) { bReceived.append(data); }});
+  a.SetHandlers({.onData = [&](std::string_view data) {
+    if (intact || !aLater.empty()) {
+      aLater.append(data);
+      return;
+    }
+    const std::string copy(data);
+    server.accepted[1]->Send(std::string(50000, 'b'));
+    EXPECT_TRUE(Eventually([&] { return bReceived.size() == 50000; }));
+    intact = data == copy;
+    if (!intact) aLater = "x";  // what came later no longer matters
+  }});
+  a.Connect("127.0.0.1", server.Port());
+  ASSERT_TRUE(Eventually([&] { return server.accepted.size() == 1; }));
+  b.Connect("127.0.0.1", server.Port());
+  ASSERT_TRUE(Eventually([&] { return server.accepted.size() == 2; }));
+
+  server.accepted[0]->Send(std::string(1000, 'a'));
+  ASSERT_TRUE(Eventually([&] { return bReceived.size() == 50000; }));
+  EXPECT_TRUE(intact);
+  server.accepted[0]->Send("more for a");
+  server.accepted[1]->Send("more for b");
+  ASSERT_TRUE(Eventually([&] { return !aLater.empty() && bReceived.size() > 50000; }));
+  EXPECT_EQ(aLater, "more for a");
+  EXPECT_EQ(bReceived.substr(50000), "more for b");
+}
+
 // Accepting without descriptors fails at once and would fail again at once:
 // the listener must wait instead of spinning, say so once, and recover. Run
 // in a child process, whose descriptor limit it lowers.
