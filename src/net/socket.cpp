@@ -85,8 +85,11 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     }
     std::error_code ec;
     const size_t n = socket.read_some(asio::buffer(buffer, kReadSize), ec);
-    if (ec == asio::error::would_block || ec == asio::error::try_again) {
-      StartReading();  // woken without bytes after all
+    // Woken without bytes after all. Compared only once the read failed: a
+    // sanitizer build checks the category's type there, which takes a
+    // descriptor, and a node out of descriptors must still read.
+    if (ec && (ec == asio::error::would_block || ec == asio::error::try_again)) {
+      StartReading();
       return;
     }
     OnRead(ec, std::string_view(buffer, n));
