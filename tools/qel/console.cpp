@@ -61,18 +61,14 @@ void ReportEvents(qel::cQEL& node, Output& out, Downloads& downloads) {
   node.FileReceived = [&out, &downloads](std::string& ReqID, std::string& strData,
                                          qel::typQELRange& Range, qel::enmFileStatus& FileStatus,
                                          std::string& Metadata) {
-    // A download's pieces are on disk: their size says enough.
-    Json fields = {{"ReqID", ReqID}};
-    if (downloads.Owns(ReqID)) {
-      fields["bytes"] = strData.size();
-    } else {
-      fields["strData"] = strData;
-    }
-    fields.update(Json{{"Range", RangeJson(Range)},
-                       {"FileStatus", static_cast<int32_t>(FileStatus)},
-                       {"Metadata", Metadata}});
-    out.Event("FileReceived", fields);
-    downloads.OnPiece(ReqID, strData, Range, FileStatus);
+    // A download's pieces go to its file and show as its progress: a line
+    // for each would cost a write and a wake-up of the reader per piece.
+    if (downloads.Owns(ReqID)) return downloads.OnPiece(ReqID, strData, Range, FileStatus);
+    out.Event("FileReceived", {{"ReqID", ReqID},
+                               {"strData", strData},
+                               {"Range", RangeJson(Range)},
+                               {"FileStatus", static_cast<int32_t>(FileStatus)},
+                               {"Metadata", Metadata}});
   };
 }
 

@@ -40,7 +40,7 @@ class Downloads {
   CommandResult Cancel(const std::string& nodeID, const std::string& reqID);
 
   // Whether a piece with this identifier belongs to a download, running or
-  // recently ended: those are reported without their data.
+  // recently ended: those go to OnPiece alone, not out as events.
   bool Owns(const std::string& reqID) const;
 
   // A piece arrived (FileReceived).
