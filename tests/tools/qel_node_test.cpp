@@ -174,7 +174,9 @@ TEST(QelNodeTest, FilesCrossAMiddleProcessWholeInRangesCancelledAndResumed) {
     EXPECT_EQ(result["value"], json({{"ReqID", result["value"]["ReqID"]},
                                      {"FileStatus", 1},
                                      {"bytes", size},
+                                     {"seconds", result["value"]["seconds"]},
                                      {"path", got(name)}}));
+    EXPECT_GT(result["value"]["seconds"].get<double>(), 0) << result;
     EXPECT_TRUE(Slurp(got(name)) == big.substr(0, size)) << size;
   }
   // Each piece preceded its result: none of them was printed.

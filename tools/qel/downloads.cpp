@@ -99,6 +99,7 @@ CommandResult Downloads::Start(const GetRequest& request) {
     }
     download.asked = node_.MakeRange(static_cast<int32_t>(have));
   }
+  download.started = Clock::now();
   const std::string reqID =
       node_.RequestFile(request.remotePath, request.nodeID, download.asked);
   running_.insert_or_assign(reqID, std::move(download));
@@ -166,6 +167,9 @@ void Downloads::Finish(Iterator it, qel::enmFileStatus status, std::string error
                                  ec);
     if (ec && error.empty()) error = "cannot write " + download.request.localPath + ": " + ec.message();
   }
+  // Taken by the node itself, as the file is whole on disk: what a reader of
+  // the result line measures would add the time the line takes to reach it.
+  download.seconds = std::chrono::duration<double>(Clock::now() - download.started).count();
   const CommandResult result = Outcome(reqID, download, status, std::move(error));
   if (!result.ok && download.created && download.bytes == 0) {
     std::error_code ignored;
@@ -193,6 +197,7 @@ CommandResult Downloads::Outcome(const std::string& reqID, const Download& downl
                        {{"ReqID", reqID},
                         {"FileStatus", static_cast<int32_t>(status)},
                         {"bytes", download.bytes},
+                        {"seconds", download.seconds},
                         {"path", path}},
                        std::move(error),
                        std::move(note)};

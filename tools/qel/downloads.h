@@ -59,15 +59,16 @@ class Downloads {
     bool cutAtEnd = false;   // a whole file: what lies past its end once complete goes
     int64_t bytes = 0;       // written so far
     int64_t total = -1;      // to write, once the file's length is known
-    Clock::time_point started = Clock::now();
+    Clock::time_point started = Clock::now();  // reset when the request goes out
     Clock::time_point reported{};
+    double seconds = 0;  // from the request to the end, once ended
   };
   using Iterator = std::map<std::string, Download>::iterator;
 
   void Report(const std::string& reqID, Download& download, bool done);
   // Writes the download's result and forgets it.
   void Finish(Iterator it, qel::enmFileStatus status, std::string error = "");
-  // The result: {ReqID, FileStatus, bytes, path}, failed when error is set,
+  // The result: {ReqID, FileStatus, bytes, seconds, path}, failed when error is set,
   // when the download did not complete or its MD5 differs.
   static CommandResult Outcome(const std::string& reqID, const Download& download,
                                qel::enmFileStatus status, std::string error,
