@@ -157,19 +157,22 @@ Contenders Start(const std::string& qelBinary, const std::string& share) {
   return c;
 }
 
+// Timed by the fetching node, from sending GET to the file being whole on
+// disk, as the reference's processes time themselves: the command and result
+// lines that pass through this process are not part of either transfer.
 std::optional<double> QelRun(Contenders& c, const Span& span, int64_t fileSize,
                              const std::string& target, std::string& why) {
-  const int64_t start = NowNs();
   c.client->channel().Send("get " + c.serverID + " \\big " + target + RangeWords(span, fileSize));
   std::optional<json> result = WaitLine(
       *c.client, [](const json& l) { return IsCommand(l, "get"); }, kTransferTimeoutMs, why);
   if (!result) return std::nullopt;
-  const int64_t end = NowNs();
-  if (!(*result)["ok"].get<bool>() || (*result)["value"]["bytes"] != span.length) {
+  const json& value = (*result)["value"];
+  if (!(*result)["ok"].get<bool>() || value["bytes"] != span.length ||
+      !value["seconds"].is_number() || value["seconds"].get<double>() <= 0) {
     why = "qel-client: " + result->dump();
     return std::nullopt;
   }
-  return static_cast<double>(span.length) * 1e9 / static_cast<double>(end - start);
+  return static_cast<double>(span.length) / value["seconds"].get<double>();
 }
 
 std::optional<double> TcpRun(Contenders& c, const Span& span, const std::string& source,
