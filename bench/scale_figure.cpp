@@ -39,7 +39,7 @@ namespace {
 //   directed messages sent kWave at a time, each batch left to die out before
 //   the next, so no node sees more than about 2 * kDialBatch floods at once.
 // - maxRoutes 10: each node keeps the routes of the last 10 floods that
-//   passed it, hence waves of kWave = 10 (see MeasureDirected).
+//   passed it, hence waves of kWave = 10 (see Directed).
 constexpr uint64_t kSeed = 1000;
 constexpr int32_t kDialBatch = 10;
 constexpr int32_t kWave = 10;
