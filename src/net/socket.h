@@ -22,7 +22,8 @@ enum class SocketState : int32_t {
 };
 
 // One TCP connection. Handlers run on the loop; a handler may close or
-// destroy the socket. Nothing is raised after Close().
+// destroy the socket. Nothing is raised after Close(). Sockets read into a
+// buffer they share, so an idle connection holds none.
 class Socket {
  public:
   struct Handlers {
