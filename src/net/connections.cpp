@@ -224,7 +224,10 @@ void Connections::Drain(int32_t index, uint64_t generation) {
   if (c.draining >= kMaxDepthPerConnection || depth_ >= kMaxDepth) {
     // An outer round of this connection takes them when its handler returns;
     // a connection with no round running is drained once the nesting unwinds.
-    if (c.draining == 0) c.drainPending = true;
+    if (c.draining == 0 && !c.drainPending) {
+      c.drainPending = true;
+      pendingDrains_.push_back(index);
+    }
     return;
   }
   {
@@ -254,9 +257,13 @@ void Connections::Drain(int32_t index, uint64_t generation) {
 }
 
 void Connections::DrainPending() {
-  for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
+  // Only the connections that wait: every read ends here, and a table of
+  // thousands of links must not be walked each time.
+  std::vector<int32_t> waiting;
+  waiting.swap(pendingDrains_);
+  for (int32_t i : waiting) {
     Connection& c = *conns_[i];
-    if (!c.drainPending) continue;
+    if (!c.drainPending) continue;  // released meanwhile
     c.drainPending = false;
     // From the loop, not from here: the caller is itself a handler.
     Post([this, i, generation = c.generation] {

@@ -185,6 +185,9 @@ class Connections {
   std::vector<std::unique_ptr<Connection>> conns_;
   std::vector<ListenerEntry> listeners_;
   int depth_ = 0;  // Drain rounds running, over all connections
+  // Connections whose drainPending was set, to be drained once the nesting
+  // unwinds; an index may be listed after its flag was cleared.
+  std::vector<int32_t> pendingDrains_;
   Timer upkeep_;
   Timer sweep_;
 };
