@@ -45,8 +45,6 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   void StartReading() {
     if (readPending || paused || inMemory) return;
     readPending = true;
-    std::error_code ignored;
-    if (!socket.non_blocking()) socket.non_blocking(true, ignored);
     socket.async_wait(tcp::socket::wait_read,
                       [self = shared_from_this(), gen = generation](const std::error_code& ec) {
                         if (gen != self->generation) return;
@@ -249,7 +247,6 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     if (socket.is_open() && state == SocketState::Connected && !outgoing.empty() && !wasWriting) {
       // Best effort for messages queued just before a close: whatever the
       // kernel takes without blocking still goes out.
-      socket.non_blocking(true, ignored);
       for (const std::string& piece : outgoing) {
         if (socket.write_some(asio::buffer(piece), ignored) < piece.size()) break;
       }
@@ -346,7 +343,8 @@ void Socket::Connect(const std::string& host, uint16_t port, int32_t timeoutMs) 
               self->connectTimer.cancel();
               std::error_code ignored;
               self->socket.set_option(tcp::no_delay(true), ignored);
-              self->socket.non_blocking(true, ignored);  // writes are tried at once
+              // Reads and writes are tried at once: neither may block the loop.
+              self->socket.non_blocking(true, ignored);
               self->state = SocketState::Connected;
               self->StartReading();
               self->ScheduleFlush();
@@ -470,7 +468,7 @@ struct Listener::Impl : std::enable_shared_from_this<Impl> {
         auto accepted = std::make_unique<Socket>();
         std::error_code ignored;
         peer.set_option(tcp::no_delay(true), ignored);
-        peer.non_blocking(true, ignored);  // writes are tried at once
+        peer.non_blocking(true, ignored);  // as for a dialled socket
         accepted->impl_->socket = std::move(peer);
         accepted->impl_->state = SocketState::Connected;
         accepted->impl_->StartReading();
