@@ -24,6 +24,10 @@ class QEL_API cQELStats {
   // Mean percentage saved by compression over all compressed incoming
   // messages; 0 when there were none.
   int16_t AvgCompression() const;
+  // Confirmed messages that a node had to forget before their senders
+  // stopped resending them (its memory of them is capped); a late resend of
+  // one would be delivered again. 0 in normal running.
+  int32_t ResendWindowCuts() const;
 };
 
 }  // namespace qel

@@ -22,6 +22,9 @@ struct Stats {
   int64_t OutPacketCount = 0;
   int64_t CompressionSum = 0;
   int64_t CompressionCount = 0;
+  // Confirmed messages whose IDs the resend window's cap pushed out early,
+  // so that a late resend of them would be delivered again.
+  int64_t ResendWindowCuts = 0;
 
   // Turns the accumulators into per-second rates for a tick of intervalMs.
   // Returns false when a rate overflowed 32 bits: the rates before it are

@@ -108,6 +108,10 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
   MakeTable(packetCache);
   node.Routes = RouteTable(node.maxRoutes);
   node.SeenIDs = PacketCache(packetCache);
+  node.Resends = ResendWindow();
+  // Every write and resend of a confirmed message, as this node would make
+  // them, and a second for the last to arrive.
+  node.Resends.SetSpan(int64_t{node.confirmTimeout} * (int64_t{node.confirmRetry} + 1) + 1000);
   node.Files.Folders.assign(1, typSharedFolder{});
   node.SharingFiles = false;
 

@@ -43,5 +43,8 @@ std::string cQELStats::QELVersion() const {
 int16_t cQELStats::AvgCompression() const {
   return Figures().AvgCompression();
 }
+int32_t cQELStats::ResendWindowCuts() const {
+  return Saturate(Figures().ResendWindowCuts);
+}
 
 }  // namespace qel

@@ -169,8 +169,10 @@ bool ParseHeader(typMessage& message, std::string_view header) {
 
 bool HasFlag(const typMessage& message, std::string_view flag) {
   const std::string* flags = FindField(message.Fields, "Flags");
-  if (!flags) return false;
-  std::string_view text = *flags;
+  return flags && FlagsHold(*flags, flag);
+}
+
+bool FlagsHold(std::string_view text, std::string_view flag) {
   for (size_t at = 0; (at = FindNoCase(text, flag, at)) != std::string_view::npos; ++at) {
     if (at + flag.size() < text.size() && text[at + flag.size()] == ',') return true;
   }

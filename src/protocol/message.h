@@ -65,6 +65,8 @@ bool ParseHeader(typMessage& message, std::string_view header);
 // True when the upper-cased "Flags" value contains flag, upper-cased, followed
 // by a comma. A plain substring test: no flag word ends in another.
 bool HasFlag(const typMessage& message, std::string_view flag);
+// The same test on a Flags value.
+bool FlagsHold(std::string_view flags, std::string_view flag);
 
 // A length field's value: optional blanks, an optional sign and decimal
 // digits; nullopt for anything else. Digits beyond 64 bits saturate, so an

@@ -1,6 +1,7 @@
 #include "routing/incoming.h"
 
 #include "core/stats.h"
+#include "net/event_loop.h"
 #include "protocol/body.h"
 #include "routing/confirm.h"
 #include "routing/discovery.h"
@@ -60,10 +61,36 @@ void ProcessMessage(RoutingNode& node, typMessage&& message, int32_t conn) {
   const std::string_view id = packed ? message.Index.id.In(message.Wire) : view("ID");
   const std::string_view destination =
       packed ? message.Index.destination.In(message.Wire) : view("Destination");
-  if (node.SeenIDs.Contains(id)) return;
-  node.SeenIDs.Add(id);
-
   const bool exact = !node.NodeID.empty() && destination == node.NodeID;
+  const bool duplicate = node.SeenIDs.Contains(id);
+  if (!duplicate) node.SeenIDs.Add(id);
+  // A message that asks this node for a CONFIRM comes again when the
+  // CONFIRM is lost, often after the duplicate cache has moved on: it is
+  // confirmed again but delivered only once.
+  if (exact && FlagsHold(packed ? message.Index.flags.In(message.Wire) : view("Flags"), "C")) {
+    const uint64_t cuts = node.Resends.Cuts();
+    const ResendWindow::Seen seen = node.Resends.Note(id, TickCount());
+    stats.ResendWindowCuts += static_cast<int64_t>(node.Resends.Cuts() - cuts);
+    if (seen != ResendWindow::Seen::First) {
+      if (seen == ResendWindow::Seen::Again) {
+        try {
+          typMessage confirm = MakeConfirm(
+              std::string(packed ? message.Index.source.In(message.Wire) : view("Source")),
+              std::string(id));
+          SendPacket(node, confirm);
+        } catch (...) {
+          ReportCurrentFault(node);
+        }
+      }
+      if (!duplicate && node.Alive()) {
+        node.Routes.Learn(packed ? message.Index.route.In(message.Wire) : view("Route"),
+                          node.NodeID);
+      }
+      return;
+    }
+  }
+  if (duplicate) return;
+
   const bool forMe = destination == "BROADCAST" ||
                      (!node.NodeID.empty() && destination.find(node.NodeID) != std::string::npos);
   // Only what is delivered here needs its fields and body apart; a chat

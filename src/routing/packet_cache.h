@@ -2,20 +2,19 @@
 // comes back over another path is dropped.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 #include <vector>
 
+#include "routing/key_table.h"
+
 namespace qel {
 
-// A first-in-first-out window of the last Capacity() IDs added. Each ID is
-// held as a fixed 16-byte key (a seeded 128-bit hash of its bytes) in an
-// open-addressing table, so checking and adding a message costs no
-// allocation once the window is full. Lookups are O(1) and case-sensitive;
-// two IDs meet on one key only by a 2^-128 chance. Not thread-safe; the
-// owner serializes calls.
+// A first-in-first-out window of the last Capacity() IDs added, held as
+// keys (see KeyTable), so checking and adding a message costs no allocation
+// once the window is full. Lookups are O(1) and case-sensitive. Not
+// thread-safe; the owner serializes calls.
 class PacketCache {
  public:
   // A window of capacity IDs; capacity <= 0 holds nothing. Room for up to
@@ -39,29 +38,12 @@ class PacketCache {
   // Number of IDs held, copies of the same ID included.
   size_t Size() const { return ring_.size(); }
 
-  using Key = std::array<uint64_t, 2>;
-  static Key KeyOf(std::string_view id);
-
  private:
-  struct Slot {
-    Key key{};
-    uint32_t copies = 0;  // 0: free
-  };
-
-  static constexpr size_t kNone = SIZE_MAX;
-  // The slot holding key, or kNone.
-  size_t Find(const Key& key) const;
-  Slot& Insert(const Key& key);
-  void Erase(size_t slot);
-  void Grow();
-
   int32_t capacity_;
   // Held keys in arrival order, oldest at head_ once the ring is full.
-  std::vector<Key> ring_;
+  std::vector<IDKey> ring_;
   size_t head_ = 0;
-  // Power-of-two sized, at most half full; linear probing.
-  std::vector<Slot> slots_;
-  size_t used_ = 0;
+  KeyTable<> held_;
 };
 
 }  // namespace qel

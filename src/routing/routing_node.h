@@ -11,6 +11,7 @@
 #include "net/link_owner.h"
 #include "routing/node_entry.h"
 #include "routing/packet_cache.h"
+#include "routing/resend_window.h"
 #include "routing/route_table.h"
 
 namespace qel {
@@ -52,6 +53,8 @@ struct RoutingNode : LinkOwner {
 
   // Identifiers of messages seen or sent, and the learned routes.
   PacketCache SeenIDs;
+  // Messages this node confirmed, held while their senders may resend them.
+  ResendWindow Resends;
   RouteTable Routes;
   // Nodes that answered this node's questions; position 0 is unused.
   NodeTable NodeCache;

@@ -72,6 +72,24 @@ TEST(NetworkTest, ConfirmedMessagesSettleAndUnconfirmedOnesAreGivenUp) {
   EXPECT_EQ(PendingCount(), 0u);
 }
 
+TEST(NetworkTest, AResendAfterTheDuplicateCacheMovedOnIsNotDeliveredAgain) {
+  Peer target("target", Settings("packetCache=2"), true);
+  RawPeer peer(target);
+  ASSERT_TRUE(Eventually([&] { return peer.connected && target.established.size() == 1; }));
+  const std::string resent = RawMsg("RESENT", "TTL: 1\r\nFlags: C,\r\n", "once", target.ID());
+  peer.socket.Send(resent);
+  // Answers without a ReqID (the node's INFO, then this CONFIRM) share a key.
+  ASSERT_TRUE(Eventually([&] { return peer.answers[""].MsgType == "CONFIRM"; }));
+  // Three more push it out of a cache of two before it comes again.
+  for (const char* id : {"X1", "X2", "X3"}) {
+    peer.socket.Send(RawMsg(id, "TTL: 1\r\n", id, target.ID()));
+  }
+  peer.socket.Send(resent);
+  peer.socket.Send(RawMsg("LAST", "TTL: 1\r\n", "last", target.ID()));
+  ASSERT_TRUE(Eventually([&] { return !target.messages.empty() && target.messages.back() == "last"; }));
+  EXPECT_EQ(target.messages, (std::vector<std::string>{"once", "X1", "X2", "X3", "last"}));
+}
+
 TEST(NetworkTest, RefusedRequestsAndHandlersThatShutTheirNodeDown) {
   Peer a("a", "", true), b("b");
   a.node.ConnectionReq = [](std::string&, bool& cancel) { cancel = true; };

@@ -13,6 +13,7 @@
 #include "routing/discovery.h"
 #include "routing/node_entry.h"
 #include "routing/packet_cache.h"
+#include "routing/resend_window.h"
 #include "routing/route_table.h"
 
 namespace qel {
@@ -109,6 +110,43 @@ TEST(PacketCacheTest, HoldsTheLastCapacityIdsCopiesIncluded) {
   for (int i = 0; i < 20000; ++i) held += window.Contains("m" + std::to_string(i));
   EXPECT_EQ(held, 100);
   EXPECT_TRUE(window.Contains("m19900") && !window.Contains("m19899"));
+}
+
+TEST(ResendWindowTest, HoldsConfirmedIdsForTheirSpanWithinTheCap) {
+  using Seen = ResendWindow::Seen;
+  constexpr int64_t gap = ResendWindow::kConfirmGapMs;
+  ResendWindow window(3);
+  window.SetSpan(1000);
+  EXPECT_EQ(window.Note("a", 0), Seen::First);
+  EXPECT_EQ(window.Note("a", gap - 1), Seen::Recent);  // a flooded copy
+  EXPECT_EQ(window.Note("a", gap), Seen::Again);       // a resend
+  EXPECT_EQ(window.Note("a", gap + 1), Seen::Recent);  // ...and its copy
+  EXPECT_EQ(window.Note("A", 300), Seen::First);       // IDs are case-sensitive
+  EXPECT_EQ(window.Note("a", 999), Seen::Again);
+  EXPECT_EQ(window.Note("a", 1000), Seen::First);  // its span is over
+  EXPECT_EQ(window.Size(), 2u);
+
+  // Past the cap the oldest goes early, and that is counted.
+  EXPECT_EQ(window.Note("b", 1001), Seen::First);
+  EXPECT_EQ(window.Note("c", 1001), Seen::First);
+  EXPECT_EQ(window.Cuts(), 1u);
+  EXPECT_EQ(window.Note("A", 1001), Seen::First);  // forgotten early
+  EXPECT_EQ(window.Note("c", 1500), Seen::Again);
+  EXPECT_EQ(window.Note("z", 5000), Seen::First);  // everything else expired
+  EXPECT_EQ(window.Size(), 1u);
+
+  ResendWindow off;
+  EXPECT_EQ(off.Note("a", 0), Seen::First);
+  EXPECT_EQ(off.Note("a", 9999), Seen::First);
+
+  // Growing and wrapping the ring keeps every held ID findable.
+  ResendWindow big(1000);
+  big.SetSpan(1 << 30);
+  for (int i = 0; i < 5000; ++i) big.Note("m" + std::to_string(i), i);
+  EXPECT_EQ(big.Cuts(), 4000u);
+  int held = 0;
+  for (int i = 4999; i >= 0; --i) held += big.Note("m" + std::to_string(i), 1 << 20) == Seen::Again;
+  EXPECT_EQ(held, 1000);
 }
 
 using Entries = std::vector<std::string>;

@@ -155,7 +155,8 @@ CommandResult Stats(Session&, const Args&) {
            {"InPacketCount", stats.InPacketCount()},
            {"OutPacketCount", stats.OutPacketCount()},
            {"QELVersion", stats.QELVersion()},
-           {"AvgCompression", stats.AvgCompression()}},
+           {"AvgCompression", stats.AvgCompression()},
+           {"ResendWindowCuts", stats.ResendWindowCuts()}},
           ""};
 }
 
