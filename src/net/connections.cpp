@@ -175,6 +175,7 @@ void Connections::OnConnected(int32_t index) {
   auto owner = Lock(c.Owner);
   if (!owner) return;
   c.lastByteTick = TickCount();
+  c.sck->SetKeepAlive(c.limits.keepAliveSec);
   const LinkKind kind = c.redial ? LinkKind::Redialled : LinkKind::Dialled;
   c.redial = false;
   owner->OnLinkUp(index, kind, c.Address);
@@ -343,6 +344,7 @@ void Connections::OnAccept(size_t listener, std::unique_ptr<Socket> socket) {
   int32_t index = GetFreeSocket(*owner, entry.limits);
   conns_[index]->sck = std::move(socket);
   conns_[index]->lastByteTick = TickCount();
+  conns_[index]->sck->SetKeepAlive(entry.limits.keepAliveSec);
   Attach(index);
   owner->OnLinkUp(index, LinkKind::Accepted, source);
 }

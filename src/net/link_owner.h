@@ -29,6 +29,10 @@ struct LinkLimits {
   int32_t maxConnections = 1024;
   // Without a port in the address, this port is dialled.
   int32_t defaultPort = 0;
+  // Seconds of quiet before a connection's peer is probed; one that does
+  // not answer is closed about twice that long after it was last heard.
+  // 0: the system's default (normally no probes).
+  int32_t keepAliveSec = 0;
 };
 
 // How a link came up.

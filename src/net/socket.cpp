@@ -9,6 +9,10 @@
 #include <utility>
 #include <vector>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
 #include "net/asio_context.h"
 
 namespace qel {
@@ -413,6 +417,25 @@ std::string Socket::RemoteHost() const {
   std::error_code ec;
   auto endpoint = impl_->socket.remote_endpoint(ec);
   return ec ? std::string() : endpoint.address().to_string();
+}
+
+bool Socket::SetKeepAlive(int32_t seconds) {
+  if (seconds <= 0 || !impl_->socket.is_open()) return false;
+  // Probes start after `idle` quiet seconds, three of them `interval` apart:
+  // a silent peer is given up about 2 * seconds after it was last heard.
+  // The user timeout does the same while sent data waits for an
+  // acknowledgement, when the kernel would otherwise retry for minutes.
+  const int idle = std::min(seconds, 32767);
+  const int interval = std::max(1, (idle + 2) / 3);
+  const int count = 3;
+  const unsigned userTimeoutMs = 2000u * static_cast<unsigned>(idle);
+  const int on = 1;
+  const int fd = impl_->socket.native_handle();
+  return setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) == 0 &&
+         setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle) == 0 &&
+         setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof interval) == 0 &&
+         setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof count) == 0 &&
+         setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &userTimeoutMs, sizeof userTimeoutMs) == 0;
 }
 
 uint16_t Socket::LocalPort() const {

@@ -77,6 +77,10 @@ class Socket {
   SocketState State() const;
   std::string RemoteHost() const;
   uint16_t LocalPort() const;
+  // Has the kernel probe a quiet connection, so that a peer that vanished
+  // without closing (power lost, link down) is closed within about
+  // 2 * seconds. False when seconds <= 0 or the socket is not open.
+  bool SetKeepAlive(int32_t seconds);
 
   // Seam for tests and fuzzing: drops any real connection and becomes
   // Connected without touching the network. What is sent is appended to

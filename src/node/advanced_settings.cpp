@@ -17,7 +17,7 @@ namespace {
 constexpr int64_t kInt32Max = INT32_MAX;
 
 // docs/guide.md describes each key; keep the two in step.
-constexpr std::array<AdvancedSetting, 18> kSettings = {{
+constexpr std::array<AdvancedSetting, 19> kSettings = {{
     {"Timeout", SettingType::Integer32, "500", 0, kInt32Max},
     {"TTL", SettingType::Integer32, "20", 0, kInt32Max},
     {"useEnc", SettingType::Boolean, "False"},
@@ -37,6 +37,8 @@ constexpr std::array<AdvancedSetting, 18> kSettings = {{
     {"stallTimeout", SettingType::Integer32, "30000", 0, kInt32Max},
     {"maxConnections", SettingType::Integer32, "1024", 0, kInt32Max},
     {"listenAddress", SettingType::Text, ""},
+    // Seconds; the kernel takes at most 32767.
+    {"keepAlive", SettingType::Integer32, "0", 0, 32767},
 }};
 
 // The conversion Initialise makes; throws QelError 13 or 6.

@@ -92,6 +92,7 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
   node.memoryBudget = values.Get("memoryBudget").toInt64();
   node.stallTimeout = values.Get("stallTimeout").toInt32();
   node.maxConnections = values.Get("maxConnections").toInt32();
+  node.keepAlive = values.Get("keepAlive").toInt32();
   node.listenAddress = Trim(values.Get("listenAddress").toString());
   values.ThrowFault();
   if (node.netPass.empty()) node.netPass = "blankey";

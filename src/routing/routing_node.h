@@ -48,6 +48,8 @@ struct RoutingNode : LinkOwner {
   int64_t memoryBudget = 0;
   int32_t stallTimeout = 0;
   int32_t maxConnections = 0;
+  // Seconds of quiet before a peer is probed (LinkLimits::keepAliveSec).
+  int32_t keepAlive = 0;
   // Where Listen listens; empty: every IPv4 interface.
   std::string listenAddress;
 
@@ -72,7 +74,8 @@ struct RoutingNode : LinkOwner {
             .memoryBudget = memoryBudget,
             .stallTimeoutMs = stallTimeout,
             .maxConnections = maxConnections,
-            .defaultPort = ListenPort};
+            .defaultPort = ListenPort,
+            .keepAliveSec = keepAlive};
   }
 
   // Raises the node's Error event. May run the loop.
