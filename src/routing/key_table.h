@@ -36,6 +36,10 @@ class KeyTable {
     const size_t at = Locate(key);
     return at == kNone ? nullptr : &slots_[at].value;
   }
+  const Value* Find(const IDKey& key) const {
+    const size_t at = Locate(key);
+    return at == kNone ? nullptr : &slots_[at].value;
+  }
   bool Contains(const IDKey& key) const { return Locate(key) != kNone; }
 
   // One more copy of key; its value, default-made for a new key.

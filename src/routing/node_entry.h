@@ -5,9 +5,10 @@
 #include <deque>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 #include <qel/types.h>
+
+#include "routing/key_table.h"
 
 namespace qel {
 
@@ -60,7 +61,9 @@ class NodeTable {
  private:
   std::deque<NodeEntry> entries_;
   // ID -> serial number of its entry; position = serial - dropped_ + 1.
-  std::unordered_map<std::string, uint64_t> index_;
+  // Keys rather than copies of the IDs: a node keeps an entry for every
+  // node whose announcement reached it.
+  KeyTable<uint64_t> index_;
   uint64_t added_ = 0;
   uint64_t dropped_ = 0;
 };
