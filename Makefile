@@ -6,7 +6,7 @@ JOBS       ?= 2
 BUILD_FUZZ ?= build-fuzz
 FUZZ_SECONDS ?= 60
 
-.PHONY: all setup build run test test-asan fuzz bench format clean
+.PHONY: all setup build run test test-asan soak fuzz bench format clean
 
 all: build
 
@@ -41,6 +41,17 @@ test-asan: setup
 	cmake --build $(BUILD_ASAN) -j $(JOBS)
 	cd $(BUILD_ASAN) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest --output-on-failure --no-tests=error -j $(JOBS)
+
+# A ring of nodes on loopback, one node killed and restarted every 2 s while
+# another sends to a third; prints what arrived, crashes and peak memory.
+# SOAK_ARGS takes more options (build/bin/qel_soak --help).
+SOAK_SECONDS ?= 60
+SOAK_ARGS ?=
+
+soak: setup
+	$(CONFIGURE)
+	cmake --build $(BUILD) -j $(JOBS) --target qel_soak
+	$(BUILD)/bin/qel_soak --seconds $(SOAK_SECONDS) $(SOAK_ARGS)
 
 # Each fuzzer runs FUZZ_SECONDS in turn, then its final coverage is printed;
 # findings land in $(BUILD_FUZZ)/findings/<target>, logs in $(BUILD_FUZZ).

@@ -1,0 +1,60 @@
+// qel_soak: runs `qel node` processes for a while under faults and reports
+// what arrived, what crashed and how much memory the nodes took.
+#include <cstdio>
+#include <ctime>
+#include <exception>
+
+#include <CLI/CLI.hpp>
+
+#include "child.h"
+#include "ring.h"
+
+int main(int argc, char** argv) {
+  soak::RingOptions ring;
+#ifdef QEL_CLI_PATH
+  ring.qel = QEL_CLI_PATH;
+#endif
+  CLI::App app{"Soak test of qel nodes: a ring on loopback under kills"};
+  app.add_option("--qel", ring.qel, "the qel binary")->capture_default_str();
+  app.add_option("--nodes", ring.nodes, "nodes in the ring")
+      ->check(CLI::Range(5, 200))
+      ->capture_default_str();
+  app.add_option("--seconds", ring.seconds, "seconds of sending")
+      ->check(CLI::Range(1.0, 86400.0))
+      ->capture_default_str();
+  app.add_option("--rate", ring.rate, "messages a second")
+      ->check(CLI::Range(1, 100000))
+      ->capture_default_str();
+  app.add_option("--kill-every-ms", ring.killEveryMs, "one node killed this often")
+      ->check(CLI::Range(10, 3600000))
+      ->capture_default_str();
+  app.add_option("--down-ms", ring.downMs, "a killed node is restarted this long after")
+      ->check(CLI::Range(0, 3600000))
+      ->capture_default_str();
+  app.add_option("--confirm-timeout-ms", ring.confirmTimeoutMs, "confirmTimeout of the nodes")
+      ->check(CLI::Range(1, 3600000))
+      ->capture_default_str();
+  app.add_option("--confirm-retry", ring.confirmRetry, "confirmRetry of the nodes")
+      ->check(CLI::Range(0, 1000))
+      ->capture_default_str();
+  app.add_option("--max-rss-mib", ring.maxRssMiB, "peak RSS a node may reach; 0: no bound")
+      ->check(CLI::Range(0L, 1L << 20))
+      ->capture_default_str();
+  app.add_option("--drain-seconds", ring.drainSeconds, "deadline for the last messages")
+      ->check(CLI::Range(1, 86400))
+      ->capture_default_str();
+  app.add_option("--seed", ring.seed, "random seed (0: from the clock)");
+  CLI11_PARSE(app, argc, argv);
+  if (ring.seed == 0) ring.seed = static_cast<unsigned>(std::time(nullptr));
+
+  soak::InstallSignalHandlers();
+  try {
+    return soak::RunRing(ring);
+  } catch (const soak::Interrupted& e) {
+    std::fprintf(stderr, "qel_soak: %s; every node stopped\n", e.what());
+    return 130;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "qel_soak: %s\n", e.what());
+    return 1;
+  }
+}
