@@ -6,7 +6,7 @@ JOBS       ?= 2
 BUILD_FUZZ ?= build-fuzz
 FUZZ_SECONDS ?= 60
 
-.PHONY: all setup build run test test-asan soak fuzz bench format clean
+.PHONY: all setup build run test test-asan soak soak-hosts fuzz bench format clean
 
 all: build
 
@@ -52,6 +52,13 @@ soak: setup
 	$(CONFIGURE)
 	cmake --build $(BUILD) -j $(JOBS) --target qel_soak
 	$(BUILD)/bin/qel_soak --seconds $(SOAK_SECONDS) $(SOAK_ARGS)
+
+# One node per network namespace, linked in a line (root; skipped otherwise).
+soak-hosts: setup
+	@bash scripts/setup.sh hosts
+	$(CONFIGURE)
+	cmake --build $(BUILD) -j $(JOBS) --target qel_soak
+	$(BUILD)/bin/qel_soak --netns $(SOAK_ARGS)
 
 # Each fuzzer runs FUZZ_SECONDS in turn, then its final coverage is printed;
 # findings land in $(BUILD_FUZZ)/findings/<target>, logs in $(BUILD_FUZZ).

@@ -7,15 +7,21 @@
 #include <CLI/CLI.hpp>
 
 #include "child.h"
+#include "hosts.h"
 #include "ring.h"
 
 int main(int argc, char** argv) {
   soak::RingOptions ring;
+  soak::HostsOptions hosts;
 #ifdef QEL_CLI_PATH
   ring.qel = QEL_CLI_PATH;
 #endif
-  CLI::App app{"Soak test of qel nodes: a ring on loopback under kills"};
+  bool netns = false;
+  CLI::App app{
+      "Soak test of qel nodes: a ring on loopback under kills, or (--netns) a line of "
+      "hosts in network namespaces"};
   app.add_option("--qel", ring.qel, "the qel binary")->capture_default_str();
+  app.add_flag("--netns", netns, "run the hosts check in network namespaces (root)");
   app.add_option("--nodes", ring.nodes, "nodes in the ring")
       ->check(CLI::Range(5, 200))
       ->capture_default_str();
@@ -44,12 +50,19 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(1, 86400))
       ->capture_default_str();
   app.add_option("--seed", ring.seed, "random seed (0: from the clock)");
+  app.add_option("--hosts", hosts.hosts, "--netns: hosts in the line")
+      ->check(CLI::Range(3, 50))
+      ->capture_default_str();
+  app.add_option("--keepalive", hosts.keepAlive, "--netns: the nodes' keepAlive, seconds")
+      ->check(CLI::Range(1, 3600))
+      ->capture_default_str();
   CLI11_PARSE(app, argc, argv);
   if (ring.seed == 0) ring.seed = static_cast<unsigned>(std::time(nullptr));
+  hosts.qel = ring.qel;
 
   soak::InstallSignalHandlers();
   try {
-    return soak::RunRing(ring);
+    return netns ? soak::RunHosts(hosts) : soak::RunRing(ring);
   } catch (const soak::Interrupted& e) {
     std::fprintf(stderr, "qel_soak: %s; every node stopped\n", e.what());
     return 130;
