@@ -49,6 +49,7 @@ bool MessageFeeder::TakeWhole(std::string_view& data, size_t headerSize) {
   current_.Index = index;
   current_.HeaderDone = true;
   bodyLength_ = 0;
+  bodyFilled_ = 0;
   data.remove_prefix(current_.Wire.size());
   return true;
 }
@@ -80,6 +81,7 @@ MessageFeeder::StepResult MessageFeeder::TakeHeader(std::string_view& data) {
   // Absent or not a number counts as no body. Lengths are 32-bit on every
   // node, so a larger one is refused like any other over the limit.
   bodyLength_ = 0;
+  bodyFilled_ = 0;
   if (const std::string* field = FindField(current_.Fields, "Content-Length")) {
     std::optional<int64_t> length = ParseLength(*field);
     if (length && *length > 0) bodyLength_ = *length;
@@ -98,11 +100,47 @@ MessageFeeder::StepResult MessageFeeder::Step(std::string_view& data) {
     StepResult header = TakeHeader(data);
     if (header != StepResult::Complete) return header;
   }
-  const size_t missing = static_cast<size_t>(bodyLength_) - current_.Body.size();
+  std::string& body = current_.Body;
+  const size_t missing = static_cast<size_t>(bodyLength_) - bodyFilled_;
   const size_t take = std::min(missing, data.size());
-  current_.Body.append(data.substr(0, take));
+  // Room offered for a read and not used: the bytes came this way instead.
+  if (body.size() > bodyFilled_) body.resize(bodyFilled_);
+  Reserve(bodyFilled_ + take);
+  body.append(data.substr(0, take));
+  bodyFilled_ += take;
   data.remove_prefix(take);
-  return take == missing ? StepResult::Complete : StepResult::NeedMore;
+  if (take < missing) return StepResult::NeedMore;
+  bodyFilled_ = 0;
+  return StepResult::Complete;
+}
+
+void MessageFeeder::Reserve(size_t size) {
+  std::string& body = current_.Body;
+  if (size <= body.capacity()) return;
+  // Doubled as a string does, but never past the announced length. A fresh
+  // string, because reserve on one that has room doubles it regardless.
+  std::string grown;
+  grown.reserve(std::min(static_cast<size_t>(bodyLength_), std::max(size, 2 * body.capacity())));
+  grown.append(body);
+  body.swap(grown);
+}
+
+std::span<char> MessageFeeder::BodyRoom() {
+  if (!current_.HeaderDone || bodyLength_ < kDirectBody) return {};
+  std::string& body = current_.Body;
+  const auto length = static_cast<size_t>(bodyLength_);
+  if (body.size() == bodyFilled_) {
+    // Grown only as the bytes come: a peer's Content-Length is only a claim.
+    const size_t end = std::min(length, bodyFilled_ + kBodyStep);
+    Reserve(end);
+    body.resize(end);
+  }
+  return {body.data() + bodyFilled_, body.size() - bodyFilled_};
+}
+
+bool MessageFeeder::TakeDirect(size_t n) {
+  bodyFilled_ += std::min(n, current_.Body.size() - bodyFilled_);
+  return current_.HeaderDone && bodyFilled_ == static_cast<size_t>(bodyLength_);
 }
 
 }  // namespace qel

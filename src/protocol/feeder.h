@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string_view>
 #include <utility>
 
@@ -67,10 +68,34 @@ class MessageFeeder {
     }
   }
 
+  // Bodies from this length on may be read straight into the message.
+  static constexpr int64_t kDirectBody = 65536;
+  // What the body grows by at most, whatever the length a peer announced.
+  static constexpr size_t kBodyStep = size_t{1} << 20;
+
+  // Room in the body of the message in progress for the next bytes of the
+  // stream, so that a read can put them there instead of passing them to
+  // Feed: empty unless a header announcing a body of kDirectBody bytes or
+  // more was parsed and part of that body is missing. Never reaches past
+  // the body, and grows it by at most kBodyStep at a time. Valid only until
+  // the next call on the feeder (Reset frees it): ask again for every read.
+  std::span<char> BodyRoom();
+  // Accounts n bytes read into the room BodyRoom just gave (n at most its
+  // size), then calls onMessage(typMessage&&) when they complete the message,
+  // as Feed does.
+  template <typename Callback>
+  void FeedDirect(size_t n, Callback&& onMessage) {
+    if (!TakeDirect(n)) return;
+    typMessage done = std::exchange(current_, typMessage{});
+    bodyFilled_ = 0;
+    onMessage(std::move(done));
+  }
+
   // Forgets the message in progress and gives its buffers back.
   void Reset() {
     typMessage fresh;
     std::swap(current_, fresh);
+    bodyFilled_ = 0;
   }
 
   // Whether part of a message has arrived and waits for the rest.
@@ -92,11 +117,18 @@ class MessageFeeder {
   // Takes a message whose header (headerSize bytes) and body are both in
   // data, when its header is in the plain form: kept as bytes, not parsed.
   bool TakeWhole(std::string_view& data, size_t headerSize);
+  // Makes room for size bytes of the body (at most its announced length).
+  void Reserve(size_t size);
+  // Counts n bytes read into the room; true when the body is complete.
+  bool TakeDirect(size_t n);
 
   Limits limits_;
   typMessage current_;
   // The body length announced by the current message's header.
   int64_t bodyLength_ = 0;
+  // How much of the body arrived; the body's size is larger while room for
+  // a read is offered.
+  size_t bodyFilled_ = 0;
   size_t malformed_ = 0;
 };
 

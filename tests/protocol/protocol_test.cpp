@@ -323,6 +323,66 @@ TEST(FeederTest, OversizedInputIsRefused) {
   EXPECT_EQ(body.got.size(), 1u);
 }
 
+// A reader that offers every read the room the feeder gives, as a socket
+// does, in reads of random size: the messages must be those of one Feed.
+TEST(FeederTest, BodiesReadIntoTheirRoomInPiecesOfAnySizeAreWhole) {
+  std::mt19937 rng(20251124);
+  auto body = [&](size_t n) {
+    std::string out(n, '\0');
+    for (char& c : out) c = static_cast<char>(rng());
+    out.replace(n / 2, 4, "\r\n\r\n");  // a terminator inside is only body
+    return out;
+  };
+  auto msg = [](const std::string& b) {
+    return "MSG  QEL/2.1\r\nContent-Length: " + std::to_string(b.size()) + "\r\n\r\n" + b;
+  };
+  // Past one growth step, just at the threshold, just below it, and small.
+  const std::string stream = msg(body(MessageFeeder::kBodyStep * 2 + 12345)) + kPing +
+                             msg(body(MessageFeeder::kDirectBody)) +
+                             msg(body(MessageFeeder::kDirectBody - 1)) + msg(body(300000)) +
+                             msg("tail");
+  Collector whole;
+  whole.Feed(stream);
+  ASSERT_EQ(whole.got.size(), 6u);
+
+  for (int round = 0; round < 20; ++round) {
+    const unsigned seed = rng();
+    std::mt19937 cut(seed);
+    Collector split;
+    size_t direct = 0;
+    for (std::string_view rest = stream; !rest.empty();) {
+      const size_t want = std::min<size_t>(rest.size(), 1 + cut() % 200000);
+      const std::span<char> room = split.feeder.BodyRoom();
+      // A room ends with its body and grows by a step at most.
+      ASSERT_LE(room.size(), MessageFeeder::kBodyStep);
+      ASSERT_LE(split.feeder.BufferedBytes(), 3 * MessageFeeder::kBodyStep);
+      if (room.empty() || cut() % 4 == 0) {  // a room may also go unused
+        ASSERT_EQ(split.Feed(rest.substr(0, want)), Outcome::Ok);
+        rest.remove_prefix(want);
+        continue;
+      }
+      const size_t n = std::min(want, room.size());
+      std::copy_n(rest.data(), n, room.data());
+      rest.remove_prefix(n);
+      direct += n;
+      split.feeder.FeedDirect(n, [&](typMessage&& m) {
+        Unpack(m);
+        split.got.push_back(Summary(m));
+      });
+    }
+    ASSERT_EQ(split.got, whole.got) << "seed " << seed;
+    EXPECT_GT(direct, stream.size() / 2) << "seed " << seed;
+  }
+
+  // A claim is not an allocation: only what arrived, plus one step.
+  MessageFeeder claim;
+  claim.Feed("MSG  QEL/2.1\r\nContent-Length: 60000000\r\n\r\n", [](typMessage&&) {});
+  EXPECT_EQ(claim.BodyRoom().size(), MessageFeeder::kBodyStep);
+  EXPECT_LE(claim.BufferedBytes(), MessageFeeder::kBodyStep + 4096);
+  claim.Reset();
+  EXPECT_TRUE(claim.BodyRoom().empty());
+}
+
 std::string Bytes(size_t n) {
   std::string out(n, '\0');
   for (size_t i = 0; i < n; ++i) out[i] = static_cast<char>(i * 37 + 11);
