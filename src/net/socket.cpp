@@ -61,6 +61,9 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     // Paused after the wait began: the bytes stay with the kernel, and the
     // peer waits in TCP's flow control.
     if (state != SocketState::Connected || paused) return;
+    if (handlers.onReadRoom) {
+      if (const std::span<char> room = handlers.onReadRoom(); !room.empty()) return ReadInto(room);
+    }
     ReadBuffer& shared = TheReadBuffer();
     // The lease of this read, 0 for a buffer of its own. The outer one is
     // saved and restored: once a handler resumed, or after a close and a new
@@ -95,6 +98,26 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
       return;
     }
     OnRead(ec, std::string_view(buffer, n));
+  }
+
+  // Reads into the owner's room, which holds only until its next handler runs.
+  void ReadInto(std::span<char> room) {
+    std::error_code ec;
+    const size_t n = socket.read_some(asio::buffer(room.data(), room.size()), ec);
+    if (ec && (ec == asio::error::would_block || ec == asio::error::try_again)) {
+      StartReading();
+      return;
+    }
+    if (ec) return OnRead(ec, {});
+    OnDirect(n);
+  }
+
+  void OnDirect(size_t n) {
+    if (auto& h = handlers.onDirect) {
+      auto keep = h;  // the handler may replace the handlers or destroy the socket
+      keep(n);
+    }
+    if (state == SocketState::Connected) StartReading();
   }
 
   // Gives the shared buffer back when the running handler of this socket
@@ -451,7 +474,18 @@ void Socket::ConnectInMemory(std::shared_ptr<std::string> sent) {
 }
 
 void Socket::ReceiveInMemory(std::string_view data) {
-  if (impl_->inMemory) impl_->OnRead({}, data);
+  // Kept alive: a handler may destroy the socket, which must then end the loop.
+  const std::shared_ptr<Impl> impl = impl_;
+  const uint64_t generation = impl->generation;
+  while (impl->inMemory && impl->generation == generation && !data.empty()) {
+    const std::span<char> room =
+        impl->handlers.onReadRoom ? impl->handlers.onReadRoom() : std::span<char>();
+    if (room.empty()) return impl->OnRead({}, data);
+    const size_t n = std::min(room.size(), data.size());
+    std::copy_n(data.data(), n, room.data());
+    data.remove_prefix(n);
+    impl->OnDirect(n);
+  }
 }
 
 struct Listener::Impl : std::enable_shared_from_this<Impl> {

@@ -32,6 +32,12 @@ class Socket {
     std::function<void()> onPeerClosed;                   // the peer closed or the link broke
     std::function<void(const std::error_code&)> onError;  // a connect failed
     std::function<void(size_t)> onSent;                   // bytes handed to the kernel
+    // Asked right before every read: room where the owner wants the next
+    // bytes put instead of the shared buffer (empty: no such room). The read
+    // writes only there, before any handler runs, and reports through
+    // onDirect(n) with n > 0; the span is never kept for a later read.
+    std::function<std::span<char>()> onReadRoom;
+    std::function<void(size_t)> onDirect;
   };
 
   Socket();
@@ -84,8 +90,10 @@ class Socket {
 
   // Seam for tests and fuzzing: drops any real connection and becomes
   // Connected without touching the network. What is sent is appended to
-  // *sent at once; ReceiveInMemory hands bytes to the data handler as a read
-  // would. Close() and Connect() work as usual and end the in-memory link.
+  // *sent at once; ReceiveInMemory hands bytes to the handlers as reads
+  // would: into the room onReadRoom offers while it offers one, the rest to
+  // the data handler. Close() and Connect() work as usual and end the
+  // in-memory link.
   void ConnectInMemory(std::shared_ptr<std::string> sent);
   void ReceiveInMemory(std::string_view data);
 
