@@ -167,6 +167,9 @@ void Connections::Attach(int32_t index) {
             TheStats().OutBytesAcc += static_cast<int64_t>(n);
             if (!conns_[index]->drainWaiters.empty()) WakeDrainWaiters(index, false);
           },
+      // A large body is read where it is going, not copied there.
+      .onReadRoom = [this, index, generation] { return ReadRoom(index, generation); },
+      .onDirect = [this, index, generation](size_t n) { OnDirect(index, generation, n); },
   });
 }
 
@@ -204,6 +207,34 @@ void Connections::OnData(int32_t index, uint64_t generation, std::string_view da
                              std::to_string(c.limits.maxMessage) + " bytes");
     return;
   }
+  AfterFeed(index, generation);
+}
+
+std::span<char> Connections::ReadRoom(int32_t index, uint64_t generation) {
+  Connection& c = *conns_[index];
+  if (c.generation != generation || c.backlogFull || !Lock(c.Owner)) return {};
+  return c.Partial.BodyRoom();
+}
+
+void Connections::OnDirect(int32_t index, uint64_t generation, size_t n) {
+  Connection& c = *conns_[index];
+  if (c.generation != generation) return;
+  TheStats().InBytesAcc += static_cast<int64_t>(n);
+  if (TheDebugLog().Enabled()) {
+    // The room starts where these bytes were put until they are counted.
+    DebugLine(">> INCOMING >>>>>>>>>>");
+    DebugLine(std::string_view(c.Partial.BodyRoom().data(), n));
+  }
+  c.lastByteTick = TickCount();
+  c.Partial.FeedDirect(n, [&](typMessage&& message) {
+    c.inboxBytes += MessageBytes(message);
+    c.inbox.push_back(std::move(message));
+  });
+  AfterFeed(index, generation);
+}
+
+void Connections::AfterFeed(int32_t index, uint64_t generation) {
+  Connection& c = *conns_[index];
   // Messages waiting behind a busy handler are bounded like one more
   // message: past that the peer waits in TCP's flow control.
   if (c.inboxBytes > static_cast<size_t>(std::max<int64_t>(c.limits.maxMessage, 0)) + 65536) {

@@ -154,6 +154,12 @@ class Connections {
   void Redial(int32_t index);
   void OnConnected(int32_t index);
   void OnData(int32_t index, uint64_t generation, std::string_view data);
+  // Where the next read of index may put its bytes (see Socket::Handlers).
+  std::span<char> ReadRoom(int32_t index, uint64_t generation);
+  // n bytes were read into that room.
+  void OnDirect(int32_t index, uint64_t generation, size_t n);
+  // What follows new bytes: reading paused or resumed, the budget, the inbox.
+  void AfterFeed(int32_t index, uint64_t generation);
   void Drain(int32_t index, uint64_t generation);
   void DrainPending();
   void OnAccept(size_t listener, std::unique_ptr<Socket> socket);

@@ -173,6 +173,28 @@ TEST_F(SharingTest, FilesAndRangesComeBackInPiecesAndWhatCannotBeServedIsCancele
   EXPECT_EQ(got[mine].data + " " + got[mine].pieces, "abc.txt 10-16/-1:1 ");
 }
 
+// Pieces of the default size are read straight into their message, on the
+// relay and on the asker: two transfers at once, whole and a range, must
+// still come back byte for byte.
+TEST_F(SharingTest, LargePiecesThroughARelayArriveIntact) {
+  std::string big((3 << 20) + 777, '\0');
+  std::mt19937 rng(5);
+  for (char& ch : big) ch = static_cast<char>(rng());
+  std::ofstream(base / "c/docs/big.bin", std::ios::binary)
+      .write(big.data(), static_cast<std::streamsize>(big.size()));
+  std::map<std::string, Received> got;
+  Record(a, got);
+  const std::string whole = a.node.RequestFile("\\docs\\big.bin", c.ID(), MakeRange()),
+                    part = a.node.RequestFile("\\docs\\big.bin", c.ID(), MakeRange(1000, 1500000));
+  ASSERT_TRUE(Eventually([&] {
+    return got[whole].last == FS_Complete && got[part].last == FS_Complete;
+  })) << got[whole].pieces
+      << "/ " << got[part].pieces;
+  EXPECT_TRUE(got[whole].data == big);
+  EXPECT_TRUE(got[part].data == big.substr(1000, 1499001));
+  EXPECT_TRUE(a.errors.empty() && b.errors.empty() && c.errors.empty());
+}
+
 TEST(TransferTest, PiecesOfAPacketEachAndACancelStopsTheServer) {
   const fs::path dir = fs::temp_directory_path() / ("qel_transfer_" + std::to_string(getpid()));
   fs::create_directories(dir);

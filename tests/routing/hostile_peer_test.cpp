@@ -6,6 +6,7 @@
 #include <random>
 
 #include "../support/peers.h"
+#include "core/stats.h"
 #include "net/connections.h"
 #include "protocol/body.h"
 
@@ -181,6 +182,34 @@ TEST(HostilePeerTest, MessagesBehindAWaitingHandlerQueueInsteadOfNesting) {
   EXPECT_LE(deepest, 2);
   EXPECT_EQ(target.messages, (std::vector<std::string>{"0", "1", "2", "3", "4", "5", "6", "7", "8",
                                                        "9", "10", "11"}));
+}
+
+// Half a large body is read straight into the message; the peer then goes
+// and its connection is taken again. Nothing the next reads bring may land
+// in the old message (ASan), and the new peer's body arrives whole.
+TEST(HostilePeerTest, ALinkThatGoesInTheMiddleOfALargeBodyLeavesNoRoomBehind) {
+  Peer target("target", "", true);
+  std::string body(1 << 20, '\0');
+  for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i * 13 + i / 4099);
+  const std::string whole = Message(body);
+  auto& stats = TheStats();
+  {
+    RawPeer quitter(target);
+    const int64_t before = stats.InBytesAcc;
+    quitter.socket.Send(whole.substr(0, whole.size() / 2));
+    ASSERT_TRUE(Eventually(
+        [&] { return stats.InBytesAcc - before >= static_cast<int64_t>(whole.size() / 2); }));
+    quitter.socket.Close();
+    ASSERT_TRUE(Eventually([&] { return target.closed.size() == 1; }));
+  }
+  RawPeer next(target);
+  for (size_t at = 0; at < whole.size(); at += 100000) {
+    next.socket.Send(std::string_view(whole).substr(at, 100000));
+    DoEvents(0);
+  }
+  ASSERT_TRUE(Eventually([&] { return target.messages.size() == 1; }));
+  EXPECT_TRUE(target.messages[0] == body);
+  EXPECT_TRUE(target.errors.empty());
 }
 
 TEST(HostilePeerTest, RandomBytesNeverBringTheNodeDown) {
