@@ -54,37 +54,35 @@ void ProcessMessage(RoutingNode& node, typMessage&& message, int32_t conn) {
   // relay needs no copies of its own. A message kept as the bytes it came
   // in is read through its index; the bytes stay as they are to the end.
   const bool packed = message.Index.valid;
-  auto view = [&message](std::string_view name) {
+  auto field = [&message, packed](WireSpan WireIndex::*span, std::string_view name) {
+    if (packed) return (message.Index.*span).In(message.Wire);
     const std::string* value = FindField(message.Fields, name);
     return value ? std::string_view(*value) : std::string_view();
   };
-  const std::string_view id = packed ? message.Index.id.In(message.Wire) : view("ID");
-  const std::string_view destination =
-      packed ? message.Index.destination.In(message.Wire) : view("Destination");
+  const std::string_view id = field(&WireIndex::id, "ID");
+  const std::string_view destination = field(&WireIndex::destination, "Destination");
   const bool exact = !node.NodeID.empty() && destination == node.NodeID;
   const bool duplicate = node.SeenIDs.Contains(id);
   if (!duplicate) node.SeenIDs.Add(id);
   // A message that asks this node for a CONFIRM comes again when the
   // CONFIRM is lost, often after the duplicate cache has moved on: it is
   // confirmed again but delivered only once.
-  if (exact && FlagsHold(packed ? message.Index.flags.In(message.Wire) : view("Flags"), "C")) {
+  if (exact && FlagsHold(field(&WireIndex::flags, "Flags"), "C")) {
     const uint64_t cuts = node.Resends.Cuts();
     const ResendWindow::Seen seen = node.Resends.Note(id, TickCount());
     stats.ResendWindowCuts += static_cast<int64_t>(node.Resends.Cuts() - cuts);
     if (seen != ResendWindow::Seen::First) {
       if (seen == ResendWindow::Seen::Again) {
         try {
-          typMessage confirm = MakeConfirm(
-              std::string(packed ? message.Index.source.In(message.Wire) : view("Source")),
-              std::string(id));
+          typMessage confirm =
+              MakeConfirm(std::string(field(&WireIndex::source, "Source")), std::string(id));
           SendPacket(node, confirm);
         } catch (...) {
           ReportCurrentFault(node);
         }
       }
       if (!duplicate && node.Alive()) {
-        node.Routes.Learn(packed ? message.Index.route.In(message.Wire) : view("Route"),
-                          node.NodeID);
+        node.Routes.Learn(field(&WireIndex::route, "Route"), node.NodeID);
       }
       return;
     }
@@ -101,8 +99,7 @@ void ProcessMessage(RoutingNode& node, typMessage&& message, int32_t conn) {
     Unpack(message);
   }
   const std::string source =
-      !forMe ? std::string()
-             : std::string(packed ? message.Index.source.In(message.Wire) : view("Source"));
+      !forMe ? std::string() : std::string(field(&WireIndex::source, "Source"));
   // Relays carry the body as it arrived, so keep it when it is decoded here
   // (bytes kept whole are relayed from those).
   std::string rawBody;
@@ -141,7 +138,7 @@ void ProcessMessage(RoutingNode& node, typMessage&& message, int32_t conn) {
     }
     if (!node.Alive()) return;  // a handler shut the node down
   }
-  node.Routes.Learn(packed ? message.Index.route.In(message.Wire) : view("Route"), node.NodeID);
+  node.Routes.Learn(field(&WireIndex::route, "Route"), node.NodeID);
   if (!exact) {
     if (keptRaw) message.Body = std::move(rawBody);
     ForwardPacket(node, message, conn);
