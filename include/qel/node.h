@@ -130,6 +130,27 @@ class QEL_API cQEL {
                 const std::string& ReqID = "", enmFileStatus FileStatus = FS_Transferring,
                 const std::string& Metadata = "");
 
+  // Fetches RemotePath (paths as for GetContents) of node nodeID into the
+  // local file LocalPath, or the range Options names, and returns the
+  // fetch's identifier at once; FetchProgress and then one FetchFinished
+  // follow from the event loop. The file is asked for in ranged requests
+  // with at most transferWindow KiB asked for and not yet here, so neither
+  // the serving node nor a relay holds more than that for it. It is complete
+  // only when every byte arrived (and, with verify, its MD5 matched): lost
+  // pieces are asked for again, and a fetch that hears nothing for
+  // transferStall seconds asks again, transferRetries times, then fails.
+  // The local file is written in place and cut to the file's (or range's)
+  // length when complete; one the fetch created is removed when it fails
+  // before any byte. Its pieces are not raised as FileReceived. A fetch that
+  // cannot start (no node given, a range that asks for nothing, a local file
+  // that cannot be written) is reported through Error and gives "".
+  std::string FetchFile(const std::string& nodeID, const std::string& RemotePath,
+                        const std::string& LocalPath, const typFetchOptions& Options = {});
+  // Stops a fetch of this node: the serving node is told, and FetchFinished
+  // is raised with FS_Canceled and "cancelled" before this returns. False
+  // for an identifier that names no running fetch.
+  bool CancelFetch(const std::string& FetchID);
+
   // Sends a text message to a node identifier or to "BROADCAST". A strType
   // of "ERROR" makes the receiver raise Error instead of MessageReceived.
   void SendMessage(const std::string& strMessage, const std::string& nodeID,
@@ -233,6 +254,16 @@ class QEL_API cQEL {
   std::function<void(std::string& ReqID, std::string& strData, typQELRange& Range,
                      enmFileStatus& FileStatus, std::string& Metadata)>
       FileReceived;
+  // A fetch moved on: the bytes of the file (or range) it holds and the
+  // bytes it fetches in all (a resumed fetch counts only what it fetches).
+  // At most ten a second per fetch, and once more with both equal before a
+  // complete FetchFinished.
+  std::function<void(std::string& FetchID, int64_t& BytesDone, int64_t& BytesTotal)> FetchProgress;
+  // A fetch ended: FS_Complete when every byte is in the local file (and
+  // verified, when asked), else FS_Canceled with the reason ("cancelled"
+  // for CancelFetch). Raised once per fetch.
+  std::function<void(std::string& FetchID, enmFileStatus& FileStatus, std::string& Reason)>
+      FetchFinished;
 
  private:
   friend struct detail::NodeAccess;

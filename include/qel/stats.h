@@ -28,6 +28,9 @@ class QEL_API cQELStats {
   // stopped resending them (its memory of them is capped); a late resend of
   // one would be delivered again. 0 in normal running.
   int32_t ResendWindowCuts() const;
+  // Cancels of file transfers that a node ignored: they named no transfer
+  // it serves to the node that sent them (only the asker may cancel).
+  int32_t IgnoredCancels() const;
 };
 
 }  // namespace qel

@@ -48,4 +48,19 @@ struct typQELRange {
   bool isEmpty = false;
 };
 
+// How cQEL::FetchFile fetches a file.
+struct typFetchOptions {
+  // A range of the remote file: offsets from 0, end included; -1 leaves a
+  // number out (lngStart -1 with lngEnd n: the last n bytes). Both -1: the
+  // whole file. A range is written to the local file from its start, so the
+  // local file holds exactly the range.
+  int64_t lngStart = -1;
+  int64_t lngEnd = -1;
+  // A whole file only: keep the bytes the local file already has and fetch
+  // the rest (a local file longer than the remote one is fetched anew).
+  bool resume = false;
+  // Compare the MD5 of the finished local file with the serving node's.
+  bool verify = false;
+};
+
 }  // namespace qel

@@ -183,7 +183,8 @@ void OnGetFileInfo(RoutingNode& node, FileSharing& files, const typMessage& mess
   SendPacket(node, reply);
 }
 
-void OnFileInfo(FileSharing& files, const typMessage& message) {
+void OnFileInfo(FileSharing& files, const typMessage& message, const std::string& source) {
+  if (files.Fetches.OnInfo(message, source)) return;
   FileInfoSlot* slot = files.FileInfos.Find(ReqID(message));
   if (!slot) return;
   cSettings body = LoadBody(message.Body);
@@ -212,11 +213,15 @@ bool HandleFileMessage(RoutingNode& node, FileSharing& files, const typMessage& 
   } else if (type == "GETFILEINFO") {
     OnGetFileInfo(node, files, message, source);
   } else if (type == "FILEINFO") {
-    OnFileInfo(files, message);
+    OnFileInfo(files, message, source);
   } else {
     return false;
   }
   return true;
+}
+
+std::string ServedKey(const std::string& asker, const std::string& reqID) {
+  return asker + '\n' + reqID;
 }
 
 std::vector<std::string> AskContents(RoutingNode& node, FileSharing& files, std::string path,

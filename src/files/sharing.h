@@ -3,12 +3,15 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <unordered_map>
 #include <string>
 #include <vector>
 
 #include <qel/types.h>
 
 #include "core/request_slots.h"
+#include "files/fetch.h"
 #include "files/shares.h"
 #include "protocol/message.h"
 
@@ -46,10 +49,16 @@ struct FileSharing {
   RequestSlots<ContentsSlot> Contents;
   RequestSlots<SearchSlot> Searches;
   RequestSlots<FileInfoSlot> FileInfos;
-  // The transfer the last FILE with FS_Canceled named: one for the node, a
-  // later cancel replaces it.
-  std::string CancelledReqID;
+  // Transfers this node serves, by asker and request identifier, each with
+  // the flag its asker's cancel sets: a cancel stops its own transfer only.
+  std::unordered_map<std::string, std::shared_ptr<bool>> Served;
+  // This node's windowed fetches, and what they run with.
+  FetchTable Fetches;
+  FetchSettings FetchConfig;
 };
+
+// The key of a served transfer in FileSharing::Served.
+std::string ServedKey(const std::string& asker, const std::string& reqID);
 
 // Handles a message of a file-sharing type (GETCONTENTS, CONTENTS, SEARCH,
 // SEARCHMATCH, GETFILEINFO, FILEINFO) for this node from source; false for

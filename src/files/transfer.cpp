@@ -14,6 +14,7 @@
 #include <qel/variant.h>
 
 #include "core/new_id.h"
+#include "core/stats.h"
 #include "files/ranges.h"
 #include "files/regular_file.h"
 #include "files/remote_path.h"
@@ -33,6 +34,8 @@ struct Serving {
   std::weak_ptr<LinkOwner> owner;  // the serving node; gone: the transfer ends
   FileSharing* files = nullptr;    // lives as long as the node
   std::string asker, reqID;
+  // Set by a cancel from the asker; shared with FileSharing::Served.
+  std::shared_ptr<bool> cancelled = std::make_shared<bool>(false);
   int fd = -1;
   int64_t size = 0;
   int64_t next = 0;  // offset of the next byte to send
@@ -48,6 +51,15 @@ struct Serving {
 
   ~Serving() {
     if (fd >= 0) close(fd);
+  }
+
+  // Leaves the table of served transfers (while the node lives), unless a
+  // later GET with the same key took the entry over.
+  void Unlist() {
+    auto owner = this->owner.lock();
+    if (!owner || !owner->Alive()) return;
+    auto it = files->Served.find(ServedKey(asker, reqID));
+    if (it != files->Served.end() && it->second == cancelled) files->Served.erase(it);
   }
 };
 
@@ -69,6 +81,7 @@ void SendPieces(const std::shared_ptr<Serving>& job) {
   auto& connections = Connections::Get();
   if (job->link > 0 && (!connections.IsConnected(job->link) ||
                         connections.At(job->link).generation != job->linkGeneration)) {
+    job->Unlist();
     return;
   }
   try {
@@ -84,11 +97,13 @@ void SendPieces(const std::shared_ptr<Serving>& job) {
     const bool done = job->whole ? want < static_cast<int64_t>(job->packet) || shrank
                                  : job->next > job->last || shrank;
     enmFileStatus status = done ? FS_Complete : FS_Transferring;
-    if (shrank || job->files->CancelledReqID == job->reqID) status = FS_Canceled;
+    if (shrank || *job->cancelled) status = FS_Canceled;
+    if (status != FS_Transferring) job->Unlist();
     SendFilePiece(node, job->asker, ContentRangeText(first, first + got - 1, job->size),
                   std::move(data), job->reqID, status, "");
     if (status == FS_Transferring) Continue(node, job);
   } catch (...) {
+    job->Unlist();
     ReportCurrentFault(node);
   }
 }
@@ -140,7 +155,7 @@ void SendFilePiece(RoutingNode& node, const std::string& destination, const std:
 }
 
 void OnFilePiece(FileSharing& files, TransferHost& host, const typMessage& message,
-                 std::string data) {
+                 const std::string& source, std::string data) {
   typQELRange range = MakeRange();
   if (const std::string text = GetSingleField(message.Fields, "Content-Range"); !text.empty()) {
     std::optional<std::vector<typQELRange>> parts = ParseRanges(text);
@@ -155,7 +170,15 @@ void OnFilePiece(FileSharing& files, TransferHost& host, const typMessage& messa
     status = static_cast<enmFileStatus>(*number);
   }
   std::string reqID = GetSingleField(message.Fields, "ReqID");
-  if (status == FS_Canceled) files.CancelledReqID = reqID;
+  if (status == FS_Canceled) {
+    // Only the asker may stop a transfer: anyone could read its ReqID.
+    auto it = files.Served.find(ServedKey(source, reqID));
+    if (it != files.Served.end()) {
+      *it->second = true;
+    } else {
+      ++TheStats().IgnoredCancels;
+    }
+  }
   host.FileReceived(std::move(reqID), std::move(data), range, status,
                     GetSingleField(message.Fields, "Metadata"));
 }
@@ -196,6 +219,7 @@ void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typM
   job->files = &files;
   job->asker = asker;
   job->reqID = reqID;
+  files.Served[ServedKey(asker, reqID)] = job->cancelled;
   if (const int32_t link = FindRoute(node, asker); link > 0) {
     job->link = link;
     job->linkGeneration = Connections::Get().At(link).generation;

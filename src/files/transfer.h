@@ -60,11 +60,13 @@ void SendFilePiece(RoutingNode& node, const std::string& destination, const std:
 void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typMessage& message,
            const std::string& asker, int32_t packetBytes);
 
-// A FILE for this node: a cancel is remembered for the transfer it names
-// (the serving loop stops it), and every piece goes up as FileReceived with
-// the first part of its Content-Range (an unreadable one reads as empty).
-// data is the message's body, moved in.
+// A FILE for this node from source: a cancel (FS_Canceled) stops the
+// transfer this node serves to source under that ReqID, within one more
+// piece; one that names no such transfer is counted (Stats::IgnoredCancels)
+// and changes nothing. Every piece goes up as FileReceived with the first
+// part of its Content-Range (an unreadable one reads as empty). data is the
+// message's body, moved in.
 void OnFilePiece(FileSharing& files, TransferHost& host, const typMessage& message,
-                 std::string data);
+                 const std::string& source, std::string data);
 
 }  // namespace qel

@@ -17,7 +17,7 @@ namespace {
 constexpr int64_t kInt32Max = INT32_MAX;
 
 // docs/guide.md describes each key; keep the two in step.
-constexpr std::array<AdvancedSetting, 19> kSettings = {{
+constexpr std::array<AdvancedSetting, 22> kSettings = {{
     {"Timeout", SettingType::Integer32, "500", 0, kInt32Max},
     {"TTL", SettingType::Integer32, "20", 0, kInt32Max},
     {"useEnc", SettingType::Boolean, "False"},
@@ -39,6 +39,11 @@ constexpr std::array<AdvancedSetting, 19> kSettings = {{
     {"listenAddress", SettingType::Text, ""},
     // Seconds; the kernel takes at most 32767.
     {"keepAlive", SettingType::Integer32, "0", 0, 32767},
+    // A fetch's bytes asked for and not yet here (KiB), how long it waits
+    // for a piece (s) and how often it asks again before it fails.
+    {"transferWindow", SettingType::Integer32, "8192", 64, kInt32Max / 1024},
+    {"transferStall", SettingType::Integer32, "30", 1, 86400},
+    {"transferRetries", SettingType::Integer32, "3", 0, 1000},
 }};
 
 // The conversion Initialise makes; throws QelError 13 or 6.

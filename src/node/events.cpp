@@ -55,4 +55,14 @@ void RaiseFileReceived(NodeState& node, std::string ReqID, std::string strData, 
   Raise(node, "FileReceived", &cQEL::FileReceived, ReqID, strData, Range, FileStatus, Metadata);
 }
 
+void RaiseFetchProgress(NodeState& node, std::string FetchID, int64_t BytesDone,
+                        int64_t BytesTotal) {
+  Raise(node, "FetchProgress", &cQEL::FetchProgress, FetchID, BytesDone, BytesTotal);
+}
+
+void RaiseFetchFinished(NodeState& node, std::string FetchID, enmFileStatus FileStatus,
+                        std::string Reason) {
+  Raise(node, "FetchFinished", &cQEL::FetchFinished, FetchID, FileStatus, Reason);
+}
+
 }  // namespace qel

@@ -26,5 +26,9 @@ bool RaiseFileRequest(NodeState& node, std::string Resource, std::string fullPat
                       std::string Metadata);
 void RaiseFileReceived(NodeState& node, std::string ReqID, std::string strData, typQELRange Range,
                        enmFileStatus FileStatus, std::string Metadata);
+void RaiseFetchProgress(NodeState& node, std::string FetchID, int64_t BytesDone,
+                        int64_t BytesTotal);
+void RaiseFetchFinished(NodeState& node, std::string FetchID, enmFileStatus FileStatus,
+                        std::string Reason);
 
 }  // namespace qel

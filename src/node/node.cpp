@@ -3,6 +3,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 
@@ -94,6 +95,13 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
   node.maxConnections = values.Get("maxConnections").toInt32();
   node.keepAlive = values.Get("keepAlive").toInt32();
   node.listenAddress = Trim(values.Get("listenAddress").toString());
+  // Out of range values are held to the range: a fetch needs a window and a
+  // stall time to work at all.
+  FetchSettings& fetch = node.Files.FetchConfig;
+  fetch.windowBytes = std::max<int64_t>(values.Get("transferWindow").toInt32(), 64) * 1024;
+  fetch.chunkBytes = std::min<int64_t>(fetch.windowBytes, int64_t{1} << 20);
+  fetch.stallMs = std::clamp(values.Get("transferStall").toInt32(), 1, 86400) * 1000;
+  fetch.retries = std::clamp(values.Get("transferRetries").toInt32(), 0, 1000);
   values.ThrowFault();
   if (node.netPass.empty()) node.netPass = "blankey";
 
@@ -102,6 +110,7 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
     throw QelError(errors::kOverflow, "Initialise", "Overflow");
   }
   node.FilePacketBytes = static_cast<int32_t>(packetBytes);
+  fetch.answerMs = std::max(node.Timeout, 1);
 
   node.RoutingOn = node.maxRoutes >= 1;
   // Negative sizes fail as the classic table set-up did.
@@ -147,6 +156,8 @@ cQEL::~cQEL() {
   ConnectionEstab = nullptr;
   ConnectionClosed = nullptr;
   FileReceived = nullptr;
+  FetchProgress = nullptr;
+  FetchFinished = nullptr;
   FileRequest = nullptr;
   try {
     if (slotIndex >= 1) ShutDown();
@@ -300,6 +311,28 @@ void cQEL::SendFile(const std::string& nodeID, const typQELRange& Range, const s
   } catch (...) {
     ReportCurrentFault(*node);
   }
+}
+
+std::string cQEL::FetchFile(const std::string& nodeID, const std::string& RemotePath,
+                            const std::string& LocalPath, const typFetchOptions& Options) {
+  auto node = Enter(*this);
+  try {
+    return node->Files.Fetches.Start(*node, *node, node->Files.FetchConfig, nodeID, RemotePath,
+                                     LocalPath, Options);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+  return {};
+}
+
+bool cQEL::CancelFetch(const std::string& FetchID) {
+  auto node = Enter(*this);
+  try {
+    return node->Files.Fetches.Cancel(FetchID);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+  return false;
 }
 
 void cQEL::SendMessage(const std::string& strMessage, const std::string& nodeID,

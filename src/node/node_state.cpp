@@ -18,6 +18,7 @@ void NodeState::OnLinkUp(int32_t conn, LinkKind, const std::string& sourceIP) {
   // other's identifier and can reach it on this link.
   Connected = Connections::Get().HasOpenLink(*this);
   if (announceSelf) SendInfo(*this, "BROADCAST", conn);
+  Files.Fetches.OnLinkUp();
   if (Alive()) RaiseConnectionEstab(*this, sourceIP);
 }
 
@@ -54,7 +55,9 @@ void NodeState::Deliver(typMessage& message, int32_t, const std::string& source,
     return;
   }
   if (message.MsgType == "FILE") {
-    OnFilePiece(Files, *this, message, keepBody ? message.Body : std::move(message.Body));
+    if (Files.Fetches.OnPiece(message, source, message.Body)) return;
+    OnFilePiece(Files, *this, message, source,
+                keepBody ? message.Body : std::move(message.Body));
     return;
   }
   if (HandleFileMessage(*this, Files, message, source)) return;
@@ -73,6 +76,14 @@ bool NodeState::FileRequest(std::string resource, std::string fullPath, std::str
 void NodeState::FileReceived(std::string reqID, std::string data, typQELRange range,
                              enmFileStatus status, std::string metadata) {
   RaiseFileReceived(*this, std::move(reqID), std::move(data), range, status, std::move(metadata));
+}
+
+void NodeState::FetchProgress(std::string fetchID, int64_t done, int64_t total) {
+  RaiseFetchProgress(*this, std::move(fetchID), done, total);
+}
+
+void NodeState::FetchFinished(std::string fetchID, enmFileStatus status, std::string reason) {
+  RaiseFetchFinished(*this, std::move(fetchID), status, std::move(reason));
 }
 
 }  // namespace qel

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "files/fetch.h"
 #include "files/sharing.h"
 #include "files/transfer.h"
 #include "routing/routing_node.h"
@@ -16,7 +17,7 @@ namespace qel {
 
 class cQEL;
 
-struct NodeState final : RoutingNode, TransferHost {
+struct NodeState final : RoutingNode, TransferHost, FetchHost {
   int32_t FilePacketBytes = 0;
 
   // Shares, the answers waited for, transfers.
@@ -51,6 +52,10 @@ struct NodeState final : RoutingNode, TransferHost {
                    std::string metadata) override;
   void FileReceived(std::string reqID, std::string data, typQELRange range, enmFileStatus status,
                     std::string metadata) override;
+
+  // What fetching hands up.
+  void FetchProgress(std::string fetchID, int64_t done, int64_t total) override;
+  void FetchFinished(std::string fetchID, enmFileStatus status, std::string reason) override;
 };
 
 }  // namespace qel

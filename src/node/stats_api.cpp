@@ -47,4 +47,8 @@ int32_t cQELStats::ResendWindowCuts() const {
   return Saturate(Figures().ResendWindowCuts);
 }
 
+int32_t cQELStats::IgnoredCancels() const {
+  return Saturate(Figures().IgnoredCancels);
+}
+
 }  // namespace qel

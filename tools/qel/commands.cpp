@@ -226,6 +226,7 @@ CommandResult Get(Session& s, const Args& args) {
 }
 
 CommandResult Cancel(Session& s, const Args& args) {
+  if (args.size() == 1) return s.downloads.Cancel("", args[0]);
   return s.downloads.Cancel(args[0], args[1]);
 }
 
@@ -312,7 +313,10 @@ const std::array kCommands = {
             FileInfo},
     Command{"get", "NODEID REMOTEPATH LOCALPATH [START-END] [resume] [verify]",
             "fetch a shared file in the background", 3, 6, false, Get},
-    Command{"cancel", "NODEID REQID", "stop a transfer node NODEID serves", 2, 2, false, Cancel},
+    Command{"cancel", "[NODEID] ID",
+            "stop a download of this console (any unique start of its ID), or with NODEID a "
+            "transfer NODEID serves to this node",
+            1, 2, false, Cancel},
     Command{"users", "", "the user list, as settings text", 0, 0, false, Users},
     Command{"user-set", "NAME PASSWORD", "set a user here and on every node", 2, 2, true, UserSet},
     Command{"user-remove", "NAME", "remove a user (kept here with no password)", 1, 1, false,

@@ -58,17 +58,24 @@ void ReportEvents(qel::cQEL& node, Output& out, Downloads& downloads) {
                               {"Range", std::move(ranges)},
                               {"Metadata", Metadata}});
   };
-  node.FileReceived = [&out, &downloads](std::string& ReqID, std::string& strData,
+  node.FileReceived = [&out](std::string& ReqID, std::string& strData,
                                          qel::typQELRange& Range, qel::enmFileStatus& FileStatus,
                                          std::string& Metadata) {
-    // A download's pieces go to its file and show as its progress: a line
-    // for each would cost a write and a wake-up of the reader per piece.
-    if (downloads.Owns(ReqID)) return downloads.OnPiece(ReqID, strData, Range, FileStatus);
     out.Event("FileReceived", {{"ReqID", ReqID},
                                {"strData", strData},
                                {"Range", RangeJson(Range)},
                                {"FileStatus", static_cast<int32_t>(FileStatus)},
                                {"Metadata", Metadata}});
+  };
+  // A download's pieces go to its file and show as its progress: a line for
+  // each would cost a write and a wake-up of the reader per piece.
+  node.FetchProgress = [&downloads](std::string& FetchID, int64_t& BytesDone,
+                                    int64_t& BytesTotal) {
+    downloads.OnProgress(FetchID, BytesDone, BytesTotal);
+  };
+  node.FetchFinished = [&downloads](std::string& FetchID, qel::enmFileStatus& FileStatus,
+                                    std::string& Reason) {
+    downloads.OnFinished(FetchID, FileStatus, Reason);
   };
 }
 
@@ -80,6 +87,8 @@ void SilenceEvents(qel::cQEL& node) {
   node.ConnectionClosed = nullptr;
   node.FileRequest = nullptr;
   node.FileReceived = nullptr;
+  node.FetchProgress = nullptr;
+  node.FetchFinished = nullptr;
 }
 
 // Runs console lines one at a time. Commands such as ping run the event loop

@@ -1,14 +1,13 @@
-// Files the console fetches with `get`. Each runs in the background while
-// the console takes further commands; its result is written when it ends.
+// Files the console fetches with `get`. Each runs in the background as a
+// windowed fetch of the node while the console takes further commands; its
+// result is written when it ends.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <string>
 
-#include <qel/file_io.h>
 #include <qel/node.h>
 
 #include "output.h"
@@ -30,54 +29,37 @@ class Downloads {
 
   // Starts a download: a failed result when it cannot start, a pending one
   // when it runs. Throws std::invalid_argument for a range that does not
-  // parse. The local file mirrors the remote one: each piece is written at
-  // its own offset, so a range leaves the bytes before it as they were. A
-  // file the download created is removed when it fails before any byte.
+  // parse. A range is written to the local file from its start, so the file
+  // holds the range alone.
   CommandResult Start(const GetRequest& request);
 
-  // Asks nodeID to stop serving reqID. A download of this console with that
-  // identifier ends at once, cancelled.
-  CommandResult Cancel(const std::string& nodeID, const std::string& reqID);
+  // Stops the download whose identifier starts with idPrefix (any unique
+  // prefix, as the progress bar shows it). Without a download of that
+  // identifier: when nodeID is given, asks nodeID to stop a transfer it
+  // serves to this node under that request identifier (a RequestFile of a
+  // host); otherwise fails.
+  CommandResult Cancel(const std::string& nodeID, const std::string& idPrefix);
 
-  // Whether a piece with this identifier belongs to a download, running or
-  // recently ended: those go to OnPiece alone, not out as events.
-  bool Owns(const std::string& reqID) const;
-
-  // A piece arrived (FileReceived).
-  void OnPiece(const std::string& reqID, const std::string& data, const qel::typQELRange& range,
-               qel::enmFileStatus status);
+  // The node's fetch events.
+  void OnProgress(const std::string& fetchID, int64_t done, int64_t total);
+  void OnFinished(const std::string& fetchID, qel::enmFileStatus status, const std::string& reason);
 
  private:
   using Clock = std::chrono::steady_clock;
 
   struct Download {
     GetRequest request;
-    qel::typQELRange asked;  // as sent; lngStart -1 for the last lngEnd bytes
-    qel::clsFileIO2 file;
-    std::string remoteHash;  // when verifying
-    bool created = false;    // the local file is this download's: removed if it stays empty
-    bool cutAtEnd = false;   // a whole file: what lies past its end once complete goes
-    int64_t bytes = 0;       // written so far
-    int64_t total = -1;      // to write, once the file's length is known
-    Clock::time_point started = Clock::now();  // reset when the request goes out
+    int64_t bytes = 0;
+    int64_t total = -1;
+    Clock::time_point started = Clock::now();
     Clock::time_point reported{};
-    double seconds = 0;  // from the request to the end, once ended
   };
-  using Iterator = std::map<std::string, Download>::iterator;
 
-  void Report(const std::string& reqID, Download& download, bool done);
-  // Writes the download's result and forgets it.
-  void Finish(Iterator it, qel::enmFileStatus status, std::string error = "");
-  // The result: {ReqID, FileStatus, bytes, seconds, path}, failed when error is set,
-  // when the download did not complete or its MD5 differs.
-  static CommandResult Outcome(const std::string& reqID, const Download& download,
-                               qel::enmFileStatus status, std::string error,
-                               std::string note = "");
+  void Report(const std::string& fetchID, Download& download, bool done);
 
   qel::cQEL& node_;
   Output& out_;
-  std::map<std::string, Download> running_;  // by request identifier
-  std::deque<std::string> ended_;            // the last few, whose late pieces are dropped
+  std::map<std::string, Download> running_;  // by fetch identifier
 };
 
 }  // namespace qelcli
