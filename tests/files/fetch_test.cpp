@@ -159,7 +159,7 @@ class FetchTest : public testing::Test {
   fs::path base;
   Peer a{"a", Settings("filePacket=64"), true};
   Peer r{"r", "", true};
-  Peer b{"b", Settings("transferWindow=256 transferStall=1 transferRetries=2 Timeout=2000"), true};
+  Peer b{"b", Settings("transferWindow=512 transferStall=1 transferRetries=2 Timeout=2000"), true};
   std::map<std::string, std::pair<int64_t, int64_t>> progress;
   std::map<std::string, std::pair<enmFileStatus, std::string>> finished;
 };
@@ -167,15 +167,185 @@ class FetchTest : public testing::Test {
 TEST_F(FetchTest, WholeFilesRangesAndResumesArriveByteForByteThroughARelay) {
   const std::string big = Write("big.bin", 5 * 1024 * 1024 + 17);
   Write("empty.bin", 0);
+  const auto size = static_cast<int64_t>(big.size());
   const fs::path got = base / "got" / "big.bin";
+  // Stale bytes past the end must go: the fetch writes in place, then cuts.
+  std::ofstream(got, std::ios::binary) << std::string(size + 999, 'x');
 
-  const std::string whole = b.node.FetchFile(a.ID(), "\\big.bin", got.string());
+  const std::string whole = b.node.FetchFile(a.ID(), "\\big.bin", got.string(), {.verify = true});
   EXPECT_EQ(Await(whole).first, FS_Complete) << finished[whole].second;
   EXPECT_TRUE(Read(got) == big);
-  const auto size = static_cast<int64_t>(big.size());
-  EXPECT_EQ(progress[whole].first, size);
-  EXPECT_EQ(progress[whole].second, size);
+  EXPECT_EQ(progress[whole], std::make_pair(size, size));
+
+  // A range is the local file's whole content; "-n" is the last n bytes.
+  struct Case {
+    typFetchOptions options;
+    std::string expected;
+  };
+  const std::vector<Case> ranges = {
+      {{.lngStart = 1000, .lngEnd = 300000}, big.substr(1000, 299001)},
+      {{.lngStart = size - 10}, big.substr(size - 10)},
+      {{.lngEnd = 100}, big.substr(size - 100)},
+      {{.lngStart = 5, .lngEnd = size * 2}, big.substr(5)},  // clamped to the file
+  };
+  for (const Case& c : ranges) {
+    const fs::path part = base / "got" / "part.bin";
+    const std::string id = b.node.FetchFile(a.ID(), "/big.bin", part.string(), c.options);
+    EXPECT_EQ(Await(id).first, FS_Complete) << c.options.lngStart << " " << finished[id].second;
+    EXPECT_TRUE(Read(part) == c.expected) << c.options.lngStart << "-" << c.options.lngEnd;
+  }
+
+  // Resumed: the bytes already here stay, only the rest is asked for (the
+  // wrong byte planted in the kept part proves it was not fetched again).
+  std::string kept = big.substr(0, 3000000);
+  kept[10] ^= 1;
+  std::ofstream(got, std::ios::binary | std::ios::trunc) << kept;
+  const std::string resumed = b.node.FetchFile(a.ID(), "\\big.bin", got.string(), {.resume = true});
+  EXPECT_EQ(Await(resumed).first, FS_Complete);
+  EXPECT_EQ(progress[resumed].second, size - 3000000);
+  std::string expected = big;
+  expected[10] ^= 1;
+  EXPECT_TRUE(Read(got) == expected);
+  // ...and verify catches exactly that.
+  const std::string checked =
+      b.node.FetchFile(a.ID(), "\\big.bin", got.string(), {.resume = true, .verify = true});
+  EXPECT_EQ(Await(checked).first, FS_Canceled);
+  EXPECT_NE(finished[checked].second.find("MD5 of"), std::string::npos) << finished[checked].second;
+
+  const std::string empty = b.node.FetchFile(a.ID(), "\\empty.bin", (base / "got" / "e").string(),
+                                             {.verify = true});
+  EXPECT_EQ(Await(empty).first, FS_Complete) << finished[empty].second;
+  EXPECT_EQ(fs::file_size(base / "got" / "e"), 0u);
 }
 
+TEST_F(FetchTest, WhatCannotBeFetchedFailsWithItsReasonAndLeavesNoFile) {
+  Write("small.bin", 100);
+  const fs::path local = base / "got" / "never.bin";
+  struct Case {
+    std::string node, path;
+    typFetchOptions options;
+    std::string reason;
+  };
+  const std::vector<Case> cases = {
+      {a.ID(), "\\missing.bin", {}, "no file \\missing.bin shared by " + a.ID()},
+      {a.ID(), "\\..\\secret", {}, "no file"},
+      {a.ID(), "\\small.bin", {.lngStart = 100}, "the range asks for nothing"},
+      {"0123456789ABCDEF0123456789ABCDEF", "\\small.bin", {}, "no answer from"},
+  };
+  for (const Case& c : cases) {
+    const std::string id = b.node.FetchFile(c.node, c.path, local.string(), c.options);
+    const auto [status, reason] = Await(id);
+    EXPECT_EQ(status, FS_Canceled) << c.path;
+    EXPECT_NE(reason.find(c.reason), std::string::npos) << reason;
+    EXPECT_FALSE(fs::exists(local)) << c.path;
+  }
+  // Misuse is refused before anything is sent.
+  const size_t errors = b.errors.size();
+  EXPECT_EQ(b.node.FetchFile(a.ID(), "\\small.bin", local.string(), {.lngStart = 9, .lngEnd = 3}),
+            "");
+  EXPECT_EQ(b.node.FetchFile(a.ID(), "\\small.bin", (base / "no" / "dir" / "f").string()), "");
+  EXPECT_EQ(b.errors.size(), errors + 2);
+  EXPECT_FALSE(b.node.CancelFetch("not a fetch"));
+}
+
+// Two transfers from one asker: a cancel from a third node is ignored and
+// counted, and neither feeds a fetch; the asker's cancel stops its own
+// transfer within a piece or two while the other runs to its end.
+TEST_F(FetchTest, CancelsStopTheirOwnTransferOnlyAndComeOnlyFromTheAsker) {
+  const std::string big = Write("big.bin", 4 * 1024 * 1024);
+  std::vector<std::string> served;  // ReqIDs a was asked for, in order
+  int requests = 0;
+  a.node.FileRequest = [&](std::string&, std::string&, std::string&, std::string& reqID,
+                           std::vector<typQELRange>&, std::string&, bool&) {
+    served.push_back(reqID);
+  };
+  std::map<std::string, std::vector<enmFileStatus>> pieces;
+  std::map<std::string, int64_t> bytes;
+  b.node.FileReceived = [&](std::string& reqID, std::string& data, typQELRange&,
+                            enmFileStatus& status, std::string&) {
+    pieces[reqID].push_back(status);
+    bytes[reqID] += static_cast<int64_t>(data.size());
+  };
+  const std::string x = b.node.RequestFile("\\big.bin", a.ID(), b.node.MakeRange());
+  const std::string y = b.node.RequestFile("\\big.bin", a.ID(), b.node.MakeRange());
+  ASSERT_TRUE(Eventually([&] { return served.size() == 2 && pieces[x].size() >= 1; }));
+  const int64_t ignoredBefore = cQELStats().IgnoredCancels();
+  r.node.SendFile(a.ID(), r.node.MakeRange(), "", x, FS_Canceled);     // not r's to stop
+  b.node.SendFile(a.ID(), b.node.MakeRange(), "", "UNKNOWN", FS_Canceled);
+  ASSERT_TRUE(Eventually([&] { return cQELStats().IgnoredCancels() == ignoredBefore + 2; }));
+  b.node.SendFile(a.ID(), b.node.MakeRange(), "", x, FS_Canceled);
+  ASSERT_TRUE(Eventually([&] {
+    return !pieces[x].empty() && pieces[x].back() == FS_Canceled && !pieces[y].empty() &&
+           pieces[y].back() == FS_Complete;
+  }));
+  EXPECT_LT(bytes[x], static_cast<int64_t>(big.size()));
+  EXPECT_EQ(bytes[y], static_cast<int64_t>(big.size()));
+  EXPECT_TRUE(Eventually([&] { return StateOf(a.node).Files.Served.empty(); }));
+
+  // A fetch: r can neither stop it nor slip bytes into it.
+  served.clear();
+  const fs::path got = base / "got" / "big.bin";
+  std::string fetch;
+  bool meddled = false;
+  b.node.FetchProgress = [&](std::string&, int64_t&, int64_t&) {
+    if (meddled || served.empty()) return;
+    meddled = true;
+    r.node.SendFile(b.ID(), r.node.MakeRange(0, 9), "0123456789", served.back(), FS_Transferring);
+    r.node.SendFile(a.ID(), r.node.MakeRange(), "", served.back(), FS_Canceled);
+  };
+  fetch = b.node.FetchFile(a.ID(), "\\big.bin", got.string());
+  EXPECT_EQ(Await(fetch).first, FS_Complete) << finished[fetch].second;
+  EXPECT_TRUE(meddled);
+  EXPECT_TRUE(Read(got) == big);
+
+  // The host's cancel, halfway: ended at once, and a is told to stop
+  // serving it.
+  served.clear();
+  b.node.FetchProgress = nullptr;
+  std::string other;
+  a.node.FileRequest = [&](std::string&, std::string&, std::string&, std::string&,
+                           std::vector<typQELRange>&, std::string&, bool&) {
+    if (++requests != 3) return;
+    other = b.node.FetchFile(a.ID(), "\\big.bin", (base / "got" / "other.bin").string());
+    EXPECT_TRUE(b.node.CancelFetch(fetch));
+    EXPECT_EQ(finished[fetch].second, "cancelled");
+  };
+  fetch = b.node.FetchFile(a.ID(), "\\big.bin", got.string());
+  ASSERT_TRUE(Eventually([&] { return !other.empty(); }));
+  EXPECT_EQ(Await(other).first, FS_Complete);
+  EXPECT_EQ(finished[fetch].first, FS_Canceled);
+  EXPECT_TRUE(Read(base / "got" / "other.bin") == big);
+  EXPECT_TRUE(Eventually([&] { return StateOf(a.node).Files.Served.empty(); }));
+}
+
+// The link to the relay drops mid-fetch: back within the stall time, the
+// fetch goes on where it stopped; gone for good, it fails saying so.
+TEST_F(FetchTest, AFetchGoesOnWhenItsLinkComesBackAndFailsWhenItDoesNot) {
+  const std::string big = Write("big.bin", 3 * 1024 * 1024);
+  const fs::path got = base / "got" / "big.bin";
+  bool cut = false, back = true;
+  int requests = 0;
+  // Cut while a serves the fourth request, so its pieces are lost.
+  a.node.FileRequest = [&](std::string&, std::string&, std::string&, std::string&,
+                           std::vector<typQELRange>&, std::string&, bool&) {
+    if (++requests != 4) return;
+    cut = true;
+    b.node.DisconnectFrom(r.Address());
+    if (back) Post([&] { b.node.Connect(r.Address()); });
+  };
+  std::string id = b.node.FetchFile(a.ID(), "\\big.bin", got.string(), {.verify = true});
+  EXPECT_EQ(Await(id).first, FS_Complete) << finished[id].second;
+  EXPECT_TRUE(cut);
+  EXPECT_TRUE(Read(got) == big);
+
+  cut = back = false;
+  requests = 0;
+  id = b.node.FetchFile(a.ID(), "\\big.bin", got.string());
+  const auto [status, reason] = Await(id);
+  EXPECT_EQ(status, FS_Canceled);
+  EXPECT_NE(reason.find("nothing arrived from " + a.ID() + " for 1 s, asked again 2 times"),
+            std::string::npos)
+      << reason;
+}
 }  // namespace
 }  // namespace qel::test

@@ -56,6 +56,9 @@ class NodeProcess {
     }
     close(in[0]);
     close(out[1]);
+    // Room for a few thousand lines: a node serving a fetch prints one per
+    // request while the test may be reading another process.
+    fcntl(out[0], F_SETPIPE_SZ, 1 << 20);
     stdin_ = in[1];
     stdout_ = out[0];
   }
