@@ -115,7 +115,7 @@ class QEL_API cQEL {
 
   // A byte range for RequestFile and SendFile: offsets from 0, end included;
   // -1 leaves a number out, and the range is empty when all three are.
-  typQELRange MakeRange(int32_t lngStart = -1, int32_t lngEnd = -1, int32_t lngLen = -1);
+  typQELRange MakeRange(int64_t lngStart = -1, int64_t lngEnd = -1, int64_t lngLen = -1);
   // Asks nodeID for a shared file, or the part Range names ("start-end",
   // "start-" to the end, or the last lngEnd bytes when lngStart is -1), and
   // returns the request identifier at once: the pieces arrive as

@@ -18,7 +18,7 @@ enum enmRPCType : int32_t { RPC_INCOMING = 0, RPC_RETURN = 1 };
 
 // Size and MD5 hex digest of a remote file.
 struct typFileInfo {
-  int32_t lngSize = 0;
+  int64_t lngSize = 0;
   std::string strHash;
 };
 
@@ -40,11 +40,12 @@ struct typSearchResult {
   std::string Result;
 };
 
-// A byte range of a file transfer.
+// A byte range of a file transfer. Offsets and lengths are 64-bit, as
+// every size and offset of the interface is.
 struct typQELRange {
-  int32_t lngStart = 0;
-  int32_t lngEnd = 0;
-  int32_t lngLen = 0;
+  int64_t lngStart = 0;
+  int64_t lngEnd = 0;
+  int64_t lngLen = 0;
   bool isEmpty = false;
 };
 

@@ -189,9 +189,9 @@ void OnFileInfo(FileSharing& files, const typMessage& message) {
   cSettings body = LoadBody(message.Body);
   try {
     slot->info.strHash = body.GetSetting("Hash", Variant("")).toString();
-    slot->info.lngSize = body.GetSetting("FileSize", Variant(0)).toInt32();
+    slot->info.lngSize = body.GetSetting("FileSize", Variant(0)).toInt64();
   } catch (...) {
-    slot->info = typFileInfo{};  // a size beyond 32 bits, or not a number
+    slot->info = typFileInfo{};  // a size beyond 64 bits, or not a number
   }
   slot->done = true;
 }
