@@ -187,13 +187,16 @@ void OnFileInfo(FileSharing& files, const typMessage& message) {
   FileInfoSlot* slot = files.FileInfos.Find(ReqID(message));
   if (!slot) return;
   cSettings body = LoadBody(message.Body);
-  try {
-    slot->info.strHash = body.GetSetting("Hash", Variant("")).toString();
-    slot->info.lngSize = body.GetSetting("FileSize", Variant(0)).toInt64();
-  } catch (...) {
-    slot->info = typFileInfo{};  // a size beyond 64 bits, or not a number
-  }
+  // An answer without a size we can read ends the wait, but says nothing:
+  // taking it for an empty file would be a lie.
   slot->done = true;
+  try {
+    const int64_t size = body.GetSetting("FileSize", Variant("")).toInt64();
+    if (size < -1) return;
+    slot->info = {size, body.GetSetting("Hash", Variant("")).toString(), true};
+  } catch (...) {
+    // No size, one beyond 64 bits, or not a number.
+  }
 }
 
 }  // namespace

@@ -69,8 +69,9 @@ std::vector<std::string> AskContents(RoutingNode& node, FileSharing& files, std:
 // Every node's answers, element 0 empty.
 std::vector<typSearchResult> AskSearch(RoutingNode& node, FileSharing& files, enmSearchType type,
                                        const std::string& text);
-// A file that is not there (or not a file) has size -1; no answer gives the
-// zero record.
+// A file that is not there (or not a file) has size -1; no answer, one
+// without a readable size, or a path holding "..\" give the zero record,
+// not answered.
 typFileInfo AskFileInfo(RoutingNode& node, FileSharing& files, std::string path,
                         const std::string& nodeID, bool skipHash);
 

@@ -27,7 +27,7 @@ Found Sorted(Found found) {
 }
 
 std::string Info(const typFileInfo& info) {
-  return std::to_string(info.lngSize) + " " + info.strHash;
+  return std::to_string(info.lngSize) + " " + info.strHash + (info.isAnswered ? "" : "(none)");
 }
 
 // b shares one folder, which holds a link out of it, c two; a shares none.
@@ -71,7 +71,9 @@ TEST_F(SharingTest, ListingsAndFileInformationOfOneShareAndOfTwo) {
       {&b, "\\abc.txt", true, "3 "},
       {&b, "/abc.txt", false, "3 900150983cd24fb0d6963f7d28e17f72"},
       {&b, "\\empty.txt", false, "0 d41d8cd98f00b204e9800998ecf8427e"},
+      {&b, "\\empty.txt", true, "0 "},
       {&b, "\\missing.txt", false, "-1 "},
+      {&b, "\\missing.txt", true, "-1 "},
       {&b, "\\sub", false, "-1 "},
   };
   for (const auto& [peer, path, skipHash, expected] : infos) {
@@ -80,8 +82,11 @@ TEST_F(SharingTest, ListingsAndFileInformationOfOneShareAndOfTwo) {
   // Paths with parent steps are refused before anything is sent.
   const int64_t sent = TheStats().OutPacketCount;
   EXPECT_EQ(a.node.GetContents("/sub/../../secret", b.ID()), Listing{""});
-  EXPECT_EQ(Info(a.node.GetFileInfo("\\..\\secret\\key.txt", b.ID(), false)), "0 ");
+  EXPECT_EQ(Info(a.node.GetFileInfo("\\..\\secret\\key.txt", b.ID(), false)), "0 (none)");
   EXPECT_EQ(TheStats().OutPacketCount, sent);
+  // A node nobody knows never answers: that is not an empty file.
+  StateOf(a.node).Timeout = 300;
+  EXPECT_EQ(Info(a.node.GetFileInfo("\\abc.txt", "{NO-SUCH-NODE}", true)), "0 (none)");
   EXPECT_TRUE(a.errors.empty() && b.errors.empty() && c.errors.empty());
 }
 
@@ -298,11 +303,32 @@ TEST_F(SharingTest, RawPeersReachNothingOutsideTheSharesAndStrayAnswersAreIgnore
       toNone.socket.Send(Raw(type, reqID, "", "<Settings><Common><FileSize>1", a.ID()));
     }
   }
+  // Answers that end the wait without saying anything: no size, a size
+  // that is no number, beyond 64 bits or below -1; then two that are read.
+  const std::vector<std::pair<std::string, std::string>> fileInfos = {
+      {"", "0 (none)"},
+      {"Hash=abc", "0 (none)"},
+      {"FileSize=big", "0 (none)"},
+      {"FileSize=18446744073709551616", "0 (none)"},
+      {"FileSize=-2", "0 (none)"},
+      {"FileSize=6442450944 Hash=abc", "6442450944 abc"},
+      {"FileSize=0", "0 "},
+  };
+  for (size_t i = 0; i < fileInfos.size(); ++i) {
+    const std::string reqID = "F" + std::to_string(i);
+    files.FileInfos.Open(reqID);
+    toNone.socket.Send(Raw("FILEINFO", reqID, "", Settings(fileInfos[i].first), a.ID()));
+  }
   toNone.socket.Send(Raw("GETFILEINFO", "LAST", "\\", "", a.ID()));
   ASSERT_TRUE(Eventually([&] { return toNone.answers.contains("LAST"); }));
   EXPECT_EQ(files.Contents.Find("C")->listing, Listing{""});
-  EXPECT_EQ(Info(files.FileInfos.Find("F")->info), "0 ");
+  EXPECT_EQ(Info(files.FileInfos.Find("F")->info), "0 (none)");
   EXPECT_TRUE(files.Contents.Find("C")->done && files.FileInfos.Find("F")->done);
+  for (size_t i = 0; i < fileInfos.size(); ++i) {
+    const FileInfoSlot* slot = files.FileInfos.Find("F" + std::to_string(i));
+    ASSERT_TRUE(slot && slot->done) << fileInfos[i].first;
+    EXPECT_EQ(Info(slot->info), fileInfos[i].second) << fileInfos[i].first;
+  }
   EXPECT_TRUE(a.errors.empty() && b.errors.empty());
   // However many calls wait at once, the table keeps the newest kLimit slots.
   for (size_t i = 0; i < RequestSlots<ContentsSlot>::kLimit; ++i) {
