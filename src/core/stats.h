@@ -25,6 +25,9 @@ struct Stats {
   // Confirmed messages whose IDs the resend window's cap pushed out early,
   // so that a late resend of them would be delivered again.
   int64_t ResendWindowCuts = 0;
+  // GETFILEINFO hash requests answered without a hash because too many
+  // hashes were waiting already.
+  int64_t FileInfosWithoutHash = 0;
 
   // Turns the accumulators into per-second rates for a tick of intervalMs.
   // Returns false when a rate overflowed 32 bits: the rates before it are
