@@ -33,8 +33,8 @@ class QEL_API clsFileIO2 {
 
   // Reads up to size bytes at the position into data (replacing what it
   // held), moves the position past them and returns how many: fewer at the
-  // end of the file, none past it. data grows to size bytes first, so size
-  // is what the caller means to hold in memory.
+  // end of the file, none past it. data takes room for the bytes the file
+  // still has up to size, not for size itself: a large size is safe.
   int64_t readChunk(int64_t size, std::string& data);
 
   // Writes dataChunk at the position, past the end too (what lies between
