@@ -108,14 +108,17 @@ class QEL_API cQEL {
   std::vector<typSearchResult> SearchReq(enmSearchType SearchType, const std::string& SearchText);
 
   // Size and, unless skipHash, MD5 of a shared file of node nodeID (paths as
-  // for GetContents). Size -1 and no hash when it is not a file inside a
-  // share; the zero record for a path holding "..\" (nothing is sent) or
-  // when no answer came within Timeout ms.
+  // for GetContents), waiting up to Timeout ms for the answer; a node hashes
+  // a large file for a while, and may answer without a hash when it has
+  // many to make. isAnswered tells an answer from none: answered, size -1
+  // and no hash when it is not a file inside a share; not answered (size 0,
+  // no hash) when no answer came within Timeout, when the answer could not
+  // be read, or for a path holding "..\" (nothing is sent).
   typFileInfo GetFileInfo(std::string RemotePath, const std::string& nodeID, bool skipHash = true);
 
   // A byte range for RequestFile and SendFile: offsets from 0, end included;
   // -1 leaves a number out, and the range is empty when all three are.
-  typQELRange MakeRange(int32_t lngStart = -1, int32_t lngEnd = -1, int32_t lngLen = -1);
+  typQELRange MakeRange(int64_t lngStart = -1, int64_t lngEnd = -1, int64_t lngLen = -1);
   // Asks nodeID for a shared file, or the part Range names ("start-end",
   // "start-" to the end, or the last lngEnd bytes when lngStart is -1), and
   // returns the request identifier at once: the pieces arrive as

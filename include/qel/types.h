@@ -16,10 +16,13 @@ enum enmUserOp : int32_t { user_Update = 0, user_Remove = 1 };
 
 enum enmRPCType : int32_t { RPC_INCOMING = 0, RPC_RETURN = 1 };
 
-// Size and MD5 hex digest of a remote file.
+// Size and MD5 hex digest of a remote file, and whether the node answered:
+// answered with size 0 is an empty file, answered with size -1 is no such
+// file, and not answered (size 0, no hash) is no answer at all.
 struct typFileInfo {
-  int32_t lngSize = 0;
+  int64_t lngSize = 0;
   std::string strHash;
+  bool isAnswered = false;  // a FILEINFO answer arrived
 };
 
 // What a node announces about itself.
@@ -40,11 +43,12 @@ struct typSearchResult {
   std::string Result;
 };
 
-// A byte range of a file transfer.
+// A byte range of a file transfer. Offsets and lengths are 64-bit, as
+// every size and offset of the interface is.
 struct typQELRange {
-  int32_t lngStart = 0;
-  int32_t lngEnd = 0;
-  int32_t lngLen = 0;
+  int64_t lngStart = 0;
+  int64_t lngEnd = 0;
+  int64_t lngLen = 0;
   bool isEmpty = false;
 };
 

@@ -28,6 +28,9 @@ struct Stats {
   // Cancels (FILE with FS_Canceled) that named no transfer served to their
   // sender: another node's transfer, an unknown or finished one.
   int64_t IgnoredCancels = 0;
+  // GETFILEINFO hash requests answered without a hash because too many
+  // hashes were waiting already.
+  int64_t FileInfosWithoutHash = 0;
 
   // Turns the accumulators into per-second rates for a tick of intervalMs.
   // Returns false when a rate overflowed 32 bits: the rates before it are

@@ -23,6 +23,7 @@
 #include "files/sharing.h"
 #include "files/transfer.h"
 #include "net/event_loop.h"
+#include "net/worker.h"
 #include "protocol/fields.h"
 #include "routing/outgoing.h"
 #include "routing/routing_node.h"
@@ -214,6 +215,9 @@ bool FetchTable::OnInfo(const typMessage& message, const std::string& source) {
     return true;
   }
   if (isHash) {
+    // A node with too many hashes waiting answers without one: asked again
+    // when the stall time has passed.
+    if (answer->hash.empty() && answer->size > 0) return true;
     fetch->remoteHash = answer->hash;
     fetch->hashKnown = true;
     if (fetch->stage == Stage::Hash) CheckHashes(fetch);
@@ -405,11 +409,27 @@ void FetchTable::CheckHashes(const FetchPtr& fetch) {
     Finish(fetch, FS_Complete, "");
     return;
   }
-  std::string local;
-  try {
-    local = GetFileHash(fetch->localPath);
-  } catch (const std::exception& e) {
-    Finish(fetch, FS_Canceled, "cannot hash " + fetch->localPath + ": " + e.what());
+  // A read of the whole file: on the worker, so the node keeps answering.
+  RunOffLoop([weak = owner_, table = this, id = fetch->id,
+              path = fetch->localPath]() -> std::function<void()> {
+    std::string local, fault;
+    try {
+      local = GetFileHash(path);
+    } catch (const std::exception& e) {
+      fault = e.what();
+    }
+    return [weak, table, id, local, fault] {
+      auto owner = weak.lock();
+      if (!owner || !owner->Alive()) return;
+      if (FetchPtr fetch = table->Find(id)) table->Compare(fetch, local, fault);
+    };
+  });
+}
+
+void FetchTable::Compare(const FetchPtr& fetch, const std::string& local,
+                         const std::string& fault) {
+  if (!fault.empty()) {
+    Finish(fetch, FS_Canceled, "cannot hash " + fetch->localPath + ": " + fault);
     return;
   }
   if (local != fetch->remoteHash) {

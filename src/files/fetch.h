@@ -96,6 +96,8 @@ class FetchTable {
   // Every byte is here: cut the file to length, verify if asked, finish.
   void Arrived(const FetchPtr& fetch);
   void CheckHashes(const FetchPtr& fetch);
+  // The local file's MD5 (or why it could not be read) against the remote.
+  void Compare(const FetchPtr& fetch, const std::string& local, const std::string& fault);
   // Ends a fetch and raises FetchFinished; the table may change meanwhile,
   // so callers return right after.
   void Finish(const FetchPtr& fetch, enmFileStatus status, std::string reason);

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
+#include <cstdint>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -53,20 +53,21 @@ bool clsFileIO2::openFile(const std::string& strPath, bool createMissing) {
   return fd_ >= 0;
 }
 
-int32_t clsFileIO2::readChunk(int32_t size, std::string& data) {
+int64_t clsFileIO2::readChunk(int64_t size, std::string& data) {
   RequireOpen();
   if (size < 0) throw std::invalid_argument("readChunk: negative size");
   struct stat info {};
   if (fstat(fd_, &info) != 0) ThrowErrno("readChunk");
-  // Stops before the position would pass the largest 32-bit one.
-  const int64_t left = std::min<int64_t>(info.st_size, INT32_MAX - 1) - (pos_ - 1);
+  // pos_ - 1 cannot overflow: positions start at 1. A position past the end
+  // leaves left negative, and nothing is read.
+  const int64_t left = static_cast<int64_t>(info.st_size) - (pos_ - 1);
   const auto want = static_cast<size_t>(std::clamp<int64_t>(left, 0, size));
   data.resize(want);
   // Fewer bytes than asked when the file shrank meanwhile.
   const size_t got = ReadAt(fd_, data.data(), want, pos_ - 1, "readChunk");
   data.resize(got);
-  pos_ += static_cast<int32_t>(got);
-  return static_cast<int32_t>(got);
+  pos_ += static_cast<int64_t>(got);
+  return static_cast<int64_t>(got);
 }
 
 void clsFileIO2::writeChunk(std::string_view dataChunk) {
@@ -75,18 +76,20 @@ void clsFileIO2::writeChunk(std::string_view dataChunk) {
     throw std::system_error(std::make_error_code(std::errc::permission_denied),
                             "writeChunk: the file is open for reading only");
   }
-  if (static_cast<int64_t>(dataChunk.size()) > INT32_MAX - pos_) {
-    throw std::length_error("writeChunk: past the largest position");
+  // Checked before pwrite, whose offset would wrap instead.
+  if (static_cast<int64_t>(dataChunk.size()) > INT64_MAX - pos_) {
+    throw std::system_error(std::make_error_code(std::errc::file_too_large),
+                            "writeChunk: past the largest position");
   }
   size_t put = 0;
   while (put < dataChunk.size()) {
     const ssize_t n = pwrite(fd_, dataChunk.data() + put, dataChunk.size() - put,
-                             static_cast<off_t>(pos_ - 1 + put));
+                             static_cast<off_t>(pos_ - 1 + static_cast<int64_t>(put)));
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) ThrowErrno("writeChunk");
     put += static_cast<size_t>(n);
   }
-  pos_ += static_cast<int32_t>(put);
+  pos_ += static_cast<int64_t>(put);
 }
 
 void clsFileIO2::closeFile() {
@@ -96,7 +99,7 @@ void clsFileIO2::closeFile() {
   pos_ = 1;
 }
 
-void clsFileIO2::filePos(int32_t position) {
+void clsFileIO2::filePos(int64_t position) {
   if (position < 1) throw std::invalid_argument("filePos: positions count from 1");
   pos_ = position;
 }

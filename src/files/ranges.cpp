@@ -9,13 +9,15 @@ namespace qel {
 
 namespace {
 
-// Digits only, within 32 bits; "" is a missing number.
-std::optional<int32_t> ReadNumber(std::string_view text) {
+// Digits only, up to kMaxRangeNumber; "" is a missing number.
+std::optional<int64_t> ReadNumber(std::string_view text) {
   if (text.empty()) return -1;
   if (text.front() < '0' || text.front() > '9') return std::nullopt;
-  int32_t value = 0;
+  int64_t value = 0;
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  if (error != std::errc() || end != text.data() + text.size() || value > kMaxRangeNumber) {
+    return std::nullopt;
+  }
   return value;
 }
 
@@ -29,16 +31,16 @@ std::optional<typQELRange> ReadPart(std::string_view part) {
     len = end.substr(slash + 1);
     end = end.substr(0, slash);
   }
-  std::optional<int32_t> s = ReadNumber(part.substr(0, dash));
-  std::optional<int32_t> e = ReadNumber(end);
-  std::optional<int32_t> l = ReadNumber(len);
+  std::optional<int64_t> s = ReadNumber(part.substr(0, dash));
+  std::optional<int64_t> e = ReadNumber(end);
+  std::optional<int64_t> l = ReadNumber(len);
   if (!s || !e || !l) return std::nullopt;
   return MakeRange(*s, *e, *l);
 }
 
 }  // namespace
 
-typQELRange MakeRange(int32_t start, int32_t end, int32_t len) {
+typQELRange MakeRange(int64_t start, int64_t end, int64_t len) {
   return {start, end, len, start == -1 && end == -1 && len == -1};
 }
 

@@ -14,19 +14,26 @@
 namespace qel {
 
 // A range; -1 leaves a number out, and the range is empty when all three are.
-typQELRange MakeRange(int32_t start = -1, int32_t end = -1, int32_t len = -1);
+typQELRange MakeRange(int64_t start = -1, int64_t end = -1, int64_t len = -1);
 
 // "start-end", "start-" (to the end of the file) or "-end" (the last end
-// bytes); "" for a range with neither start nor end.
+// bytes); "" for a range with neither start nor end. Negative numbers count
+// as left out.
 std::string RangeText(const typQELRange& range);
 
 // More parts than this make a range text malformed.
 inline constexpr size_t kMaxRangeParts = 64;
 
+// The largest number a range text may hold. Half of what 64 bits hold, so
+// that what is done with a peer's offsets (an end plus one, an offset plus
+// a piece's length, the difference of two) cannot overflow; it is still
+// millions of terabytes.
+inline constexpr int64_t kMaxRangeNumber = INT64_MAX / 2;
+
 // Reads a range text: parts separated by ",", each an optional start, "-",
 // an optional end and optionally "/" and the file's total length, blanks
-// around a part allowed. Numbers are decimal digits within 32 bits; a
-// missing one is -1 (so "-" alone is an empty range). "" gives no ranges.
+// around a part allowed. Numbers are decimal digits up to kMaxRangeNumber;
+// a missing one is -1 (so "-" alone is an empty range). "" gives no ranges.
 // nullopt when any part is malformed (no "-", a sign, other characters, a
 // number too large, an empty part) or there are more than kMaxRangeParts:
 // the server then cancels the transfer instead of guessing.
@@ -44,7 +51,8 @@ struct ByteSpan {
 // last n bytes (all of a shorter file), and a range with neither start nor
 // end is the whole file, which may have no bytes. nullopt when the range
 // asks for nothing the file has: a start past its end, an end before the
-// start, "-0", or any explicit range of an empty file.
+// start, "-0", or any explicit range of an empty file. Safe for any
+// numbers a host puts in a range, negative ones counting as left out.
 std::optional<ByteSpan> ServedSpan(const typQELRange& range, int64_t fileSize);
 
 // "first-last/size", as the answer names the bytes it carries.

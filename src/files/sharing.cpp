@@ -1,6 +1,7 @@
 #include "files/sharing.h"
 
 #include <algorithm>
+#include <exception>
 #include <filesystem>
 #include <system_error>
 
@@ -8,12 +9,15 @@
 #include <qel/settings.h>
 
 #include "core/new_id.h"
+#include "core/stats.h"
 #include "core/text.h"
 #include "files/listing.h"
 #include "files/remote_path.h"
 #include "net/event_loop.h"
+#include "net/worker.h"
 #include "routing/discovery.h"
 #include "routing/outgoing.h"
+#include "routing/report.h"
 #include "routing/routing_node.h"
 
 namespace qel {
@@ -161,26 +165,67 @@ void OnSearchMatch(FileSharing& files, const typMessage& message, const std::str
   }
 }
 
+// Hash jobs handed to the worker and not yet answered, of every node of the
+// process; counted on the loop thread only.
+size_t pendingHashJobs = 0;
+
+void AnswerFileInfo(RoutingNode& node, const std::string& asker, const std::string& reqID,
+                    int64_t size, const std::string& hash) {
+  typMessage reply = MakeFileInfo(asker, reqID, size, hash);
+  SendPacket(node, reply);
+}
+
+// Hashes off the loop, which meanwhile serves every other message, and
+// answers from it if the node is still there. A file that cannot be read is
+// reported, and nothing is answered, as when the hash held the loop.
+void HashThenAnswer(RoutingNode& node, fs::path local, std::string asker, std::string reqID,
+                    int64_t size) {
+  ++pendingHashJobs;
+  RunOffLoop([owner = node.weak_from_this(), local = std::move(local), asker = std::move(asker),
+              reqID = std::move(reqID), size]() -> std::function<void()> {
+    std::string hash;
+    std::exception_ptr fault;
+    try {
+      hash = GetFileHash(local);
+    } catch (...) {
+      fault = std::current_exception();
+    }
+    return [owner, asker, reqID, size, hash = std::move(hash), fault] {
+      --pendingHashJobs;
+      const auto alive = owner.lock();
+      if (!alive || !alive->Alive()) return;
+      auto& node = static_cast<RoutingNode&>(*alive);
+      try {
+        if (fault) std::rethrow_exception(fault);
+        AnswerFileInfo(node, asker, reqID, size, hash);
+      } catch (...) {
+        ReportCurrentFault(node);
+      }
+    };
+  });
+}
+
 void OnGetFileInfo(RoutingNode& node, FileSharing& files, const typMessage& message,
                    const std::string& source) {
   cSettings body = LoadBody(message.Body);
   // Hashing costs a read of the whole file: only when asked for.
   const bool skipHash = ReadBool(body, "skipHash", true);
   int64_t size = -1;
-  std::string hash;
   const std::optional<fs::path> local =
       LocalPathInShare(files.Folders, node.SharingFiles, message.Resource);
   std::error_code ec;
   if (local && fs::is_regular_file(*local, ec)) {
     const uintmax_t bytes = fs::file_size(*local, ec);
-    if (!ec) {
-      size = static_cast<int64_t>(bytes);
-      // A file that cannot be read throws: reported, and nothing is answered.
-      if (!skipHash) hash = GetFileHash(*local);
-    }
+    if (!ec) size = static_cast<int64_t>(bytes);
   }
-  typMessage reply = MakeFileInfo(source, ReqID(message), size, hash);
-  SendPacket(node, reply);
+  if (size < 0 || skipHash) return AnswerFileInfo(node, source, ReqID(message), size, "");
+  if (pendingHashJobs >= kMaxHashJobs) {
+    // A peer must not pile up work: the size alone answers at once, and the
+    // asker may ask again later.
+    ++TheStats().FileInfosWithoutHash;
+    return AnswerFileInfo(node, source, ReqID(message), size, "");
+  }
+  HashThenAnswer(node, *local, source, ReqID(message), size);
 }
 
 void OnFileInfo(FileSharing& files, const typMessage& message, const std::string& source) {
@@ -188,16 +233,23 @@ void OnFileInfo(FileSharing& files, const typMessage& message, const std::string
   FileInfoSlot* slot = files.FileInfos.Find(ReqID(message));
   if (!slot) return;
   cSettings body = LoadBody(message.Body);
-  try {
-    slot->info.strHash = body.GetSetting("Hash", Variant("")).toString();
-    slot->info.lngSize = body.GetSetting("FileSize", Variant(0)).toInt32();
-  } catch (...) {
-    slot->info = typFileInfo{};  // a size beyond 32 bits, or not a number
-  }
+  // An answer without a size we can read ends the wait, but says nothing:
+  // taking it for an empty file would be a lie.
   slot->done = true;
+  try {
+    const int64_t size = body.GetSetting("FileSize", Variant("")).toInt64();
+    if (size < -1) return;
+    slot->info = {size, body.GetSetting("Hash", Variant("")).toString(), true};
+  } catch (...) {
+    // No size, one beyond 64 bits, or not a number.
+  }
 }
 
 }  // namespace
+
+size_t PendingHashJobs() {
+  return pendingHashJobs;
+}
 
 bool HandleFileMessage(RoutingNode& node, FileSharing& files, const typMessage& message,
                        const std::string& source) {

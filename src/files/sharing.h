@@ -59,13 +59,25 @@ struct FileSharing {
 
 // The key of a served transfer in FileSharing::Served.
 std::string ServedKey(const std::string& asker, const std::string& reqID);
+// At most this many GETFILEINFO hashes wait or run at once, for all the
+// nodes of the process: each costs a read of a whole file, and a peer must
+// not be able to queue unbounded work. A request for a hash beyond them is
+// answered at once with the size and no hash (counted in
+// Stats::FileInfosWithoutHash); the asker may ask again later.
+inline constexpr size_t kMaxHashJobs = 16;
+
+// The hashes asked for by GETFILEINFO that wait or run now.
+size_t PendingHashJobs();
 
 // Handles a message of a file-sharing type (GETCONTENTS, CONTENTS, SEARCH,
 // SEARCHMATCH, GETFILEINFO, FILEINFO) for this node from source; false for
 // any other type. Requests are answered only from inside the shares; an
 // answer whose ReqID has no open slot is dropped, and a body that does not
-// load reads as empty. Throws when a file cannot be hashed or an answer
-// cannot be sent, which the caller reports.
+// load reads as empty. A GETFILEINFO asking for a hash is answered later,
+// from the loop, once a worker thread has read the file (and not at all if
+// the node is gone by then, or the file cannot be read: that fault is
+// reported through the node's Error). Throws when an answer cannot be sent,
+// which the caller reports.
 bool HandleFileMessage(RoutingNode& node, FileSharing& files, const typMessage& message,
                        const std::string& source);
 
@@ -78,8 +90,9 @@ std::vector<std::string> AskContents(RoutingNode& node, FileSharing& files, std:
 // Every node's answers, element 0 empty.
 std::vector<typSearchResult> AskSearch(RoutingNode& node, FileSharing& files, enmSearchType type,
                                        const std::string& text);
-// A file that is not there (or not a file) has size -1; no answer gives the
-// zero record.
+// A file that is not there (or not a file) has size -1; no answer, one
+// without a readable size, or a path holding "..\" give the zero record,
+// not answered.
 typFileInfo AskFileInfo(RoutingNode& node, FileSharing& files, std::string path,
                         const std::string& nodeID, bool skipHash);
 

@@ -285,7 +285,7 @@ typFileInfo cQEL::GetFileInfo(std::string RemotePath, const std::string& nodeID,
   return {};
 }
 
-typQELRange cQEL::MakeRange(int32_t lngStart, int32_t lngEnd, int32_t lngLen) {
+typQELRange cQEL::MakeRange(int64_t lngStart, int64_t lngEnd, int64_t lngLen) {
   Enter(*this);
   return qel::MakeRange(lngStart, lngEnd, lngLen);
 }

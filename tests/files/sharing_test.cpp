@@ -5,14 +5,20 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <map>
 #include <random>
+
+#include <qel/file_io.h>
+#include <qel/md5.h>
 
 #include "../support/peers.h"
 #include "core/stats.h"
 #include "files/ranges.h"
 #include "net/connections.h"
 #include "files/sharing.h"
+#include "net/worker.h"
+#include "routing/outgoing.h"
 
 namespace qel::test {
 namespace {
@@ -27,7 +33,7 @@ Found Sorted(Found found) {
 }
 
 std::string Info(const typFileInfo& info) {
-  return std::to_string(info.lngSize) + " " + info.strHash;
+  return std::to_string(info.lngSize) + " " + info.strHash + (info.isAnswered ? "" : "(none)");
 }
 
 // b shares one folder, which holds a link out of it, c two; a shares none.
@@ -71,7 +77,9 @@ TEST_F(SharingTest, ListingsAndFileInformationOfOneShareAndOfTwo) {
       {&b, "\\abc.txt", true, "3 "},
       {&b, "/abc.txt", false, "3 900150983cd24fb0d6963f7d28e17f72"},
       {&b, "\\empty.txt", false, "0 d41d8cd98f00b204e9800998ecf8427e"},
+      {&b, "\\empty.txt", true, "0 "},
       {&b, "\\missing.txt", false, "-1 "},
+      {&b, "\\missing.txt", true, "-1 "},
       {&b, "\\sub", false, "-1 "},
   };
   for (const auto& [peer, path, skipHash, expected] : infos) {
@@ -80,8 +88,11 @@ TEST_F(SharingTest, ListingsAndFileInformationOfOneShareAndOfTwo) {
   // Paths with parent steps are refused before anything is sent.
   const int64_t sent = TheStats().OutPacketCount;
   EXPECT_EQ(a.node.GetContents("/sub/../../secret", b.ID()), Listing{""});
-  EXPECT_EQ(Info(a.node.GetFileInfo("\\..\\secret\\key.txt", b.ID(), false)), "0 ");
+  EXPECT_EQ(Info(a.node.GetFileInfo("\\..\\secret\\key.txt", b.ID(), false)), "0 (none)");
   EXPECT_EQ(TheStats().OutPacketCount, sent);
+  // A node nobody knows never answers: that is not an empty file.
+  StateOf(a.node).Timeout = 300;
+  EXPECT_EQ(Info(a.node.GetFileInfo("\\abc.txt", "{NO-SUCH-NODE}", true)), "0 (none)");
   EXPECT_TRUE(a.errors.empty() && b.errors.empty() && c.errors.empty());
 }
 
@@ -264,6 +275,198 @@ TEST(TransferTest, PiecesOfAPacketEachAndACancelStopsTheServer) {
   fs::remove_all(dir);
 }
 
+// A folder for files too large to write out: sparse, in memory when /dev/shm
+// is there.
+struct LargeFolder {
+  fs::path dir;
+  LargeFolder() {
+    std::error_code ec;
+    const fs::path base = fs::is_directory("/dev/shm", ec) ? fs::path("/dev/shm")
+                                                            : fs::temp_directory_path();
+    dir = base / ("qel_large_" + std::to_string(std::random_device()()));
+    fs::create_directories(dir);
+  }
+  ~LargeFolder() { fs::remove_all(dir); }
+  // A file of size bytes, all zeros but for what is written at offsets;
+  // false when the file system refuses the size.
+  bool Make(const std::string& name, int64_t size,
+            const std::vector<std::pair<int64_t, std::string>>& writes = {}) {
+    std::error_code ec;
+    std::ofstream(dir / name).close();
+    fs::resize_file(dir / name, static_cast<uintmax_t>(size), ec);
+    if (ec) return false;
+    clsFileIO2 file;
+    if (!file.openFile((dir / name).string(), false)) return false;
+    for (const auto& [offset, bytes] : writes) {
+      file.filePos(offset + 1);
+      file.writeChunk(bytes);
+    }
+    return true;
+  }
+};
+
+// Sizes and offsets past 2 and 4 GiB travel whole: the size a node answers,
+// the ranges asked for and the Content-Range of each piece.
+TEST(LargeFileTest, SizesAndRangesPastFourGiB) {
+  constexpr int64_t k2G = int64_t{1} << 31, k4G = int64_t{1} << 32;
+  constexpr int64_t kSize = (int64_t{5} << 30) + 123;
+  LargeFolder folder;
+  if (!folder.Make("huge.bin", kSize,
+                   {{k2G + 3, "past two"}, {k4G - 4, "across four"}, {kSize - 7, "the end"}})) {
+    GTEST_SKIP() << "the file system holds no sparse file of 5 GiB";
+  }
+  Peer server("server", "", true), asker("asker", Settings("Timeout=10000"));
+  server.node.shareFolder(folder.dir.string());
+  asker.ConnectTo(server);
+  const typFileInfo info = asker.node.GetFileInfo("\\huge.bin", server.ID());
+  EXPECT_EQ(Info(info), std::to_string(kSize) + " ");
+
+  std::map<std::string, Received> got;
+  Record(asker, got);
+  const std::string size = "/" + std::to_string(kSize) + ":1 ";
+  const std::vector<std::tuple<typQELRange, std::string, std::string>> cases = {
+      {MakeRange(k2G + 3, k2G + 10), "2147483651-2147483658", "past two"},
+      {MakeRange(k4G - 4, k4G + 6), "4294967292-4294967302", "across four"},
+      {MakeRange(-1, 7), "5368709236-5368709242", "the end"},
+      {MakeRange(kSize - 1000), "5368708243-5368709242", std::string(993, '\0') + "the end"},
+      {MakeRange(kSize - 3, k4G * 4), "5368709240-5368709242", "end"},
+  };
+  std::vector<std::string> ids;
+  for (const auto& [range, pieces, data] : cases) {
+    ids.push_back(asker.node.RequestFile("\\huge.bin", server.ID(), range));
+  }
+  ASSERT_TRUE(Eventually([&] {
+    return std::all_of(ids.begin(), ids.end(), [&](auto& id) { return got[id].last == FS_Complete; });
+  }));
+  for (size_t i = 0; i < cases.size(); ++i) {
+    EXPECT_EQ(got[ids[i]].pieces, std::get<1>(cases[i]) + size) << RangeText(std::get<0>(cases[i]));
+    EXPECT_EQ(got[ids[i]].data, std::get<2>(cases[i])) << RangeText(std::get<0>(cases[i]));
+  }
+  EXPECT_TRUE(asker.errors.empty() && server.errors.empty());
+}
+
+// Keeps the worker thread busy until released, so that jobs given after it
+// wait; released at the latest when it goes out of scope.
+class WorkerGate {
+ public:
+  WorkerGate() {
+    RunOffLoop([seen = open_.get_future().share()]() -> std::function<void()> {
+      seen.wait();
+      return nullptr;
+    });
+  }
+  ~WorkerGate() { Release(); }
+  void Release() {
+    if (!released_) open_.set_value();
+    released_ = true;
+  }
+
+ private:
+  std::promise<void> open_;
+  bool released_ = false;
+};
+
+// Asks server for the hash of path under reqID, through asker's slots.
+void AskHash(Peer& asker, Peer& server, const std::string& path, const std::string& reqID) {
+  NodeState& state = StateOf(asker.node);
+  state.Files.FileInfos.Open(reqID);
+  typMessage question = MakeGetFileInfo(path, server.ID(), reqID, false);
+  SendPacket(state, question);
+}
+
+const FileInfoSlot& Answer(Peer& asker, const std::string& reqID) {
+  static const FileInfoSlot kNone;
+  const FileInfoSlot* slot = StateOf(asker.node).Files.FileInfos.Find(reqID);
+  return slot ? *slot : kNone;
+}
+
+// The question for a hash and a ping travel on one link, in that order: a
+// node hashing on its loop would answer the hash first. The hash comes
+// later, and right.
+TEST(FileHashTest, APingIsAnsweredWhileTheServerHashes) {
+  LargeFolder folder;
+  ASSERT_TRUE(folder.Make("big.bin", int64_t{1} << 30, {{12345, "not only zeros"}}));
+  Peer server("server", "", true), asker("asker");
+  server.node.shareFolder(folder.dir.string());
+  asker.ConnectTo(server);
+  ASSERT_EQ(PendingHashJobs(), 0u);
+  AskHash(asker, server, "\\big.bin", "H");
+  EXPECT_GE(asker.node.Ping(server.ID(), 60000), 0);
+  EXPECT_FALSE(Answer(asker, "H").done) << "the hash held the loop: it came before the ping";
+  ASSERT_TRUE(RunUntil([&] { return Answer(asker, "H").done; }, 120000));
+  const typFileInfo& info = Answer(asker, "H").info;
+  EXPECT_EQ(Info(info), "1073741824 " + GetFileHash(folder.dir / "big.bin"));
+  EXPECT_EQ(PendingHashJobs(), 0u);
+  EXPECT_TRUE(asker.errors.empty() && server.errors.empty());
+}
+
+// However many hashes peers ask for, at most kMaxHashJobs wait; the rest
+// are answered at once without one. A node gone before its hash is done
+// answers nothing, and a file that cannot be read is reported, not answered.
+TEST(FileHashTest, HashesWaitingAreBoundedAndGoneNodesAnswerNothing) {
+  LargeFolder folder;
+  std::ofstream(folder.dir / "abc.txt") << "abc";
+  Peer server("server", "", true), asker("asker");
+  server.node.shareFolder(folder.dir.string());
+  asker.ConnectTo(server);
+  ASSERT_EQ(PendingHashJobs(), 0u);
+  const int64_t withoutBefore = TheStats().FileInfosWithoutHash;
+  constexpr size_t kAsked = kMaxHashJobs + 4;
+  {
+    WorkerGate gate;
+    for (size_t i = 0; i < kAsked; ++i) AskHash(asker, server, "\\abc.txt", std::to_string(i));
+    auto answered = [&] {
+      size_t n = 0;
+      for (size_t i = 0; i < kAsked; ++i) n += Answer(asker, std::to_string(i)).done;
+      return n;
+    };
+    ASSERT_TRUE(Eventually([&] { return answered() == kAsked - kMaxHashJobs; }));
+    EXPECT_EQ(PendingHashJobs(), kMaxHashJobs);
+    EXPECT_EQ(TheStats().FileInfosWithoutHash - withoutBefore,
+              static_cast<int64_t>(kAsked - kMaxHashJobs));
+    for (size_t i = kMaxHashJobs; i < kAsked; ++i) {
+      EXPECT_EQ(Info(Answer(asker, std::to_string(i)).info), "3 ") << i;
+    }
+    gate.Release();
+    ASSERT_TRUE(Eventually([&] { return answered() == kAsked; }));
+  }
+  for (size_t i = 0; i < kMaxHashJobs; ++i) {
+    EXPECT_EQ(Info(Answer(asker, std::to_string(i)).info), "3 900150983cd24fb0d6963f7d28e17f72")
+        << i;
+  }
+  EXPECT_EQ(PendingHashJobs(), 0u);
+
+  // A node that goes while its hashes wait.
+  {
+    WorkerGate gate;
+    {
+      Peer leaving("leaving", "", true);
+      leaving.node.shareFolder(folder.dir.string());
+      asker.ConnectTo(leaving);
+      AskHash(asker, leaving, "\\abc.txt", "gone1");
+      AskHash(asker, leaving, "\\abc.txt", "gone2");
+      ASSERT_TRUE(Eventually([&] { return PendingHashJobs() == 2; }));
+    }
+    gate.Release();
+    ASSERT_TRUE(Eventually([&] { return PendingHashJobs() == 0; }));
+  }
+  EXPECT_FALSE(Answer(asker, "gone1").done || Answer(asker, "gone2").done);
+
+  // A file that cannot be read once its turn comes (here: gone by then) is
+  // reported, and nothing is answered.
+  std::ofstream(folder.dir / "brief.txt") << "soon gone";
+  {
+    WorkerGate gate;
+    AskHash(asker, server, "\\brief.txt", "brief");
+    ASSERT_TRUE(Eventually([&] { return PendingHashJobs() == 1; }));
+    fs::remove(folder.dir / "brief.txt");
+  }
+  ASSERT_TRUE(Eventually([&] { return PendingHashJobs() == 0 && !server.errors.empty(); }));
+  EXPECT_NE(server.errors[0].find("brief.txt"), std::string::npos) << server.errors[0];
+  EXPECT_FALSE(Answer(asker, "brief").done);
+  EXPECT_TRUE(asker.errors.empty());
+}
+
 TEST_F(SharingTest, RawPeersReachNothingOutsideTheSharesAndStrayAnswersAreIgnored) {
   RawPeer toShare(b), toNone(a);
   const std::string secret = (base / "secret").string();
@@ -298,11 +501,32 @@ TEST_F(SharingTest, RawPeersReachNothingOutsideTheSharesAndStrayAnswersAreIgnore
       toNone.socket.Send(Raw(type, reqID, "", "<Settings><Common><FileSize>1", a.ID()));
     }
   }
+  // Answers that end the wait without saying anything: no size, a size
+  // that is no number, beyond 64 bits or below -1; then two that are read.
+  const std::vector<std::pair<std::string, std::string>> fileInfos = {
+      {"", "0 (none)"},
+      {"Hash=abc", "0 (none)"},
+      {"FileSize=big", "0 (none)"},
+      {"FileSize=18446744073709551616", "0 (none)"},
+      {"FileSize=-2", "0 (none)"},
+      {"FileSize=6442450944 Hash=abc", "6442450944 abc"},
+      {"FileSize=0", "0 "},
+  };
+  for (size_t i = 0; i < fileInfos.size(); ++i) {
+    const std::string reqID = "F" + std::to_string(i);
+    files.FileInfos.Open(reqID);
+    toNone.socket.Send(Raw("FILEINFO", reqID, "", Settings(fileInfos[i].first), a.ID()));
+  }
   toNone.socket.Send(Raw("GETFILEINFO", "LAST", "\\", "", a.ID()));
   ASSERT_TRUE(Eventually([&] { return toNone.answers.contains("LAST"); }));
   EXPECT_EQ(files.Contents.Find("C")->listing, Listing{""});
-  EXPECT_EQ(Info(files.FileInfos.Find("F")->info), "0 ");
+  EXPECT_EQ(Info(files.FileInfos.Find("F")->info), "0 (none)");
   EXPECT_TRUE(files.Contents.Find("C")->done && files.FileInfos.Find("F")->done);
+  for (size_t i = 0; i < fileInfos.size(); ++i) {
+    const FileInfoSlot* slot = files.FileInfos.Find("F" + std::to_string(i));
+    ASSERT_TRUE(slot && slot->done) << fileInfos[i].first;
+    EXPECT_EQ(Info(slot->info), fileInfos[i].second) << fileInfos[i].first;
+  }
   EXPECT_TRUE(a.errors.empty() && b.errors.empty());
   // However many calls wait at once, the table keeps the newest kLimit slots.
   for (size_t i = 0; i < RequestSlots<ContentsSlot>::kLimit; ++i) {

@@ -66,7 +66,14 @@ TEST(QelNodeTest, MessagesCrossAMiddleProcessFollowRoutesLinksCloseAndBadCommand
   EXPECT_EQ(a.Command("ls " + rc.id + " / recursive")["value"], json({"\\sub\\", "\\abc.txt"}));
   EXPECT_EQ(a.Command("fileinfo " + rc.id + " \\abc.txt hash")["value"],
             json({{"lngSize", 3}, {"strHash", "900150983cd24fb0d6963f7d28e17f72"}}));
-  EXPECT_EQ(a.Command("fileinfo " + rc.id + " \\sub")["ok"], false);
+  EXPECT_EQ(a.Command("fileinfo " + rc.id + " \\sub")["error"],
+            "no file \\sub shared by " + rc.id);
+  // No answer is a failure of its own, not a size 0 (C waits its 500 ms).
+  const json silent = c.Command("fileinfo {NOBODY} \\abc.txt hash");
+  EXPECT_EQ(json::array({silent["ok"], silent["value"]}), json::array({false, nullptr}));
+  EXPECT_TRUE(silent["error"].get<std::string>().starts_with("no answer from {NOBODY} within ") &&
+              silent["error"].get<std::string>().ends_with("--set Timeout=MS)"))
+      << silent;
   std::filesystem::remove_all(shared);
 
   // A far node's new role reaches A when A asks afresh.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <stdexcept>
@@ -199,9 +200,22 @@ CommandResult Search(Session& s, const Args& args) {
 CommandResult FileInfo(Session& s, const Args& args) {
   const bool hash = args.size() > 2;
   if (hash && args[2] != "hash") throw UsageError("expected 'hash', got '" + args[2] + "'");
+  const auto asked = std::chrono::steady_clock::now();
   const qel::typFileInfo info = s.node.GetFileInfo(args[1], args[0], !hash);
+  if (!info.isAnswered) {
+    // The console does not know the node's Timeout; how long it waited is
+    // the same number, and what the person can act on.
+    const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - asked);
+    return Fail("no answer from " + args[0] + " within " + std::to_string(waited.count()) + " ms" +
+                (hash ? " (a hash of a large file may need more: --set Timeout=MS)" : ""));
+  }
   Json value = {{"lngSize", info.lngSize}, {"strHash", info.strHash}};
   if (info.lngSize < 0) return Fail("no file " + args[1] + " shared by " + args[0], value);
+  if (hash && info.strHash.empty()) {
+    return Fail(args[0] + " sent no hash: it has too many files to hash at once, try again later",
+                value);
+  }
   return {true, std::move(value), ""};
 }
 

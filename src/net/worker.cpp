@@ -1,0 +1,86 @@
+#include "net/worker.h"
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "net/asio_context.h"
+
+namespace qel {
+namespace {
+
+using Work = std::function<std::function<void()>()>;
+using WorkGuard = asio::executor_work_guard<asio::io_context::executor_type>;
+
+struct Job {
+  Work work;
+  WorkGuard pending;  // held from the call until the result is posted
+};
+
+class Worker {
+ public:
+  // Joined at exit, before the statics made earlier (OpenSSL's cleanup
+  // among them: a node draws random identifiers before it can hash) go.
+  ~Worker() {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    wake_.notify_all();
+    if (thread_.joinable()) thread_.join();
+  }
+
+  void Add(Job job) {
+    std::lock_guard lock(mutex_);
+    if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
+    jobs_.push_back(std::move(job));
+    wake_.notify_one();
+  }
+
+ private:
+  void Run() {
+    for (;;) {
+      std::unique_lock lock(mutex_);
+      wake_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
+      if (stopping_) return;
+      Job job = std::move(jobs_.front());
+      jobs_.pop_front();
+      lock.unlock();
+
+      std::function<void()> then;
+      try {
+        then = job.work();
+      } catch (...) {
+        then = nullptr;
+      }
+      // The work goes back with its result, so whatever it captured is
+      // released on the loop thread too.
+      asio::post(IoContext(), [work = std::move(job.work), then = std::move(then)]() mutable {
+        if (then) then();
+        work = nullptr;
+      });
+      job.pending.reset();  // after the post, which is work of its own
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<Job> jobs_;
+  bool stopping_ = false;
+  std::thread thread_;  // last: started once the members above exist
+};
+
+Worker& TheWorker() {
+  static Worker worker;
+  return worker;
+}
+
+}  // namespace
+
+void RunOffLoop(std::function<std::function<void()>()> work) {
+  TheWorker().Add({std::move(work), asio::make_work_guard(IoContext())});
+}
+
+}  // namespace qel

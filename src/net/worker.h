@@ -1,0 +1,24 @@
+// Work beside the loop: what would hold the loop for long (hashing a large
+// file) runs on a worker thread, and what it yields comes back to the loop.
+#pragma once
+
+#include <functional>
+
+namespace qel {
+
+// Runs work on a worker thread beside the loop; the function work returns
+// then runs on the loop thread. While work is pending the loop is kept from
+// running out of work. Thread-safe to call from the loop thread only.
+//
+// Jobs run one at a time, in the order given, on one thread started by the
+// first call. work must not touch node state or anything else the loop
+// owns: it gets its input by value and hands its result over in the
+// function it returns, which may be empty (nothing to do) and must not
+// throw, as anything run by the loop. An exception work lets out is
+// dropped and nothing runs on the loop, so work catches and carries its own
+// faults. work itself is destroyed on the loop thread, after its result
+// has run. At process exit the job running is finished and those waiting
+// are dropped; their results never run.
+void RunOffLoop(std::function<std::function<void()>()> work);
+
+}  // namespace qel
