@@ -15,6 +15,7 @@
 
 #include "fetch_run.h"
 #include "harness.h"
+#include "relayed_transfer.h"
 #include "rig.h"
 #include "tcp_peers.h"
 
@@ -144,7 +145,7 @@ std::optional<double> TcpRun(Contenders& c, const Span& span, const std::string&
 }  // namespace
 
 void TransferFigures(const std::string& qelBinary, const std::string& folder, int64_t bytes,
-                     int runs) {
+                     int runs, const TransferParts& parts) {
   const std::string share = folder + "/share";
   const std::string source = share + "/big";
   const std::string target = folder + "/fetched";
@@ -152,9 +153,10 @@ void TransferFigures(const std::string& qelBinary, const std::string& folder, in
   WriteRandomFile(source, bytes);
   Contenders c = Start(qelBinary, share);
 
-  const std::pair<const char*, Span> figures[] = {
-      {"whole", {0, bytes}},
-      {"range", {bytes / 2, std::min<int64_t>(bytes / 2, 100 << 20)}}};
+  std::vector<std::pair<const char*, Span>> figures;
+  if (parts.whole) figures.push_back({"whole", {0, bytes}});
+  if (parts.range)
+    figures.push_back({"range", {bytes / 2, std::min<int64_t>(bytes / 2, 100 << 20)}});
   for (const auto& [kind, span] : figures) {
     std::vector<double> qel, tcp;
     std::string qelFailure = c.failure, tcpFailure = c.failure;
@@ -183,6 +185,10 @@ void TransferFigures(const std::string& qelBinary, const std::string& folder, in
     }
     std::printf("\n");
     std::fflush(stdout);
+  }
+  if (parts.relayed) {
+    RelayedFigure({c.server.get(), c.client.get(), c.serverID, c.failure}, qelBinary, share, source,
+                  target, bytes, runs);
   }
   c = Contenders{};
   std::filesystem::remove_all(folder);
