@@ -6,8 +6,8 @@
 //   qel_figures [--runs N] [--verbose] [--only TEXT] [--with qel,tcp,zmq]
 //
 // --only keeps the figures whose name contains TEXT ("direct plain", "relay",
-// "ping", "rpc", "codec", "md5", "file transfer", "scale"); --with keeps the listed contenders
-// (handy under perf).
+// "ping", "rpc", "codec", "md5", "file transfer", "file transfer relayed", "scale");
+// --with keeps the listed contenders (handy under perf).
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -316,14 +316,17 @@ int main(int argc, char** argv) {
   if (WantFigure(options, "codec")) CodecFigures(options);
   // md5sum, like every other reference, runs on the same file in the same run.
   if (WantFigure(options, "md5")) HashFigure(home, int64_t{1} << 30, options.runs);
-  if (WantFigure(options, "file transfer")) {
+  const TransferParts transfers{WantFigure(options, "file transfer whole"),
+                                WantFigure(options, "file transfer range"),
+                                WantFigure(options, "file transfer relayed")};
+  if (transfers.whole || transfers.range || transfers.relayed) {
     // In memory where the machine allows: the figure is the transfer, and a
     // disk's write-back would land on whichever contender runs next.
     std::error_code ec;
     const bool shm = std::filesystem::is_directory("/dev/shm", ec);
     const std::string folder = (shm ? std::string("/dev/shm") : std::string(home)) +
                                "/qel-transfer-" + std::to_string(getpid());
-    TransferFigures(QEL_CLI_PATH, folder, int64_t{1} << 30, options.runs);
+    TransferFigures(QEL_CLI_PATH, folder, int64_t{1} << 30, options.runs, transfers);
   }
   // Many nodes of one process; QEL alone, the references have no overlay.
   for (int32_t nodes : {100, 1000}) {

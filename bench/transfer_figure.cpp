@@ -3,9 +3,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -13,7 +13,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include "fetch_run.h"
 #include "harness.h"
+#include "relayed_transfer.h"
 #include "rig.h"
 #include "tcp_peers.h"
 
@@ -23,13 +25,7 @@ namespace {
 using nlohmann::json;
 
 constexpr size_t kWrite = 256 << 10;  // the reference's reads and writes, a node's piece
-constexpr int kTransferTimeoutMs = 180000;
-
-// One part of the shared file: where it starts and how many bytes.
-struct Span {
-  int64_t offset = 0;
-  int64_t length = 0;
-};
+constexpr int kTcpTimeoutMs = 180000;
 
 // "fail ..." lines stop a child; the parent shows them.
 void Check(bool ok, const std::string& what) {
@@ -97,36 +93,6 @@ void TcpFileSender(Channel& channel) {
   }
 }
 
-// The next JSON line of a node that matches, skipping the others.
-std::optional<json> WaitLine(Child& node, const std::function<bool(const json&)>& match,
-                             int timeoutMs, std::string& why) {
-  const int64_t deadline = NowNs() + int64_t{timeoutMs} * 1'000'000;
-  for (;;) {
-    const int64_t left = (deadline - NowNs()) / 1'000'000;
-    std::optional<std::string> line = left > 0 ? node.channel().Receive(static_cast<int>(left))
-                                               : std::nullopt;
-    if (!line) {
-      why = node.name() + ": no answer in time";
-      return std::nullopt;
-    }
-    json parsed = json::parse(*line, nullptr, false);
-    if (parsed.is_object() && match(parsed)) return parsed;
-    if (line->starts_with("fail")) {
-      why = node.name() + ": " + *line;
-      return std::nullopt;
-    }
-  }
-}
-
-bool IsCommand(const json& line, const char* word) {
-  return line.value("command", "") == word;
-}
-
-std::string RangeWords(const Span& span, int64_t fileSize) {
-  if (span.offset == 0 && span.length == fileSize) return "";
-  return " " + std::to_string(span.offset) + "-" + std::to_string(span.offset + span.length - 1);
-}
-
 struct Contenders {
   std::unique_ptr<Child> server, client, receiver, sender;
   std::string serverID;
@@ -136,43 +102,27 @@ struct Contenders {
 
 Contenders Start(const std::string& qelBinary, const std::string& share) {
   Contenders c;
-  c.server = RunProgram("qel-server",
-                        {qelBinary, "node", "--json", "--port", "0", "--share", share});
-  std::optional<json> ready =
-      WaitLine(*c.server, [](const json& l) { return l.value("event", "") == "Ready"; },
-               kReadyTimeoutMs, c.failure);
+  c.server =
+      RunProgram("qel-server", {qelBinary, "node", "--json", "--port", "0", "--share", share},
+                 kNodeLifetimeSeconds);
+  std::optional<json> ready = WaitLine(
+      *c.server, [](const json& l) { return l.value("event", "") == "Ready"; }, kReadyTimeoutMs,
+      c.failure);
   if (!ready) return c;
   c.serverID = (*ready)["ID"];
   const std::string address = (*ready)["Address"];
-  c.client = RunProgram("qel-client",
-                        {qelBinary, "node", "--json", "--port", "0", "--connect", address});
+  c.client =
+      RunProgram("qel-client", {qelBinary, "node", "--json", "--port", "0", "--connect", address},
+                 kNodeLifetimeSeconds);
   std::optional<json> connected = WaitLine(
       *c.client, [](const json& l) { return IsCommand(l, "connect"); }, kReadyTimeoutMs, c.failure);
   if (connected && !(*connected)["ok"].get<bool>()) c.failure = "qel-client: cannot connect";
-  c.receiver = std::make_unique<Child>("tcp-receiver", TcpFileReceiver);
-  c.sender = std::make_unique<Child>("tcp-sender", TcpFileSender);
+  c.receiver = std::make_unique<Child>("tcp-receiver", TcpFileReceiver, kNodeLifetimeSeconds);
+  c.sender = std::make_unique<Child>("tcp-sender", TcpFileSender, kNodeLifetimeSeconds);
   std::optional<std::string> line = c.receiver->Expect("ready", kReadyTimeoutMs, &c.failure);
   if (line) c.receiverPort = FieldInt(*line, "port");
   if (line && !c.sender->Expect("ready", kReadyTimeoutMs, &c.failure)) c.receiverPort = 0;
   return c;
-}
-
-// Timed by the fetching node, from sending GET to the file being whole on
-// disk, as the reference's processes time themselves: the command and result
-// lines that pass through this process are not part of either transfer.
-std::optional<double> QelRun(Contenders& c, const Span& span, int64_t fileSize,
-                             const std::string& target, std::string& why) {
-  c.client->channel().Send("get " + c.serverID + " \\big " + target + RangeWords(span, fileSize));
-  std::optional<json> result = WaitLine(
-      *c.client, [](const json& l) { return IsCommand(l, "get"); }, kTransferTimeoutMs, why);
-  if (!result) return std::nullopt;
-  const json& value = (*result)["value"];
-  if (!(*result)["ok"].get<bool>() || value["bytes"] != span.length ||
-      !value["seconds"].is_number() || value["seconds"].get<double>() <= 0) {
-    why = "qel-client: " + result->dump();
-    return std::nullopt;
-  }
-  return static_cast<double>(span.length) / value["seconds"].get<double>();
 }
 
 std::optional<double> TcpRun(Contenders& c, const Span& span, const std::string& source,
@@ -186,34 +136,16 @@ std::optional<double> TcpRun(Contenders& c, const Span& span, const std::string&
                            " len=" + std::to_string(span.length) + " path=" + source);
   std::optional<std::string> start = c.sender->Expect("start", 5000, &why);
   if (!start) return std::nullopt;
-  std::optional<std::string> got = c.receiver->Expect("got", kTransferTimeoutMs, &why);
+  std::optional<std::string> got = c.receiver->Expect("got", kTcpTimeoutMs, &why);
   if (!got) return std::nullopt;
   return static_cast<double>(span.length) * 1e9 /
          static_cast<double>(FieldInt(*got, "t") - FieldInt(*start, "t"));
 }
 
-std::string Megabytes(double bytesPerSecond) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.0f MB/s", bytesPerSecond / 1e6);
-  return text;
-}
-
-std::string Show(const char* name, const std::vector<double>& rates, const std::string& failure) {
-  if (!failure.empty()) return std::string(name) + " failed (" + failure + ")";
-  const Summary s = Summarise(rates);
-  return std::string(name) + " " + Megabytes(s.median) + " " + FormatSpread(s);
-}
-
-std::string Mebibytes(int64_t kib) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.1f MiB", static_cast<double>(kib) / 1024);
-  return kib < 0 ? "?" : text;
-}
-
 }  // namespace
 
 void TransferFigures(const std::string& qelBinary, const std::string& folder, int64_t bytes,
-                     int runs) {
+                     int runs, const TransferParts& parts) {
   const std::string share = folder + "/share";
   const std::string source = share + "/big";
   const std::string target = folder + "/fetched";
@@ -221,9 +153,10 @@ void TransferFigures(const std::string& qelBinary, const std::string& folder, in
   WriteRandomFile(source, bytes);
   Contenders c = Start(qelBinary, share);
 
-  const std::pair<const char*, Span> figures[] = {
-      {"whole", {0, bytes}},
-      {"range", {bytes / 2, std::min<int64_t>(bytes / 2, 100 << 20)}}};
+  std::vector<std::pair<const char*, Span>> figures;
+  if (parts.whole) figures.push_back({"whole", {0, bytes}});
+  if (parts.range)
+    figures.push_back({"range", {bytes / 2, std::min<int64_t>(bytes / 2, 100 << 20)}});
   for (const auto& [kind, span] : figures) {
     std::vector<double> qel, tcp;
     std::string qelFailure = c.failure, tcpFailure = c.failure;
@@ -232,7 +165,8 @@ void TransferFigures(const std::string& qelBinary, const std::string& folder, in
     // length at the end.
     for (int run = 0; run <= runs; ++run) {
       if (qelFailure.empty()) {
-        std::optional<double> rate = QelRun(c, span, bytes, target, qelFailure);
+        std::optional<double> rate =
+            Fetch(*c.client, c.serverID, span, bytes, source, target, qelFailure);
         if (rate && run > 0) qel.push_back(*rate);
       }
       if (tcpFailure.empty()) {
@@ -251,6 +185,10 @@ void TransferFigures(const std::string& qelBinary, const std::string& folder, in
     }
     std::printf("\n");
     std::fflush(stdout);
+  }
+  if (parts.relayed) {
+    RelayedFigure({c.server.get(), c.client.get(), c.serverID, c.failure}, qelBinary, share, source,
+                  target, bytes, runs);
   }
   c = Contenders{};
   std::filesystem::remove_all(folder);
