@@ -47,22 +47,22 @@ void Stamp(const std::string& target, const Span& span) {
   const std::vector<char> mark(kBlock, '\xA5');
   if (fstat(file, &info) == 0) {
     for (int64_t at : CheckedBlocks(span)) {
-      const int64_t length = std::min<int64_t>(kBlock, info.st_size - at);
-      if (length > 0 && pwrite(file, mark.data(), static_cast<size_t>(length), at) < 0) break;
+      const int64_t local = at - span.offset;
+      const int64_t length = std::min<int64_t>(kBlock, info.st_size - local);
+      if (length > 0 && pwrite(file, mark.data(), static_cast<size_t>(length), local) < 0) break;
     }
   }
   close(file);
 }
 
-// Empty when target holds span as source does: its length (the whole
-// file's, or at least up to the span's end) and the checked blocks.
+// Empty when target holds span as source does: its length (a range is the
+// whole of the local file) and the checked blocks.
 std::string CompareCopy(const std::string& source, const std::string& target, const Span& span,
-                        int64_t fileSize) {
+                        int64_t) {
   std::error_code ec;
   const auto size = static_cast<int64_t>(std::filesystem::file_size(target, ec));
   if (ec) return "cannot read " + target + ": " + ec.message();
-  const bool whole = span.offset == 0 && span.length == fileSize;
-  if (whole ? size != fileSize : size < span.offset + span.length) {
+  if (size != span.length) {
     return target + " has " + std::to_string(size) + " bytes";
   }
   const int in = open(source.c_str(), O_RDONLY);
@@ -73,7 +73,7 @@ std::string CompareCopy(const std::string& source, const std::string& target, co
     const auto length =
         static_cast<size_t>(std::min<int64_t>(kBlock, span.offset + span.length - at));
     if (in < 0 || out < 0 || pread(in, a.data(), length, at) != static_cast<ssize_t>(length) ||
-        pread(out, b.data(), length, at) != static_cast<ssize_t>(length) ||
+        pread(out, b.data(), length, at - span.offset) != static_cast<ssize_t>(length) ||
         std::memcmp(a.data(), b.data(), length) != 0) {
       wrong = target + " differs from the source at byte " + std::to_string(at);
       break;

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include "harness.h"
 
 #include <poll.h>
@@ -147,6 +148,9 @@ Child::Child(std::string name, std::function<void(Channel&)> body, unsigned life
   }
   close(down[0]);
   close(up[1]);
+  // A node serving a fetch writes a line per ranged request while the
+  // figure reads another process: room for a whole run's worth of them.
+  fcntl(up[0], F_SETPIPE_SZ, 1 << 20);
   if (pid_ < 0) {
     close(down[1]);
     close(up[0]);
