@@ -144,7 +144,9 @@ class QEL_API cQEL {
   // transferStall seconds asks again, transferRetries times, then fails.
   // The local file is written in place and cut to the file's (or range's)
   // length when complete; one the fetch created is removed when it fails
-  // before any byte. Its pieces are not raised as FileReceived. A fetch that
+  // before any byte. Pieces arrive out of order, so a whole-file fetch that
+  // ends early cuts the file to the bytes that arrived without a gap: a
+  // resumed fetch then goes on from a correct prefix. Its pieces are not raised as FileReceived. A fetch that
   // cannot start (no node given, a range that asks for nothing, a local file
   // that cannot be written) is reported through Error and gives "".
   std::string FetchFile(const std::string& nodeID, const std::string& RemotePath,

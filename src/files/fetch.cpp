@@ -507,6 +507,15 @@ void FetchTable::Finish(const FetchPtr& fetch, enmFileStatus status, std::string
   for (std::string* req : {&fetch->sizeReq, &fetch->hashReq}) {
     if (!req->empty()) Retire(*req);
   }
+  // Pieces land out of order: a whole file that ends early keeps only what
+  // arrived without a gap, so the file's length is what a resume can trust.
+  const bool whole = fetch->options.lngStart < 0 && fetch->options.lngEnd < 0;
+  if (status != FS_Complete && whole && fetch->plan && fetch->fd >= 0 && fetch->written > 0) {
+    if (ftruncate(fetch->fd, static_cast<off_t>(fetch->plan->HeldUpTo())) != 0) {
+      // The fetch fails anyway; its reason says why, and a verified resume
+      // would catch what stayed.
+    }
+  }
   if (fetch->fd >= 0) close(fetch->fd);
   fetch->fd = -1;
   if (status != FS_Complete && fetch->created && fetch->written == 0) {

@@ -61,6 +61,9 @@ class FetchPlan {
   bool Complete() const { return held_.Size() == Length(); }
   int64_t Held() const { return held_.Size(); }
   int64_t Length() const { return last_ - first_ + 1; }
+  // The first byte of the fetch not held, or last + 1 when all are: what
+  // lies before it arrived without a gap.
+  int64_t HeldUpTo() const { return held_.FirstMissing(first_, last_).value_or(last_ + 1); }
   // Bytes asked for and not yet here.
   int64_t InFlight() const;
   const std::vector<FetchAsk>& Asks() const { return asks_; }

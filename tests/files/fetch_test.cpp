@@ -340,12 +340,18 @@ TEST_F(FetchTest, AFetchGoesOnWhenItsLinkComesBackAndFailsWhenItDoesNot) {
 
   cut = back = false;
   requests = 0;
+  fs::remove(got);
   id = b.node.FetchFile(a.ID(), "\\big.bin", got.string());
   const auto [status, reason] = Await(id);
   EXPECT_EQ(status, FS_Canceled);
   EXPECT_NE(reason.find("nothing arrived from " + a.ID() + " for 1 s, asked again 2 times"),
             std::string::npos)
       << reason;
+  // What stays is what arrived without a gap, so a resume can trust it.
+  const std::string kept = Read(got);
+  EXPECT_GT(kept.size(), 0u);
+  EXPECT_LT(kept.size(), big.size());
+  EXPECT_TRUE(big.compare(0, kept.size(), kept) == 0);
 }
 }  // namespace
 }  // namespace qel::test
