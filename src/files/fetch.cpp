@@ -355,7 +355,11 @@ bool FetchTable::OnPiece(const typMessage& message, const std::string& source,
     return true;
   }
   fetch->written += static_cast<int64_t>(data.size());
-  fetch->plan->Arrived(range->lngStart, range->lngEnd);
+  // Written first: a refused piece leaves its bytes unheld, asked again.
+  if (fetch->plan->Arrived(range->lngStart, range->lngEnd) < 0) {
+    ++refused_;
+    return true;
+  }
   fetch->lastHeard = TickCount();
   fetch->quietRounds = 0;
   if (fetch->plan->Done(ask)) Forget(*fetch, reqID);

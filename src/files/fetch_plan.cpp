@@ -51,6 +51,12 @@ std::optional<int64_t> ByteSet::FirstMissing(int64_t first, int64_t last) const 
   return at;
 }
 
+bool ByteSet::Joins(int64_t first, int64_t last) const {
+  auto it = runs_.upper_bound(last + 1);  // runs starting at or before last + 1
+  if (it == runs_.begin()) return false;
+  return std::prev(it)->second + 1 >= first;
+}
+
 std::optional<int64_t> ByteSet::FirstIn(int64_t first, int64_t last) const {
   auto it = runs_.upper_bound(first);
   if (it != runs_.begin() && std::prev(it)->second >= first) return first;
@@ -94,7 +100,10 @@ std::optional<FetchAsk> FetchPlan::Next() {
 }
 
 int64_t FetchPlan::Arrived(int64_t first, int64_t last) {
-  return held_.Add(std::max(first, first_), std::min(last, last_));
+  first = std::max(first, first_);
+  last = std::min(last, last_);
+  if (held_.Runs() >= kMaxRuns && !held_.Joins(first, last)) return -1;
+  return held_.Add(first, last);
 }
 
 bool FetchPlan::Done(const FetchAsk& ask) const {

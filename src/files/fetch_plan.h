@@ -20,6 +20,9 @@ class ByteSet {
   int64_t CountIn(int64_t first, int64_t last) const;
   // The first byte of [first, last] the set does not hold, if any.
   std::optional<int64_t> FirstMissing(int64_t first, int64_t last) const;
+  // Whether adding [first, last] would make no new run (it overlaps or
+  // touches one the set holds).
+  bool Joins(int64_t first, int64_t last) const;
   // The first byte of [first, last] the set holds, if any.
   std::optional<int64_t> FirstIn(int64_t first, int64_t last) const;
   int64_t Size() const { return size_; }
@@ -49,8 +52,11 @@ class FetchPlan {
   // asked for, or nullopt while the window is full or all is asked for.
   std::optional<FetchAsk> Next();
   // Bytes [first, last] arrived: the part inside the fetch is held. Returns
-  // the bytes that were new.
+  // the bytes that were new, or -1 when the piece is refused: past
+  // kMaxRuns separate runs, only pieces that join one are taken, so a
+  // sender scattering tiny pieces cannot make the plan grow.
   int64_t Arrived(int64_t first, int64_t last);
+  static constexpr size_t kMaxRuns = 4096;
   // Whether every byte of an ask is held (its request is finished).
   bool Done(const FetchAsk& ask) const;
   // Forgets an ask: what it brought stays held, the rest can be asked anew.

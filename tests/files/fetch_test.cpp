@@ -45,6 +45,11 @@ TEST(ByteSetTest, RunsMergeAndCountWhateverTheOrder) {
     EXPECT_EQ(set.CountIn(from, to), count) << "seed " << seed;
     EXPECT_EQ(set.FirstMissing(from, to), missing) << "seed " << seed;
     EXPECT_EQ(set.FirstIn(from, to), held) << "seed " << seed;
+    bool joins = false;
+    for (int64_t b = std::max<int64_t>(0, from - 1); b <= std::min<int64_t>(499, to + 1); ++b) {
+      joins = joins || truth[b];
+    }
+    EXPECT_EQ(set.Joins(from, to), joins) << "seed " << seed;
     EXPECT_EQ(set.Size(), std::count(truth.begin(), truth.end(), true));
   }
 }
@@ -81,6 +86,19 @@ TEST(FetchPlanTest, AsksWithinTheWindowAndAgainForWhatWasLost) {
   EXPECT_EQ(plan.Arrived(0, 5000), 850);  // pieces beyond the range count only inside
   EXPECT_TRUE(plan.Complete());
   EXPECT_FALSE(plan.Next());
+}
+
+TEST(FetchPlanTest, ScatteredPiecesCannotGrowThePlanPastItsRuns) {
+  const int64_t n = 4 * FetchPlan::kMaxRuns;
+  FetchPlan plan(0, 2 * n, 2 * n + 1, 2 * n + 1);
+  ASSERT_TRUE(plan.Next());
+  int64_t refused = 0;
+  for (int64_t b = 0; b < n; ++b) refused += plan.Arrived(2 * b, 2 * b) < 0;
+  EXPECT_EQ(refused, n - static_cast<int64_t>(FetchPlan::kMaxRuns));
+  // Filling a gap joins runs, so it is still taken, and the fetch can end.
+  EXPECT_EQ(plan.Arrived(1, 1), 1);
+  EXPECT_EQ(plan.Arrived(0, 2 * n), 2 * n + 1 - static_cast<int64_t>(FetchPlan::kMaxRuns) - 1);
+  EXPECT_TRUE(plan.Complete());
 }
 
 TEST(FetchPlanTest, RandomLossAndDuplicatesEndWithEveryByteOnce) {
