@@ -107,6 +107,12 @@ class TextOutput : public Output {
     std::string text;
     if (!result.ok) {
       text = "error: ";
+      // A background command's failure comes later, among others: say which.
+      if (result.value.is_object() && result.value.contains("ReqID") &&
+          result.value["ReqID"].is_string()) {
+        AppendVisible(text, result.value["ReqID"].get<std::string>());
+        text += ": ";
+      }
       AppendVisible(text, result.error);
       text += '\n';
     } else if (result.value.is_string()) {
