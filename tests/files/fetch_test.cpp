@@ -300,6 +300,22 @@ TEST_F(FetchTest, CancelsStopTheirOwnTransferOnlyAndComeOnlyFromTheAsker) {
   EXPECT_EQ(bytes[y], static_cast<int64_t>(big.size()));
   EXPECT_TRUE(Eventually([&] { return StateOf(a.node).Files.Served.empty(); }));
 
+  // Many at once, each cancelled as soon as it is asked, among cancels for
+  // nothing: every one stops, none runs to its end.
+  std::vector<std::string> many;
+  for (int i = 0; i < 300; ++i) {
+    many.push_back(b.node.RequestFile("\\big.bin", a.ID(), b.node.MakeRange()));
+    b.node.SendFile(a.ID(), b.node.MakeRange(), "", many.back(), FS_Canceled);
+    b.node.SendFile(a.ID(), b.node.MakeRange(), "", "NOTHING" + std::to_string(i), FS_Canceled);
+  }
+  ASSERT_TRUE(Eventually([&] {
+    return std::all_of(many.begin(), many.end(), [&](const std::string& id) {
+      return !pieces[id].empty() && pieces[id].back() != FS_Transferring;
+    });
+  }));
+  for (const std::string& id : many) EXPECT_EQ(pieces[id].back(), FS_Canceled);
+  EXPECT_TRUE(Eventually([&] { return StateOf(a.node).Files.Served.empty(); }));
+
   // A fetch: r can neither stop it nor slip bytes into it.
   served.clear();
   const fs::path got = base / "got" / "big.bin";
