@@ -14,7 +14,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 
 namespace qelbench {
@@ -201,6 +203,22 @@ std::unique_ptr<Child> RunProgram(std::string name, std::vector<std::string> arg
         throw std::runtime_error(std::string("cannot run ") + args[0]);
       },
       lifetimeSeconds);
+}
+
+double CpuSeconds(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(stat)), {});
+  // Fields after the command name, which may hold blanks: utime and stime
+  // are the 12th and 13th after its closing parenthesis.
+  const size_t close = text.rfind(')');
+  if (close == std::string::npos) return -1;
+  std::istringstream fields(text.substr(close + 2));
+  std::string field;
+  double ticks = 0;
+  for (int i = 1; i <= 13 && fields >> field; ++i) {
+    if (i >= 12) ticks += std::atof(field.c_str());
+  }
+  return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 int64_t PeakRssKiB(pid_t pid) {

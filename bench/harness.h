@@ -94,6 +94,9 @@ std::unique_ptr<Child> RunProgram(std::string name, std::vector<std::string> arg
 
 // The peak resident memory of a process of this host in KiB, or -1.
 int64_t PeakRssKiB(pid_t pid);
+// The CPU time (user and system) a process of this host used so far, in
+// seconds, or -1.
+double CpuSeconds(pid_t pid);
 
 // A file of pseudo-random bytes (a compressing file system must not
 // flatter anyone).

@@ -116,8 +116,15 @@ void RelayedFigure(const DirectPair& pair, const std::string& qelBinary, const s
   std::vector<double> direct, relayed, ratios, relayPeaks, servingPeaks, fetchingPeaks;
   for (int run = 0; run <= runs; ++run) {
     std::optional<double> directRate;
+    // CPU seconds each process spent on a transfer: on a machine with fewer
+    // cores than processes, the relay's copies come out of the others' time.
+    double directCpu[2] = {-1, -1};        // serving, fetching
+    double relayedCpu[3] = {-1, -1, -1};  // relay, serving, fetching
     if (directFailure.empty()) {
+      const double before[2] = {CpuSeconds(pair.server->pid()), CpuSeconds(pair.client->pid())};
       directRate = Fetch(*pair.client, pair.serverID, whole, bytes, source, target, directFailure);
+      directCpu[0] = CpuSeconds(pair.server->pid()) - before[0];
+      directCpu[1] = CpuSeconds(pair.client->pid()) - before[1];
       std::string ignored;
       Drain(pair.server, ignored);
     }
@@ -127,7 +134,10 @@ void RelayedFigure(const DirectPair& pair, const std::string& qelBinary, const s
     if (why.empty()) {
       Child* const nodes[3] = {r.relay.get(), r.serving.get(), r.fetching.get()};
       for (Child* node : nodes) peaksPerRun = ResetPeakRss(node->pid()) && peaksPerRun;
+      double before[3];
+      for (int i = 0; i < 3; ++i) before[i] = CpuSeconds(nodes[i]->pid());
       relayedRate = Fetch(*r.fetching, r.servingID, whole, bytes, source, target, why);
+      for (int i = 0; i < 3; ++i) relayedCpu[i] = CpuSeconds(nodes[i]->pid()) - before[i];
       // Read while the nodes live, before a failure's restart ends them.
       for (int i = 0; i < 3; ++i) peaks[i] = PeakRssKiB(nodes[i]->pid());
       std::string trouble;
@@ -155,6 +165,12 @@ void RelayedFigure(const DirectPair& pair, const std::string& qelBinary, const s
     }
     line += "  peak RSS: relay " + Mebibytes(peaks[0]) + ", serving " + Mebibytes(peaks[1]) +
             ", fetching " + Mebibytes(peaks[2]);
+    char cpu[160];
+    std::snprintf(cpu, sizeof cpu,
+                  "  CPU s: relay %.2f, serving %.2f, fetching %.2f; direct serving %.2f, "
+                  "fetching %.2f",
+                  relayedCpu[0], relayedCpu[1], relayedCpu[2], directCpu[0], directCpu[1]);
+    line += cpu;
     std::printf("%s\n", line.c_str());
     std::fflush(stdout);
     // Every run's peaks count, the warm-up's and a failed run's too: what a

@@ -242,9 +242,29 @@ void ForwardPacket(RoutingNode& node, typMessage& message, int32_t fromConn) {
   PlainField(fields, "TTL") = std::to_string(ttl);
   PlainField(fields, "Hops") = std::to_string(hops);
   ExtendRoute(node, message);
-  std::string text = SerialiseMessage(message);
   // Relays always flood: the split horizon and the duplicate cache are what
   // stop loops.
+  if (message.Body.size() >= kLargeBody) {
+    // A large body (a file's piece) goes on behind its new header as it
+    // came: moved to the one link it goes to, or queued by each of several,
+    // never first copied behind the header.
+    std::string header;
+    SerialiseHeader(message, header);
+    CountSent();
+    auto& connections = Connections::Get();
+    int32_t only = 0, count = 0;
+    for (int32_t link : node.Links) {
+      if (link != fromConn && connections.IsConnected(link)) only = link, ++count;
+    }
+    if (count == 1) {
+      connections.WriteOwned(only, std::move(header), std::move(message.Body));
+    } else if (count > 1) {
+      const std::string_view pieces[] = {header, message.Body};
+      connections.WriteToAllExcept(node, fromConn, pieces);
+    }
+    return;
+  }
+  std::string text = SerialiseMessage(message);
   const std::string* destination = FindField(fields, "Destination");
   Transmit(node, std::move(text), fromConn, 0, destination ? *destination : std::string());
 }

@@ -47,7 +47,8 @@ bool SendPlainMsg(RoutingNode& node, std::string_view type, std::string_view des
 // Route; every other field, the body, flags and lengths stay as received. A
 // TTL that is not a number, negative or would fall below 1 is not relayed.
 // Rewrites the first field of each name in place, so it never throws on what
-// a peer wrote (a name that also arrives as an array included).
+// a peer wrote (a name that also arrives as an array included). A large
+// body may be taken over, leaving message.Body empty.
 void ForwardPacket(RoutingNode& node, typMessage& message, int32_t fromConn);
 
 }  // namespace qel
