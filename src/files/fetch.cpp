@@ -449,9 +449,11 @@ void FetchTable::Compare(const FetchPtr& fetch, const std::string& local,
 void FetchTable::OnLinkUp() {
   const int64_t now = TickCount();
   for (auto& [id, fetch] : fetches_) {
-    if (fetch->stage == Stage::Transfer && now - fetch->lastHeard >= kQuietBeforeWakeMs) {
-      fetch->lastHeard = now - fetch->settings.stallMs;  // the next tick asks again
-    }
+    if (fetch->stage == Stage::Verifying || now - fetch->lastHeard < kQuietBeforeWakeMs) continue;
+    // The next tick asks again, whatever the fetch waits for.
+    const int32_t wait =
+        fetch->stage == Stage::Size ? fetch->settings.answerMs : fetch->settings.stallMs;
+    fetch->lastHeard = now - wait;
   }
 }
 

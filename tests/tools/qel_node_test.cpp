@@ -64,6 +64,14 @@ TEST(QelNodeTest, MessagesCrossAMiddleProcessFollowRoutesLinksCloseAndBadCommand
   std::ofstream(shared / "abc.txt") << "abc";
   EXPECT_EQ(c.Command("share " + shared.string())["ok"], true);
   EXPECT_EQ(a.Command("ls " + rc.id + " / recursive")["value"], json({"\\sub\\", "\\abc.txt"}));
+  // An empty listing says what it is: an empty folder, none, a file or silence.
+  EXPECT_EQ(a.Command("ls " + rc.id + " \\sub recursive"),
+            json({{"command", "ls"}, {"ok", true}, {"value", json::array()}}));
+  EXPECT_EQ(a.Command("ls " + rc.id + " \\nosuch")["error"], "no folder \\nosuch shared by " + rc.id);
+  EXPECT_EQ(a.Command("ls " + rc.id + " /abc.txt")["error"],
+            "/abc.txt is a file shared by " + rc.id + ", not a folder");
+  EXPECT_TRUE(c.Command("ls {NOBODY} \\")["error"].get<std::string>().starts_with(
+      "no answer from {NOBODY} within "));
   EXPECT_EQ(a.Command("fileinfo " + rc.id + " \\abc.txt hash")["value"],
             json({{"lngSize", 3}, {"strHash", "900150983cd24fb0d6963f7d28e17f72"}}));
   EXPECT_EQ(a.Command("fileinfo " + rc.id + " \\sub")["error"],
@@ -222,14 +230,17 @@ TEST(QelNodeTest, FilesCrossAMiddleProcessWholeInRangesCancelledAndResumed) {
   // A node of several shares lists them in the order shared; a search is
   // answered by A and D.
   EXPECT_EQ(c.Command("ls " + rd.id + " \\")["value"], json({"\\share\\", "\\more\\"}));
+  // "\more\" is the empty share; "\more" a folder of the first share, which has none.
+  EXPECT_EQ(c.Command("ls " + rd.id + " \\more\\")["ok"], true);
+  EXPECT_EQ(c.Command("ls " + rd.id + " \\more")["error"], "no folder \\more shared by " + rd.id);
   const json found = b.Command("search file 26214");
   EXPECT_EQ(found["value"].size(), 6u) << found;
   const std::string large = std::to_string(big.size());
   c.Send("get " + rd.id + " \\share\\" + large + " " + got("large"));
+  // The first report comes before any byte: a fetch cancelled then removes
+  // the file it created, and there would be nothing to resume.
   const std::string reqID = c.WaitEvent("Progress", [&](const json& l) {
-    // D's, not the earlier gets', once bytes are written: a file the get
-    // created is removed when it ends before any.
-    return !ended.contains(l["ReqID"]) && l["bytes"] > 0;
+    return !ended.contains(l["ReqID"]) && l["bytes"] > 0;  // D's, not the earlier gets'
   })["ReqID"];
   // Any unique start of the identifier, as the progress bar shows it.
   EXPECT_EQ(c.Command("cancel NOSUCH")["ok"], false);

@@ -11,6 +11,8 @@
 #include <qel/error.h>
 #include <qel/stats.h>
 
+#include "empty_listing.h"
+
 namespace qelcli {
 namespace {
 
@@ -157,7 +159,8 @@ CommandResult Stats(Session&, const Args&) {
            {"OutPacketCount", stats.OutPacketCount()},
            {"QELVersion", stats.QELVersion()},
            {"AvgCompression", stats.AvgCompression()},
-           {"ResendWindowCuts", stats.ResendWindowCuts()}},
+           {"ResendWindowCuts", stats.ResendWindowCuts()},
+           {"IgnoredCancels", stats.IgnoredCancels()}},
           ""};
 }
 
@@ -173,10 +176,52 @@ CommandResult Ls(Session& s, const Args& args) {
   const bool recursive = args.size() > 2;
   if (recursive && args[2] != "recursive")
     throw UsageError("expected 'recursive', got '" + args[2] + "'");
-  const std::vector<std::string> listing = s.node.GetContents(args[1], args[0], recursive);
+  const std::string& nodeID = args[0];
+  const std::string& path = args[1];
+  const std::vector<std::string> listing = s.node.GetContents(path, nodeID, recursive);
   // Element 0 is the library's blank placeholder.
   Json paths = Json::array();
   for (size_t i = 1; i < listing.size(); ++i) paths.push_back(listing[i]);
+  if (!paths.empty()) return {true, std::move(paths), ""};
+
+  // Empty, missing, refused and unanswered all look like this: ask more.
+  std::chrono::milliseconds waited{0};
+  ListingQuestions ask;
+  ask.fileInfo = [&](const std::string& remotePath) {
+    const auto asked = std::chrono::steady_clock::now();
+    qel::typFileInfo info = s.node.GetFileInfo(remotePath, nodeID);
+    waited = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - asked);
+    return info;
+  };
+  ask.list = [&](const std::string& folder) {
+    std::vector<std::string> entries = s.node.GetContents(folder, nodeID, false);
+    if (!entries.empty()) entries.erase(entries.begin());
+    return entries;
+  };
+  ask.sharesFiles = [&]() -> std::optional<bool> {
+    const std::vector<qel::typNodeInfo> info = s.node.GetNodeInfo(nodeID, false);
+    if (info.empty() || info.front().ID.empty()) return std::nullopt;
+    return info.front().sharingFiles;
+  };
+  switch (ExplainEmptyListing(path, ask)) {
+    case EmptyListing::Empty:
+      return {true, std::move(paths), ""};
+    case EmptyListing::Unknown:
+      return {true, std::move(paths), "",
+              "empty, or no such folder: a name holding % cannot be looked up"};
+    case EmptyListing::Missing:
+      return Fail("no folder " + path + " shared by " + nodeID, std::move(paths));
+    case EmptyListing::File:
+      return Fail(path + " is a file shared by " + nodeID + ", not a folder", std::move(paths));
+    case EmptyListing::NotSharing:
+      return Fail(nodeID + " shares no folders", std::move(paths));
+    case EmptyListing::NoAnswer:
+      return Fail("no answer from " + nodeID + " within " + std::to_string(waited.count()) + " ms",
+                  std::move(paths));
+    case EmptyListing::Refused:
+      return Fail("a path holding ..\\ leaves the shares: nothing was asked", std::move(paths));
+  }
   return {true, std::move(paths), ""};
 }
 

@@ -48,10 +48,9 @@ Args SplitArgs(std::string_view rest, size_t maxArgs, bool lastIsText);
 
 // Runs one console line; the word is what the result is reported under.
 // Unknown words, bad arguments and QelErrors give a failed result. connect,
-// nodes, ping, ls, search, fileinfo, login (and get with resume or verify)
-// run the event loop while they wait, so events are raised (and posted
-// functions run) before this returns. get gives a pending result: its own is
-// written when the download ends.
+// nodes, ping, ls, search, fileinfo and login run the event loop while they
+// wait, so events are raised (and posted functions run) before this returns.
+// get gives a pending result: its own is written when the download ends.
 CommandResult RunLine(Session& session, const ParsedLine& line);
 
 }  // namespace qelcli
