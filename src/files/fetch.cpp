@@ -225,18 +225,22 @@ bool FetchTable::OnInfo(const typMessage& message, const std::string& source) {
   }
   if (fetch->stage != Stage::Size) return true;
   Plan(*fetch, answer->size);
+  Advance(fetch, true);
+  return true;
+}
+
+void FetchTable::Advance(const FetchPtr& fetch, bool first) {
   if (fetch->plan->Complete()) {
     Arrived(fetch);
-    return true;
+    return;
   }
   try {
     Pump(*fetch);
   } catch (const std::exception& e) {
     Finish(fetch, FS_Canceled, std::string("cannot ask for the file: ") + e.what());
-    return true;
+    return;
   }
-  Progress(fetch, true);
-  return true;
+  Progress(fetch, first);
 }
 
 void FetchTable::Plan(Fetch& fetch, int64_t size) {
@@ -363,17 +367,7 @@ bool FetchTable::OnPiece(const typMessage& message, const std::string& source,
   fetch->lastHeard = TickCount();
   fetch->quietRounds = 0;
   if (fetch->plan->Done(ask)) Forget(*fetch, reqID);
-  if (fetch->plan->Complete()) {
-    Arrived(fetch);
-    return true;
-  }
-  try {
-    Pump(*fetch);
-  } catch (const std::exception& e) {
-    Finish(fetch, FS_Canceled, std::string("cannot ask for the rest: ") + e.what());
-    return true;
-  }
-  Progress(fetch, false);
+  Advance(fetch, false);
   return true;
 }
 

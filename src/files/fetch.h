@@ -86,6 +86,9 @@ class FetchTable {
   void AskInfo(Fetch& fetch, bool hash);
   void Plan(Fetch& fetch, int64_t size);
   void Pump(Fetch& fetch);
+  // After the plan moved: ends a complete fetch, else asks for more and
+  // reports progress (always for the first report).
+  void Advance(const FetchPtr& fetch, bool first);
   void Forget(Fetch& fetch, const std::string& reqID);
   // Tells the serving node to stop every open request and forgets them.
   void StopAsks(Fetch& fetch);
