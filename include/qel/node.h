@@ -146,9 +146,9 @@ class QEL_API cQEL {
   // length when complete; one the fetch created is removed when it fails
   // before any byte. Pieces arrive out of order, so a whole-file fetch that
   // ends early cuts the file to the bytes that arrived without a gap: a
-  // resumed fetch then goes on from a correct prefix. Its pieces are not raised as FileReceived. A fetch that
-  // cannot start (no node given, a range that asks for nothing, a local file
-  // that cannot be written) is reported through Error and gives "".
+  // resumed fetch then goes on from a correct prefix. Its pieces are not raised as FileReceived. A
+  // fetch that cannot start (no node given, a range that asks for nothing, a local file that cannot
+  // be written) is reported through Error and gives "".
   std::string FetchFile(const std::string& nodeID, const std::string& RemotePath,
                         const std::string& LocalPath, const typFetchOptions& Options = {});
   // Stops a fetch of this node: the serving node is told, and FetchFinished

@@ -94,9 +94,9 @@ struct FetchTable::Fetch {
   bool created = false;  // the local file is this fetch's own
   int64_t haveAtStart = 0;
   Stage stage = Stage::Size;
-  int64_t size = -1;       // of the remote file, once known
-  int64_t localBase = 0;   // remote offset written at local offset 0
-  int64_t finalLength = 0; // of the local file once complete
+  int64_t size = -1;        // of the remote file, once known
+  int64_t localBase = 0;    // remote offset written at local offset 0
+  int64_t finalLength = 0;  // of the local file once complete
   std::optional<FetchPlan> plan;
   std::map<std::string, FetchAsk> asks;  // open requests
   std::string sizeReq, hashReq;          // open questions
@@ -279,8 +279,8 @@ void FetchTable::Pump(Fetch& fetch) {
     const std::string reqID = NewID();
     fetch.asks.emplace(reqID, *ask);
     byRequest_[reqID] = fetch.id;
-    typMessage get = MakeGet(fetch.remotePath, fetch.nodeID, reqID,
-                             MakeRange(ask->first, ask->last), "");
+    typMessage get =
+        MakeGet(fetch.remotePath, fetch.nodeID, reqID, MakeRange(ask->first, ask->last), "");
     SendPacket(*node, get);
   }
 }

@@ -70,7 +70,9 @@ void ByteSet::Clear() {
 }
 
 FetchPlan::FetchPlan(int64_t first, int64_t last, int64_t chunk, int64_t window)
-    : first_(first), last_(last), chunk_(std::max<int64_t>(chunk, 1)),
+    : first_(first),
+      last_(last),
+      chunk_(std::max<int64_t>(chunk, 1)),
       window_(std::max<int64_t>(window, 1)) {}
 
 std::optional<FetchAsk> FetchPlan::Next() {
@@ -111,7 +113,8 @@ bool FetchPlan::Done(const FetchAsk& ask) const {
 }
 
 void FetchPlan::Drop(const FetchAsk& ask) {
-  std::erase_if(asks_, [&](const FetchAsk& a) { return a.first == ask.first && a.last == ask.last; });
+  std::erase_if(asks_,
+                [&](const FetchAsk& a) { return a.first == ask.first && a.last == ask.last; });
 }
 
 void FetchPlan::DropAll() {

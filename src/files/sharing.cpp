@@ -228,8 +228,7 @@ void OnGetFileInfo(RoutingNode& node, FileSharing& files, const typMessage& mess
   HashThenAnswer(node, *local, source, ReqID(message), size);
 }
 
-void OnFileInfo(FileSharing& files, const typMessage& message, const std::string& source) {
-  if (files.Fetches.OnInfo(message, source)) return;
+void OnFileInfo(FileSharing& files, const typMessage& message) {
   FileInfoSlot* slot = files.FileInfos.Find(ReqID(message));
   if (!slot) return;
   cSettings body = LoadBody(message.Body);
@@ -265,7 +264,7 @@ bool HandleFileMessage(RoutingNode& node, FileSharing& files, const typMessage& 
   } else if (type == "GETFILEINFO") {
     OnGetFileInfo(node, files, message, source);
   } else if (type == "FILEINFO") {
-    OnFileInfo(files, message, source);
+    OnFileInfo(files, message);
   } else {
     return false;
   }

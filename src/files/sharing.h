@@ -4,14 +4,13 @@
 
 #include <cstdint>
 #include <memory>
-#include <unordered_map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include <qel/types.h>
 
 #include "core/request_slots.h"
-#include "files/fetch.h"
 #include "files/shares.h"
 #include "protocol/message.h"
 
@@ -52,9 +51,6 @@ struct FileSharing {
   // Transfers this node serves, by asker and request identifier, each with
   // the flag its asker's cancel sets: a cancel stops its own transfer only.
   std::unordered_map<std::string, std::shared_ptr<bool>> Served;
-  // This node's windowed fetches, and what they run with.
-  FetchTable Fetches;
-  FetchSettings FetchConfig;
 };
 
 // The key of a served transfer in FileSharing::Served.

@@ -97,7 +97,7 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
   node.listenAddress = Trim(values.Get("listenAddress").toString());
   // Out of range values are held to the range: a fetch needs a window and a
   // stall time to work at all.
-  FetchSettings& fetch = node.Files.FetchConfig;
+  FetchSettings& fetch = node.FetchConfig;
   fetch.windowBytes = std::max<int64_t>(values.Get("transferWindow").toInt32(), 64) * 1024;
   fetch.chunkBytes = std::min<int64_t>(fetch.windowBytes, int64_t{1} << 20);
   fetch.stallMs = std::clamp(values.Get("transferStall").toInt32(), 1, 86400) * 1000;
@@ -317,8 +317,8 @@ std::string cQEL::FetchFile(const std::string& nodeID, const std::string& Remote
                             const std::string& LocalPath, const typFetchOptions& Options) {
   auto node = Enter(*this);
   try {
-    return node->Files.Fetches.Start(*node, *node, node->Files.FetchConfig, nodeID, RemotePath,
-                                     LocalPath, Options);
+    return node->Fetches.Start(*node, *node, node->FetchConfig, nodeID, RemotePath, LocalPath,
+                               Options);
   } catch (...) {
     ReportCurrentFault(*node);
   }
@@ -328,7 +328,7 @@ std::string cQEL::FetchFile(const std::string& nodeID, const std::string& Remote
 bool cQEL::CancelFetch(const std::string& FetchID) {
   auto node = Enter(*this);
   try {
-    return node->Files.Fetches.Cancel(FetchID);
+    return node->Fetches.Cancel(FetchID);
   } catch (...) {
     ReportCurrentFault(*node);
   }

@@ -18,7 +18,7 @@ void NodeState::OnLinkUp(int32_t conn, LinkKind, const std::string& sourceIP) {
   // other's identifier and can reach it on this link.
   Connected = Connections::Get().HasOpenLink(*this);
   if (announceSelf) SendInfo(*this, "BROADCAST", conn);
-  Files.Fetches.OnLinkUp();
+  Fetches.OnLinkUp();
   if (Alive()) RaiseConnectionEstab(*this, sourceIP);
 }
 
@@ -55,11 +55,12 @@ void NodeState::Deliver(typMessage& message, int32_t, const std::string& source,
     return;
   }
   if (message.MsgType == "FILE") {
-    if (Files.Fetches.OnPiece(message, source, message.Body)) return;
-    OnFilePiece(Files, *this, message, source,
-                keepBody ? message.Body : std::move(message.Body));
+    if (Fetches.OnPiece(message, source, message.Body)) return;
+    OnFilePiece(Files, *this, message, source, keepBody ? message.Body : std::move(message.Body));
     return;
   }
+  // A fetch's answers are the fetch's; any other goes to the question slots.
+  if (message.MsgType == "FILEINFO" && Fetches.OnInfo(message, source)) return;
   if (HandleFileMessage(*this, Files, message, source)) return;
   if (HandleUserMessage(*this, Users, message, source)) return;
   if (HandleRpcMessage(*this, Rpc, message, source)) return;

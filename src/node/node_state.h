@@ -22,6 +22,9 @@ struct NodeState final : RoutingNode, TransferHost, FetchHost {
 
   // Shares, the answers waited for, transfers.
   FileSharing Files;
+  // This node's windowed fetches, and what they run with.
+  FetchTable Fetches;
+  FetchSettings FetchConfig;
 
   // Users: the local account is added at creation.
   UserState Users;
@@ -47,9 +50,8 @@ struct NodeState final : RoutingNode, TransferHost, FetchHost {
                bool keepBody) override;
 
   // What file transfer hands up.
-  bool FileRequest(std::string resource, std::string fullPath, std::string asker,
-                   std::string reqID, std::vector<typQELRange> ranges,
-                   std::string metadata) override;
+  bool FileRequest(std::string resource, std::string fullPath, std::string asker, std::string reqID,
+                   std::vector<typQELRange> ranges, std::string metadata) override;
   void FileReceived(std::string reqID, std::string data, typQELRange range, enmFileStatus status,
                     std::string metadata) override;
 

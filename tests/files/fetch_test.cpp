@@ -230,8 +230,8 @@ TEST_F(FetchTest, WholeFilesRangesAndResumesArriveByteForByteThroughARelay) {
   EXPECT_EQ(Await(checked).first, FS_Canceled);
   EXPECT_NE(finished[checked].second.find("MD5 of"), std::string::npos) << finished[checked].second;
 
-  const std::string empty = b.node.FetchFile(a.ID(), "\\empty.bin", (base / "got" / "e").string(),
-                                             {.verify = true});
+  const std::string empty =
+      b.node.FetchFile(a.ID(), "\\empty.bin", (base / "got" / "e").string(), {.verify = true});
   EXPECT_EQ(Await(empty).first, FS_Complete) << finished[empty].second;
   EXPECT_EQ(fs::file_size(base / "got" / "e"), 0u);
 }
@@ -274,9 +274,8 @@ TEST_F(FetchTest, CancelsStopTheirOwnTransferOnlyAndComeOnlyFromTheAsker) {
   std::vector<std::string> served;  // ReqIDs a was asked for, in order
   int requests = 0;
   a.node.FileRequest = [&](std::string&, std::string&, std::string&, std::string& reqID,
-                           std::vector<typQELRange>&, std::string&, bool&) {
-    served.push_back(reqID);
-  };
+                           std::vector<typQELRange>&, std::string&,
+                           bool&) { served.push_back(reqID); };
   std::map<std::string, std::vector<enmFileStatus>> pieces;
   std::map<std::string, int64_t> bytes;
   b.node.FileReceived = [&](std::string& reqID, std::string& data, typQELRange&,
@@ -288,7 +287,7 @@ TEST_F(FetchTest, CancelsStopTheirOwnTransferOnlyAndComeOnlyFromTheAsker) {
   const std::string y = b.node.RequestFile("\\big.bin", a.ID(), b.node.MakeRange());
   ASSERT_TRUE(Eventually([&] { return served.size() == 2 && pieces[x].size() >= 1; }));
   const int64_t ignoredBefore = cQELStats().IgnoredCancels();
-  r.node.SendFile(a.ID(), r.node.MakeRange(), "", x, FS_Canceled);     // not r's to stop
+  r.node.SendFile(a.ID(), r.node.MakeRange(), "", x, FS_Canceled);  // not r's to stop
   b.node.SendFile(a.ID(), b.node.MakeRange(), "", "UNKNOWN", FS_Canceled);
   ASSERT_TRUE(Eventually([&] { return cQELStats().IgnoredCancels() == ignoredBefore + 2; }));
   b.node.SendFile(a.ID(), b.node.MakeRange(), "", x, FS_Canceled);

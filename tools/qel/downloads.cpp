@@ -17,8 +17,8 @@ int64_t RangeNumber(std::string_view text, const std::string& range) {
   int64_t number = -1;
   auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), number);
   if (text.empty() || ec != std::errc() || end != text.data() + text.size() || number < 0) {
-    throw std::invalid_argument("START-END must be offsets from 0 such as 0-99, 100- or -100, got '" +
-                                range + "'");
+    throw std::invalid_argument(
+        "START-END must be offsets from 0 such as 0-99, 100- or -100, got '" + range + "'");
   }
   return number;
 }
@@ -61,7 +61,8 @@ CommandResult Downloads::Start(const GetRequest& request) {
     probe.closeFile();
     if (!existed) std::filesystem::remove(request.localPath, ec);
   }
-  const std::string id = node_.FetchFile(request.nodeID, request.remotePath, request.localPath, options);
+  const std::string id =
+      node_.FetchFile(request.nodeID, request.remotePath, request.localPath, options);
   if (id.empty()) return {false, nullptr, "the fetch could not start (see the error above)"};
   Download download;
   download.request = request;
@@ -77,8 +78,9 @@ CommandResult Downloads::Cancel(const std::string& nodeID, const std::string& id
     if (!idPrefix.empty() && id.compare(0, idPrefix.size(), idPrefix) == 0) matches.push_back(id);
   }
   if (matches.size() > 1) {
-    return {false, nullptr, "'" + idPrefix + "' starts " + std::to_string(matches.size()) +
-                                " downloads' identifiers; give more of it"};
+    return {false, nullptr,
+            "'" + idPrefix + "' starts " + std::to_string(matches.size()) +
+                " downloads' identifiers; give more of it"};
   }
   if (matches.size() == 1) {
     node_.CancelFetch(matches.front());  // its result line follows from OnFinished
