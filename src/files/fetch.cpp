@@ -507,6 +507,18 @@ void FetchTable::Finish(const FetchPtr& fetch, enmFileStatus status, std::string
   for (std::string* req : {&fetch->sizeReq, &fetch->hashReq}) {
     if (!req->empty()) Retire(*req);
   }
+  // A whole file's fetch that stops keeps only its bytes before the first
+  // gap: pieces that came ahead of one leave zeros behind them, which a
+  // resume, taking the local length as fetched, would never fill.
+  if (status != FS_Complete && fetch->fd >= 0 && fetch->plan && fetch->written > 0 &&
+      fetch->options.lngStart < 0 && fetch->options.lngEnd < 0) {
+    const int64_t keep = fetch->plan->FirstMissing();
+    struct stat info {};
+    if (fstat(fetch->fd, &info) == 0 && info.st_size > keep &&
+        ftruncate(fetch->fd, static_cast<off_t>(keep)) != 0) {
+      // Left as it is: a resume that verifies still finds the gap.
+    }
+  }
   if (fetch->fd >= 0) close(fetch->fd);
   fetch->fd = -1;
   if (status != FS_Complete && fetch->created && fetch->written == 0) {

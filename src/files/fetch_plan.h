@@ -59,6 +59,9 @@ class FetchPlan {
   void DropAll();
 
   bool Complete() const { return held_.Size() == Length(); }
+  // The first byte not held, or last + 1 when all are: the bytes before it
+  // are held without a gap.
+  int64_t FirstMissing() const { return held_.FirstMissing(first_, last_).value_or(last_ + 1); }
   int64_t Held() const { return held_.Size(); }
   int64_t Length() const { return last_ - first_ + 1; }
   // Bytes asked for and not yet here.
