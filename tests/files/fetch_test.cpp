@@ -69,6 +69,7 @@ TEST(FetchPlanTest, AsksWithinTheWindowAndAgainForWhatWasLost) {
   EXPECT_EQ(plan.Next()->first, 400);
   EXPECT_FALSE(plan.Next());
   EXPECT_EQ(plan.Arrived(200, 299), 100);
+  EXPECT_EQ(plan.HeldUpTo(), 150);  // what was held up to the first gap
   ASSERT_TRUE(plan.Done(asks[1]));
   plan.Drop(asks[1]);
   auto fifth = plan.Next();
@@ -85,6 +86,7 @@ TEST(FetchPlanTest, AsksWithinTheWindowAndAgainForWhatWasLost) {
   EXPECT_EQ(plan.Next()->first, 300);
   EXPECT_EQ(plan.Arrived(0, 5000), 850);  // pieces beyond the range count only inside
   EXPECT_TRUE(plan.Complete());
+  EXPECT_EQ(plan.HeldUpTo(), 1100);
   EXPECT_FALSE(plan.Next());
 }
 

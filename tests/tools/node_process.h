@@ -1,5 +1,6 @@
-// A `qel node --json --port 0` process driven from a test: commands on its
-// stdin, one JSON object a line read from its stdout, its stderr kept.
+// A `qel node --json` process driven from a test: commands on its stdin, one
+// JSON object a line read from its stdout, its stderr kept. It listens on a
+// free port unless args name one with --port.
 #pragma once
 
 #include <fcntl.h>
@@ -35,7 +36,10 @@ class NodeProcess {
   // with its loopback local address, is the test runner's.
   explicit NodeProcess(std::vector<std::string> args, rlim_t fileLimit = 0) {
     signal(SIGPIPE, SIG_IGN);  // a child that died must fail the test, not kill it
-    args.insert(args.begin(), {QEL_CLI_PATH, "node", "--port", "0", "--json"});
+    if (std::find(args.begin(), args.end(), "--port") == args.end()) {
+      args.insert(args.begin(), {"--port", "0"});
+    }
+    args.insert(args.begin(), {QEL_CLI_PATH, "node", "--json"});
     // Built before fork: the child of a threaded process may only exec.
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());

@@ -237,10 +237,11 @@ TEST(QelNodeTest, FilesCrossAMiddleProcessWholeInRangesCancelledAndResumed) {
   EXPECT_EQ(found["value"].size(), 6u) << found;
   const std::string large = std::to_string(big.size());
   c.Send("get " + rd.id + " \\share\\" + large + " " + got("large"));
-  // The first report comes before any byte: a fetch cancelled then removes
-  // the file it created, and there would be nothing to resume.
+  // D's, not the earlier gets', once bytes came: the first report, made
+  // when the size is known, may come before any, and a get cancelled with
+  // nothing written leaves no file to resume.
   const std::string reqID = c.WaitEvent("Progress", [&](const json& l) {
-    return !ended.contains(l["ReqID"]) && l["bytes"] > 0;  // D's, not the earlier gets'
+    return !ended.contains(l["ReqID"]) && l["bytes"] > 0;
   })["ReqID"];
   // Any unique start of the identifier, as the progress bar shows it.
   EXPECT_EQ(c.Command("cancel NOSUCH")["ok"], false);
