@@ -103,7 +103,8 @@ struct FetchTable::Fetch {
   std::string remoteHash;
   bool hashKnown = false;
   int64_t written = 0;
-  int64_t lastHeard = 0;  // tick of the last answer or piece
+  int64_t lastHeard = 0;   // the stall clock: the last answer, piece or asking again
+  int64_t lastAnswer = 0;  // the last answer or piece alone
   int64_t lastProgress = 0;
   int32_t quietRounds = 0;  // asked again without a byte in between
 
@@ -157,7 +158,7 @@ std::string FetchTable::Start(RoutingNode& node, FetchHost& host, const FetchSet
   fetch->localPath = localPath;
   fetch->options = options;
   fetch->settings = settings;
-  fetch->lastHeard = TickCount();
+  fetch->lastHeard = fetch->lastAnswer = TickCount();
   fetches_.emplace(fetch->id, fetch);
 
   if (!tick_) {
@@ -204,7 +205,7 @@ bool FetchTable::OnInfo(const typMessage& message, const std::string& source) {
   const bool isHash = reqID == fetch->hashReq;
   Retire(reqID);
   (isHash ? fetch->hashReq : fetch->sizeReq).clear();
-  fetch->lastHeard = TickCount();
+  fetch->lastHeard = fetch->lastAnswer = TickCount();
   std::optional<InfoAnswer> answer = ReadInfo(message.Body);
   if (!answer) {
     Finish(fetch, FS_Canceled, fetch->nodeID + " answered with an unreadable file description");
@@ -364,7 +365,7 @@ bool FetchTable::OnPiece(const typMessage& message, const std::string& source,
     ++refused_;
     return true;
   }
-  fetch->lastHeard = TickCount();
+  fetch->lastHeard = fetch->lastAnswer = TickCount();
   fetch->quietRounds = 0;
   if (fetch->plan->Done(ask)) Forget(*fetch, reqID);
   Advance(fetch, false);
@@ -395,7 +396,7 @@ void FetchTable::Arrived(const FetchPtr& fetch) {
     return;
   }
   fetch->stage = Stage::Hash;
-  fetch->lastHeard = TickCount();
+  fetch->lastHeard = fetch->lastAnswer = TickCount();
   fetch->quietRounds = 0;
   if (fetch->hashKnown) CheckHashes(fetch);
 }
@@ -441,13 +442,33 @@ void FetchTable::Compare(const FetchPtr& fetch, const std::string& local,
 }
 
 void FetchTable::OnLinkUp() {
+  // What was asked for while the link was down is lost: ask again now. This
+  // is not a retry, and the stall clock runs on, so the deadline holds.
   const int64_t now = TickCount();
-  for (auto& [id, fetch] : fetches_) {
-    if (fetch->stage == Stage::Verifying || now - fetch->lastHeard < kQuietBeforeWakeMs) continue;
-    // The next tick asks again, whatever the fetch waits for.
-    const int32_t wait =
-        fetch->stage == Stage::Size ? fetch->settings.answerMs : fetch->settings.stallMs;
-    fetch->lastHeard = now - wait;
+  std::vector<std::string> quiet;
+  for (const auto& [id, fetch] : fetches_) {
+    if (fetch->stage != Stage::Verifying && now - fetch->lastAnswer >= kQuietBeforeWakeMs) {
+      quiet.push_back(id);
+    }
+  }
+  for (const std::string& id : quiet) {
+    if (!Node()) return;
+    if (FetchPtr fetch = Find(id)) AskAgain(fetch);
+  }
+}
+
+void FetchTable::AskAgain(const FetchPtr& fetch) {
+  try {
+    if (fetch->stage == Stage::Size) {
+      AskInfo(*fetch, false);
+    } else if (fetch->stage == Stage::Hash) {
+      AskInfo(*fetch, true);
+    } else if (fetch->stage == Stage::Transfer) {
+      StopAsks(*fetch);
+      Pump(*fetch);
+    }
+  } catch (const std::exception& e) {
+    Finish(fetch, FS_Canceled, std::string("cannot ask again: ") + e.what());
   }
 }
 
@@ -487,18 +508,7 @@ void FetchTable::Stalled(const FetchPtr& fetch) {
   }
   ++fetch->quietRounds;
   fetch->lastHeard = now;
-  try {
-    if (asking) {
-      AskInfo(*fetch, false);
-    } else if (fetch->stage == Stage::Hash) {
-      AskInfo(*fetch, true);
-    } else {
-      StopAsks(*fetch);
-      Pump(*fetch);
-    }
-  } catch (const std::exception& e) {
-    Finish(fetch, FS_Canceled, std::string("cannot ask again: ") + e.what());
-  }
+  AskAgain(fetch);
 }
 
 void FetchTable::Finish(const FetchPtr& fetch, enmFileStatus status, std::string reason) {

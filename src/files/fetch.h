@@ -96,6 +96,9 @@ class FetchTable {
   void Retire(const std::string& reqID);
   void Tick();
   void Stalled(const FetchPtr& fetch);
+  // Asks again for what the fetch waits for: the size, the hash, or the
+  // bytes still missing (the open requests are stopped first).
+  void AskAgain(const FetchPtr& fetch);
   // Every byte is here: cut the file to length, verify if asked, finish.
   void Arrived(const FetchPtr& fetch);
   void CheckHashes(const FetchPtr& fetch);
