@@ -132,6 +132,9 @@ std::string FetchTable::Start(RoutingNode& node, FetchHost& host, const FetchSet
                               const std::string& localPath, const typFetchOptions& options) {
   const bool ranged = options.lngStart >= 0 || options.lngEnd >= 0;
   if (nodeID.empty()) throw std::invalid_argument("no node to fetch from");
+  // Other nodes close a link whose header passes 64 KiB.
+  if (remotePath.size() > kMaxFieldBytes)
+    throw std::invalid_argument("the remote path is too long");
   if (ranged && options.resume) throw std::invalid_argument("resume works on whole files");
   if (options.lngStart < -1 || options.lngEnd < -1 ||
       (options.lngStart >= 0 && options.lngEnd >= 0 && options.lngEnd < options.lngStart) ||
@@ -168,8 +171,18 @@ std::string FetchTable::Start(RoutingNode& node, FetchHost& host, const FetchSet
     tick_->SetInterval(kTickMs);
   }
   tick_->Enable(true);
-  AskInfo(*fetch, false);
-  if (options.verify) AskInfo(*fetch, true);
+  try {
+    AskInfo(*fetch, false);
+    if (options.verify) AskInfo(*fetch, true);
+  } catch (...) {
+    // Not started after all (a path too long to send): nothing of it stays.
+    fetches_.erase(fetch->id);
+    for (std::string* req : {&fetch->sizeReq, &fetch->hashReq}) {
+      if (!req->empty()) byRequest_.erase(*req);
+    }
+    if (fetch->created) std::filesystem::remove(localPath, ec);
+    throw;
+  }
   return fetch->id;
 }
 

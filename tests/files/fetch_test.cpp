@@ -264,7 +264,10 @@ TEST_F(FetchTest, WhatCannotBeFetchedFailsWithItsReasonAndLeavesNoFile) {
   EXPECT_EQ(b.node.FetchFile(a.ID(), "\\small.bin", local.string(), {.lngStart = 9, .lngEnd = 3}),
             "");
   EXPECT_EQ(b.node.FetchFile(a.ID(), "\\small.bin", (base / "no" / "dir" / "f").string()), "");
-  EXPECT_EQ(b.errors.size(), errors + 2);
+  EXPECT_EQ(b.node.FetchFile(a.ID(), "\\" + std::string(70000, 'x'), local.string()), "");
+  EXPECT_EQ(b.errors.size(), errors + 3);
+  EXPECT_FALSE(fs::exists(local));
+  EXPECT_EQ(StateOf(b.node).Fetches.Count(), 0u);
   EXPECT_FALSE(b.node.CancelFetch("not a fetch"));
 }
 
