@@ -14,7 +14,6 @@
 #include <vector>
 
 #include <qel/md5.h>
-#include <qel/settings.h>
 
 #include "core/new_id.h"
 #include "files/fetch_plan.h"
@@ -43,26 +42,6 @@ std::string Seconds(int32_t ms) {
   return ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms";
 }
 
-// The body of a FILEINFO: size (-1: no such file) and hash; nullopt when it
-// does not read as one.
-struct InfoAnswer {
-  int64_t size = -1;
-  std::string hash;
-};
-
-std::optional<InfoAnswer> ReadInfo(const std::string& body) {
-  try {
-    cSettings document;
-    document.LoadXML(body);
-    InfoAnswer answer;
-    answer.hash = document.GetSetting("Hash", Variant("")).toString();
-    answer.size = document.GetSetting("FileSize", Variant(int64_t{-1})).toInt64();
-    return answer;
-  } catch (...) {
-    return std::nullopt;
-  }
-}
-
 // The first part of a Content-Range, as offsets that must all be given.
 std::optional<typQELRange> PieceRange(const typMessage& message) {
   std::optional<std::vector<typQELRange>> parts =
@@ -71,17 +50,6 @@ std::optional<typQELRange> PieceRange(const typMessage& message) {
   const typQELRange& r = parts->front();
   if (r.lngStart < 0 || r.lngEnd < r.lngStart) return std::nullopt;
   return r;
-}
-
-void WriteAt(int fd, const std::string& data, int64_t offset) {
-  size_t put = 0;
-  while (put < data.size()) {
-    const ssize_t n = pwrite(fd, data.data() + put, data.size() - put,
-                             static_cast<off_t>(offset + static_cast<int64_t>(put)));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) throw std::system_error(errno, std::generic_category(), "writing");
-    put += static_cast<size_t>(n);
-  }
 }
 
 }  // namespace
@@ -175,12 +143,7 @@ std::string FetchTable::Start(RoutingNode& node, FetchHost& host, const FetchSet
     AskInfo(*fetch, false);
     if (options.verify) AskInfo(*fetch, true);
   } catch (...) {
-    // Not started after all (a path too long to send): nothing of it stays.
-    fetches_.erase(fetch->id);
-    for (std::string* req : {&fetch->sizeReq, &fetch->hashReq}) {
-      if (!req->empty()) byRequest_.erase(*req);
-    }
-    if (fetch->created) std::filesystem::remove(localPath, ec);
+    Close(*fetch, false);  // not started after all: nothing of it stays
     throw;
   }
   return fetch->id;
@@ -219,26 +182,31 @@ bool FetchTable::OnInfo(const typMessage& message, const std::string& source) {
   Retire(reqID);
   (isHash ? fetch->hashReq : fetch->sizeReq).clear();
   fetch->lastHeard = fetch->lastAnswer = TickCount();
-  std::optional<InfoAnswer> answer = ReadInfo(message.Body);
+  std::optional<typFileInfo> answer = ReadFileInfo(message.Body);
   if (!answer) {
     Finish(fetch, FS_Canceled, fetch->nodeID + " answered with an unreadable file description");
     return true;
   }
-  if (answer->size < 0) {
+  if (answer->lngSize < 0) {
     Finish(fetch, FS_Canceled, "no file " + fetch->remotePath + " shared by " + fetch->nodeID);
     return true;
   }
   if (isHash) {
     // A node with too many hashes waiting answers without one: asked again
     // when the stall time has passed.
-    if (answer->hash.empty() && answer->size > 0) return true;
-    fetch->remoteHash = answer->hash;
+    if (answer->strHash.empty() && answer->lngSize > 0) return true;
+    fetch->remoteHash = answer->strHash;
     fetch->hashKnown = true;
     if (fetch->stage == Stage::Hash) CheckHashes(fetch);
     return true;
   }
   if (fetch->stage != Stage::Size) return true;
-  Plan(*fetch, answer->size);
+  if (!Plan(*fetch, answer->lngSize)) {
+    Finish(fetch, FS_Canceled,
+           "the range asks for nothing " + fetch->remotePath + " has (it holds " +
+               std::to_string(answer->lngSize) + " bytes)");
+    return true;
+  }
   Advance(fetch, true);
   return true;
 }
@@ -257,7 +225,7 @@ void FetchTable::Advance(const FetchPtr& fetch, bool first) {
   Progress(fetch, first);
 }
 
-void FetchTable::Plan(Fetch& fetch, int64_t size) {
+bool FetchTable::Plan(Fetch& fetch, int64_t size) {
   fetch.size = size;
   fetch.stage = Stage::Transfer;
   fetch.quietRounds = 0;
@@ -265,25 +233,18 @@ void FetchTable::Plan(Fetch& fetch, int64_t size) {
   int64_t first = 0, last = size - 1;
   if (o.lngStart >= 0 || o.lngEnd >= 0) {
     std::optional<ByteSpan> span = ServedSpan(MakeRange(o.lngStart, o.lngEnd), size);
-    if (!span) {
-      // Nothing of the file is asked for: an empty plan that never ends is
-      // avoided by planning nothing and failing in Arrived's place.
-      first = 0;
-      last = -1;
-      fetch.finalLength = -1;
-    } else {
-      first = span->first;
-      last = span->last;
-      fetch.localBase = first;
-      fetch.finalLength = last - first + 1;
-    }
+    if (!span) return false;
+    first = span->first;
+    last = span->last;
+    fetch.localBase = first;
+    fetch.finalLength = last - first + 1;
   } else {
     // A local file longer than the remote one is not a part of it.
     if (o.resume && fetch.haveAtStart <= size) first = fetch.haveAtStart;
     fetch.finalLength = size;
   }
-  const int64_t chunk = std::min(fetch.settings.chunkBytes, fetch.settings.windowBytes);
-  fetch.plan.emplace(first, last, chunk, fetch.settings.windowBytes);
+  fetch.plan.emplace(first, last, fetch.settings.chunkBytes, fetch.settings.windowBytes);
+  return true;
 }
 
 void FetchTable::Pump(Fetch& fetch) {
@@ -367,7 +328,7 @@ bool FetchTable::OnPiece(const typMessage& message, const std::string& source,
     return true;
   }
   try {
-    WriteAt(fetch->fd, data, range->lngStart - fetch->localBase);
+    WriteAt(fetch->fd, data, range->lngStart - fetch->localBase, "writing");
   } catch (const std::exception& e) {
     Finish(fetch, FS_Canceled, "cannot write " + fetch->localPath + ": " + e.what());
     return true;
@@ -393,12 +354,6 @@ void FetchTable::Progress(const FetchPtr& fetch, bool force) {
 }
 
 void FetchTable::Arrived(const FetchPtr& fetch) {
-  if (fetch->finalLength < 0) {
-    Finish(fetch, FS_Canceled,
-           "the range asks for nothing " + fetch->remotePath + " has (it holds " +
-               std::to_string(fetch->size) + " bytes)");
-    return;
-  }
   if (ftruncate(fetch->fd, static_cast<off_t>(fetch->finalLength)) != 0) {
     Finish(fetch, FS_Canceled,
            "cannot write " + fetch->localPath + ": " + std::generic_category().message(errno));
@@ -524,28 +479,33 @@ void FetchTable::Stalled(const FetchPtr& fetch) {
   AskAgain(fetch);
 }
 
-void FetchTable::Finish(const FetchPtr& fetch, enmFileStatus status, std::string reason) {
-  if (!fetches_.erase(fetch->id)) return;
-  StopAsks(*fetch);
-  for (std::string* req : {&fetch->sizeReq, &fetch->hashReq}) {
+bool FetchTable::Close(Fetch& fetch, bool complete) {
+  if (!fetches_.erase(fetch.id)) return false;
+  StopAsks(fetch);
+  for (std::string* req : {&fetch.sizeReq, &fetch.hashReq}) {
     if (!req->empty()) Retire(*req);
   }
   // Pieces land out of order: a whole file that ends early keeps only what
   // arrived without a gap, so the file's length is what a resume can trust.
-  const bool whole = fetch->options.lngStart < 0 && fetch->options.lngEnd < 0;
-  if (status != FS_Complete && whole && fetch->plan && fetch->fd >= 0 && fetch->written > 0) {
-    if (ftruncate(fetch->fd, static_cast<off_t>(fetch->plan->HeldUpTo())) != 0) {
+  const bool whole = fetch.options.lngStart < 0 && fetch.options.lngEnd < 0;
+  if (!complete && whole && fetch.plan && fetch.fd >= 0 && fetch.written > 0) {
+    if (ftruncate(fetch.fd, static_cast<off_t>(fetch.plan->HeldUpTo())) != 0) {
       // The fetch fails anyway; its reason says why, and a verified resume
       // would catch what stayed.
     }
   }
-  if (fetch->fd >= 0) close(fetch->fd);
-  fetch->fd = -1;
-  if (status != FS_Complete && fetch->created && fetch->written == 0) {
+  if (fetch.fd >= 0) close(fetch.fd);
+  fetch.fd = -1;
+  if (!complete && fetch.created && fetch.written == 0) {
     std::error_code ignored;
-    std::filesystem::remove(fetch->localPath, ignored);
+    std::filesystem::remove(fetch.localPath, ignored);
   }
   if (fetches_.empty() && tick_) tick_->Enable(false);
+  return true;
+}
+
+void FetchTable::Finish(const FetchPtr& fetch, enmFileStatus status, std::string reason) {
+  if (!Close(*fetch, status == FS_Complete)) return;
   if (status == FS_Complete && host_) {
     host_->FetchProgress(fetch->id, fetch->plan->Length(), fetch->plan->Length());
     if (!Node()) return;

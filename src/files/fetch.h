@@ -84,7 +84,9 @@ class FetchTable {
   RoutingNode* Node() const;
   FetchPtr Find(const std::string& fetchID) const;
   void AskInfo(Fetch& fetch, bool hash);
-  void Plan(Fetch& fetch, int64_t size);
+  // Plans the bytes to fetch once the file's size is known; false when the
+  // range asks for nothing the file has.
+  bool Plan(Fetch& fetch, int64_t size);
   void Pump(Fetch& fetch);
   // After the plan moved: ends a complete fetch, else asks for more and
   // reports progress (always for the first report).
@@ -104,6 +106,9 @@ class FetchTable {
   void CheckHashes(const FetchPtr& fetch);
   // The local file's MD5 (or why it could not be read) against the remote.
   void Compare(const FetchPtr& fetch, const std::string& local, const std::string& fault);
+  // Takes a fetch out of the table, stops its requests and leaves the local
+  // file as the outcome wants it; false when it was not in the table.
+  bool Close(Fetch& fetch, bool complete);
   // Ends a fetch and raises FetchFinished; the table may change meanwhile,
   // so callers return right after.
   void Finish(const FetchPtr& fetch, enmFileStatus status, std::string reason);

@@ -81,15 +81,8 @@ void clsFileIO2::writeChunk(std::string_view dataChunk) {
     throw std::system_error(std::make_error_code(std::errc::file_too_large),
                             "writeChunk: past the largest position");
   }
-  size_t put = 0;
-  while (put < dataChunk.size()) {
-    const ssize_t n = pwrite(fd_, dataChunk.data() + put, dataChunk.size() - put,
-                             static_cast<off_t>(pos_ - 1 + static_cast<int64_t>(put)));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) ThrowErrno("writeChunk");
-    put += static_cast<size_t>(n);
-  }
-  pos_ += static_cast<int64_t>(put);
+  WriteAt(fd_, dataChunk, pos_ - 1, "writeChunk");
+  pos_ += static_cast<int64_t>(dataChunk.size());
 }
 
 void clsFileIO2::closeFile() {

@@ -46,6 +46,17 @@ size_t ReadAt(int fd, char* out, size_t size, int64_t offset, const char* what) 
   return got;
 }
 
+void WriteAt(int fd, std::string_view data, int64_t offset, const char* what) {
+  size_t put = 0;
+  while (put < data.size()) {
+    const ssize_t n = pwrite(fd, data.data() + put, data.size() - put,
+                             static_cast<off_t>(offset + static_cast<int64_t>(put)));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw std::system_error(errno, std::generic_category(), what);
+    put += static_cast<size_t>(n);
+  }
+}
+
 ClosingFd::~ClosingFd() {
   if (fd >= 0) close(fd);
 }

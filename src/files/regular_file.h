@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace qel {
 
@@ -17,6 +18,10 @@ int OpenRegularFile(const std::string& path, int flags);
 // fewer come back only at the end of the file. Throws std::system_error
 // naming what on a read error.
 size_t ReadAt(int fd, char* out, size_t size, int64_t offset, const char* what);
+
+// Writes all of data to fd at offset, retrying short writes. Throws
+// std::system_error naming what when a write fails.
+void WriteAt(int fd, std::string_view data, int64_t offset, const char* what);
 
 // Closes fd when it goes out of scope.
 struct ClosingFd {

@@ -231,20 +231,24 @@ void OnGetFileInfo(RoutingNode& node, FileSharing& files, const typMessage& mess
 void OnFileInfo(FileSharing& files, const typMessage& message) {
   FileInfoSlot* slot = files.FileInfos.Find(ReqID(message));
   if (!slot) return;
-  cSettings body = LoadBody(message.Body);
   // An answer without a size we can read ends the wait, but says nothing:
   // taking it for an empty file would be a lie.
   slot->done = true;
-  try {
-    const int64_t size = body.GetSetting("FileSize", Variant("")).toInt64();
-    if (size < -1) return;
-    slot->info = {size, body.GetSetting("Hash", Variant("")).toString(), true};
-  } catch (...) {
-    // No size, one beyond 64 bits, or not a number.
-  }
+  if (std::optional<typFileInfo> info = ReadFileInfo(message.Body)) slot->info = *info;
 }
 
 }  // namespace
+
+std::optional<typFileInfo> ReadFileInfo(const std::string& body) {
+  cSettings document = LoadBody(body);
+  try {
+    const int64_t size = document.GetSetting("FileSize", Variant("")).toInt64();
+    if (size < -1) return std::nullopt;
+    return typFileInfo{size, document.GetSetting("Hash", Variant("")).toString(), true};
+  } catch (...) {
+    return std::nullopt;  // no size, one beyond 64 bits, or not a number
+  }
+}
 
 size_t PendingHashJobs() {
   return pendingHashJobs;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -91,6 +92,10 @@ std::vector<typSearchResult> AskSearch(RoutingNode& node, FileSharing& files, en
 // not answered.
 typFileInfo AskFileInfo(RoutingNode& node, FileSharing& files, std::string path,
                         const std::string& nodeID, bool skipHash);
+
+// What a FILEINFO body says, isAnswered set; nullopt when it gives no size
+// that reads as one (a number of -1 or more, -1 being no such file).
+std::optional<typFileInfo> ReadFileInfo(const std::string& body);
 
 // The messages, not yet stamped.
 typMessage MakeGetContents(const std::string& path, const std::string& nodeID,

@@ -49,15 +49,13 @@ struct Serving {
   int32_t link = 0;
   uint64_t linkGeneration = 0;
 
+  // However the transfer ends, it leaves the table of served transfers
+  // (while the node lives), unless a later GET with the same key took the
+  // entry over.
   ~Serving() {
     if (fd >= 0) close(fd);
-  }
-
-  // Leaves the table of served transfers (while the node lives), unless a
-  // later GET with the same key took the entry over.
-  void Unlist() {
-    auto owner = this->owner.lock();
-    if (!owner || !owner->Alive()) return;
+    auto node = owner.lock();
+    if (!files || !node || !node->Alive()) return;
     auto it = files->Served.find(ServedKey(asker, reqID));
     if (it != files->Served.end() && it->second == cancelled) files->Served.erase(it);
   }
@@ -81,7 +79,6 @@ void SendPieces(const std::shared_ptr<Serving>& job) {
   auto& connections = Connections::Get();
   if (job->link > 0 && (!connections.IsConnected(job->link) ||
                         connections.At(job->link).generation != job->linkGeneration)) {
-    job->Unlist();
     return;
   }
   try {
@@ -98,12 +95,10 @@ void SendPieces(const std::shared_ptr<Serving>& job) {
                                  : job->next > job->last || shrank;
     enmFileStatus status = done ? FS_Complete : FS_Transferring;
     if (shrank || *job->cancelled) status = FS_Canceled;
-    if (status != FS_Transferring) job->Unlist();
     SendFilePiece(node, job->asker, ContentRangeText(first, first + got - 1, job->size),
                   std::move(data), job->reqID, status, "");
     if (status == FS_Transferring) Continue(node, job);
   } catch (...) {
-    job->Unlist();
     ReportCurrentFault(node);
   }
 }

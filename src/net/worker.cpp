@@ -11,13 +11,9 @@
 namespace qel {
 namespace {
 
+// The loop holds work of its own for the life of the process, so a job
+// waiting here never lets it run dry.
 using Work = std::function<std::function<void()>()>;
-using WorkGuard = asio::executor_work_guard<asio::io_context::executor_type>;
-
-struct Job {
-  Work work;
-  WorkGuard pending;  // held from the call until the result is posted
-};
 
 class Worker {
  public:
@@ -32,7 +28,7 @@ class Worker {
     if (thread_.joinable()) thread_.join();
   }
 
-  void Add(Job job) {
+  void Add(Work job) {
     std::lock_guard lock(mutex_);
     if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
     jobs_.push_back(std::move(job));
@@ -45,29 +41,28 @@ class Worker {
       std::unique_lock lock(mutex_);
       wake_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
       if (stopping_) return;
-      Job job = std::move(jobs_.front());
+      Work work = std::move(jobs_.front());
       jobs_.pop_front();
       lock.unlock();
 
       std::function<void()> then;
       try {
-        then = job.work();
+        then = work();
       } catch (...) {
         then = nullptr;
       }
       // The work goes back with its result, so whatever it captured is
       // released on the loop thread too.
-      asio::post(IoContext(), [work = std::move(job.work), then = std::move(then)]() mutable {
+      asio::post(IoContext(), [work = std::move(work), then = std::move(then)]() mutable {
         if (then) then();
         work = nullptr;
       });
-      job.pending.reset();  // after the post, which is work of its own
     }
   }
 
   std::mutex mutex_;
   std::condition_variable wake_;
-  std::deque<Job> jobs_;
+  std::deque<Work> jobs_;
   bool stopping_ = false;
   std::thread thread_;  // last: started once the members above exist
 };
@@ -80,7 +75,7 @@ Worker& TheWorker() {
 }  // namespace
 
 void RunOffLoop(std::function<std::function<void()>()> work) {
-  TheWorker().Add({std::move(work), asio::make_work_guard(IoContext())});
+  TheWorker().Add(std::move(work));
 }
 
 }  // namespace qel

@@ -172,6 +172,21 @@ CommandResult Share(Session& s, const Args& args) {
   return {};
 }
 
+// GetFileInfo, and how long it waited: the console does not know the node's
+// Timeout, and that number is the same one, and what a person can act on.
+qel::typFileInfo TimedFileInfo(Session& s, const std::string& path, const std::string& nodeID,
+                               bool skipHash, std::chrono::milliseconds& waited) {
+  const auto asked = std::chrono::steady_clock::now();
+  qel::typFileInfo info = s.node.GetFileInfo(path, nodeID, skipHash);
+  waited = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 asked);
+  return info;
+}
+
+std::string NoAnswer(const std::string& nodeID, std::chrono::milliseconds waited) {
+  return "no answer from " + nodeID + " within " + std::to_string(waited.count()) + " ms";
+}
+
 CommandResult Ls(Session& s, const Args& args) {
   const bool recursive = args.size() > 2;
   if (recursive && args[2] != "recursive")
@@ -188,11 +203,7 @@ CommandResult Ls(Session& s, const Args& args) {
   std::chrono::milliseconds waited{0};
   ListingQuestions ask;
   ask.fileInfo = [&](const std::string& remotePath) {
-    const auto asked = std::chrono::steady_clock::now();
-    qel::typFileInfo info = s.node.GetFileInfo(remotePath, nodeID);
-    waited = std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::chrono::steady_clock::now() - asked);
-    return info;
+    return TimedFileInfo(s, remotePath, nodeID, true, waited);
   };
   ask.list = [&](const std::string& folder) {
     std::vector<std::string> entries = s.node.GetContents(folder, nodeID, false);
@@ -217,8 +228,7 @@ CommandResult Ls(Session& s, const Args& args) {
     case EmptyListing::NotSharing:
       return Fail(nodeID + " shares no folders", std::move(paths));
     case EmptyListing::NoAnswer:
-      return Fail("no answer from " + nodeID + " within " + std::to_string(waited.count()) + " ms",
-                  std::move(paths));
+      return Fail(NoAnswer(nodeID, waited), std::move(paths));
     case EmptyListing::Refused:
       return Fail("a path holding ..\\ leaves the shares: nothing was asked", std::move(paths));
   }
@@ -245,14 +255,10 @@ CommandResult Search(Session& s, const Args& args) {
 CommandResult FileInfo(Session& s, const Args& args) {
   const bool hash = args.size() > 2;
   if (hash && args[2] != "hash") throw UsageError("expected 'hash', got '" + args[2] + "'");
-  const auto asked = std::chrono::steady_clock::now();
-  const qel::typFileInfo info = s.node.GetFileInfo(args[1], args[0], !hash);
+  std::chrono::milliseconds waited{0};
+  const qel::typFileInfo info = TimedFileInfo(s, args[1], args[0], !hash, waited);
   if (!info.isAnswered) {
-    // The console does not know the node's Timeout; how long it waited is
-    // the same number, and what the person can act on.
-    const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::chrono::steady_clock::now() - asked);
-    return Fail("no answer from " + args[0] + " within " + std::to_string(waited.count()) + " ms" +
+    return Fail(NoAnswer(args[0], waited) +
                 (hash ? " (a hash of a large file may need more: --set Timeout=MS)" : ""));
   }
   Json value = {{"lngSize", info.lngSize}, {"strHash", info.strHash}};
