@@ -1,5 +1,5 @@
 // Fetches between `qel node --json` processes, C from A through the relay B,
-// while one of them is paused, killed or told to stop a fetch.
+// while one of them is paused or killed.
 #include "node_process.h"
 
 #include <signal.h>
@@ -200,43 +200,6 @@ TEST_F(TransferProcessTest, RelayKilledAndRestartedMidFetchTheFetchEndsWhole) {
     EXPECT_LT(took, std::chrono::seconds(kStallSeconds * (kRetries + 1) + kRedialSeconds + 10));
   }
   EXPECT_EQ(result["ok"], true) << result << "\nC:\n" << c.Output() << "\nA:\n" << a_->Output();
-}
-
-// One of two fetches from the same node is stopped by the start of its
-// identifier while its pieces are on their way; the other, whose pieces
-// cross them, goes on to the end.
-TEST_F(TransferProcessTest, CancelledFetchStopsAndTheOtherEndsWhole) {
-  // Each fetch reports as soon as it knows the size and has asked for its
-  // first pieces: the large first one is far from done when it is stopped.
-  const size_t size = kSanitized ? 32 << 20 : 128 << 20;
-  const std::string first = Share("first", size, 3), second = Share("second", size / 32, 4);
-  StartEnds({});
-  ASSERT_EQ(c_->Command("connect " + StartRelay())["ok"], true);
-  NodeProcess& c = *c_;
-
-  c.Send("get " + ra_.id + " " + first + " " + Got("first"));
-  const std::string firstID = c.WaitEvent("Progress")["ReqID"];
-  c.Send("get " + ra_.id + " " + second + " " + Got("second"));
-  const std::string secondID =
-      c.WaitEvent("Progress", [&](const json& l) { return l["ReqID"] != firstID; })["ReqID"];
-  ASSERT_NE(secondID, "");
-  const json cancel = c.Command("cancel " + firstID.substr(0, 8));
-  ASSERT_EQ(cancel["ok"], true) << cancel;
-  EXPECT_EQ(cancel["value"], firstID);
-
-  const auto resultOf = [&](const std::string& id) {
-    return c.WaitFor([&](const json& l) { return IsResult(l) && l["value"]["ReqID"] == id; },
-                     std::chrono::seconds(60));
-  };
-  const json stopped = resultOf(firstID);
-  EXPECT_EQ(json::array({stopped["ok"], stopped["value"]["FileStatus"], stopped["error"]}),
-            json::array({false, 2, "cancelled"}));
-  EXPECT_LT(stopped["value"]["bytes"].get<int64_t>(), static_cast<int64_t>(size));
-  const json ended = resultOf(secondID);
-  ASSERT_EQ(ended["ok"], true) << ended;
-  EXPECT_EQ(ended["value"]["bytes"], size / 32);
-  EXPECT_EQ(Difference(Got("second"), Source("second")), "");
-  EXPECT_EQ(c.Command("cancel " + firstID.substr(0, 8))["ok"], false) << "it is over";
 }
 
 }  // namespace
