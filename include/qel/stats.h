@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include <qel/export.h>
 
@@ -31,6 +32,12 @@ class QEL_API cQELStats {
   // Cancels of file transfers that a node ignored: they named no transfer
   // it serves to the node that sent them (only the asker may cancel).
   int32_t IgnoredCancels() const;
+  // What the nodes refused because a peer asked for more than their limits
+  // allow, by reason: "memory", "connections", "stall", "dup-window", "rpc",
+  // "serving", "search", "node-cache", "users", "future-stamp". An unknown
+  // reason counts 0.
+  static std::vector<std::string> RefusalReasons();
+  int64_t Refused(const std::string& reason) const;
 };
 
 }  // namespace qel

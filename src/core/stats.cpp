@@ -4,6 +4,24 @@
 #include <limits>
 
 namespace qel {
+
+std::string_view RefusalName(Refusal reason) {
+  switch (reason) {
+    case Refusal::Memory: return "memory";
+    case Refusal::Connections: return "connections";
+    case Refusal::Stall: return "stall";
+    case Refusal::DupWindow: return "dup-window";
+    case Refusal::RpcCalls: return "rpc";
+    case Refusal::Serving: return "serving";
+    case Refusal::SearchResults: return "search";
+    case Refusal::NodeCache: return "node-cache";
+    case Refusal::UserValues: return "users";
+    case Refusal::FutureStamp: return "future-stamp";
+    case Refusal::kCount: break;
+  }
+  return "";
+}
+
 namespace {
 
 // Moves acc * factor into rate when it fits 32 bits.

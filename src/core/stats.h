@@ -1,9 +1,28 @@
 // Traffic counters of the whole process and the rates computed from them.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <string_view>
 
 namespace qel {
+
+// What a node refused because a peer (or its host) asked for more than the
+// node's limits allow. The names are part of the public statistics.
+enum class Refusal : uint8_t {
+  Memory,        // a connection held more than its share of memoryBudget
+  Connections,   // maxConnections were open
+  Stall,         // a sender stopped in the middle of a message
+  DupWindow,     // the duplicate window's cap pushed IDs out early
+  RpcCalls,      // RPC calls past the pending caps
+  Serving,       // file transfers past the serving caps
+  SearchResults, // search answers past their cap
+  NodeCache,     // node entries or values past their caps
+  UserValues,    // user records too large or too many
+  FutureStamp,   // user records stamped too far ahead
+  kCount
+};
+std::string_view RefusalName(Refusal reason);
 
 struct Stats {
   // Accumulated between ticks. Wider than the 32-bit figures the host reads,
@@ -31,6 +50,10 @@ struct Stats {
   // GETFILEINFO hash requests answered without a hash because too many
   // hashes were waiting already.
   int64_t FileInfosWithoutHash = 0;
+  // Refusals by reason (see Refusal).
+  std::array<int64_t, static_cast<size_t>(Refusal::kCount)> Refusals{};
+
+  void Refused(Refusal reason) { ++Refusals[static_cast<size_t>(reason)]; }
 
   // Turns the accumulators into per-second rates for a tick of intervalMs.
   // Returns false when a rate overflowed 32 bits: the rates before it are

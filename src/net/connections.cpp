@@ -360,6 +360,7 @@ void Connections::OnAccept(size_t listener, std::unique_ptr<Socket> socket) {
   if (!owner) return;
   std::string source = socket->RemoteHost();
   if (OpenCount(*owner) >= entry.limits.maxConnections) {
+    TheStats().Refused(Refusal::Connections);
     // Refused before the host is asked; said once until one is accepted again.
     if (!entry.refusing) {
       entry.refusing = true;
@@ -486,6 +487,7 @@ void Connections::SweepStalled() {
     if (now - c.lastByteTick < c.limits.stallTimeoutMs) continue;
     // A sender that stops in the middle of a message holds a descriptor and
     // a buffer for nothing: the slowloris pattern.
+    TheStats().Refused(Refusal::Stall);
     CloseWithFault(i, c.generation,
                    "Connection to " + PeerOf(c) + " closed: nothing received for " +
                        std::to_string(c.limits.stallTimeoutMs) + " ms in the middle of a message");
@@ -521,6 +523,7 @@ void Connections::CheckBudget(int32_t index, size_t incoming) {
     if (total <= static_cast<size_t>(budget) || largest == 0) return;
     Connection& victim = *conns_[largest];
     victim.backlogFull = true;
+    TheStats().Refused(Refusal::Memory);
     // It closes on the next turn of the loop; what it holds goes now, or a
     // burst of writes would pile up behind every victim of this turn.
     victim.sck->DiscardQueued();

@@ -51,4 +51,19 @@ int32_t cQELStats::IgnoredCancels() const {
   return Saturate(Figures().IgnoredCancels);
 }
 
+std::vector<std::string> cQELStats::RefusalReasons() {
+  std::vector<std::string> names;
+  for (size_t i = 0; i < static_cast<size_t>(Refusal::kCount); ++i) {
+    names.emplace_back(RefusalName(static_cast<Refusal>(i)));
+  }
+  return names;
+}
+
+int64_t cQELStats::Refused(const std::string& reason) const {
+  for (size_t i = 0; i < static_cast<size_t>(Refusal::kCount); ++i) {
+    if (RefusalName(static_cast<Refusal>(i)) == reason) return Figures().Refusals[i];
+  }
+  return 0;
+}
+
 }  // namespace qel

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "core/stats.h"
+
 namespace qel {
 
 struct RoutingNode;
@@ -10,6 +12,11 @@ struct RoutingNode;
 // Writes a debug line (with " [NodeID: id]" when nodeID is given) and raises
 // the node's Error event.
 void ReportError(RoutingNode& node, std::string strMessage, std::string nodeID = {});
+
+// Counts a refusal and reports it, at most once a minute for each reason
+// and node, so a flood of refused requests is said once, not once each.
+void ReportRefusal(RoutingNode& node, Refusal reason, std::string strMessage,
+                   std::string nodeID = {});
 
 // Reports the exception being handled (call from inside a catch block).
 void ReportCurrentFault(RoutingNode& node);

@@ -3,11 +3,13 @@
 // which the node layer above hears what routing has for the host.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
 
 #include <qel/types.h>
 
+#include "core/stats.h"
 #include "net/link_owner.h"
 #include "routing/node_entry.h"
 #include "routing/packet_cache.h"
@@ -62,6 +64,9 @@ struct RoutingNode : LinkOwner {
   NodeTable NodeCache;
   // INFO messages taken into NodeCache so far.
   uint64_t InfoCount = 0;
+
+  // When each kind of refusal was last reported (TickCount; 0: never).
+  std::array<int64_t, static_cast<size_t>(Refusal::kCount)> RefusalSaidAt{};
 
   // Connection flags, kept by the node layer from the table's reports.
   bool Listening = false;

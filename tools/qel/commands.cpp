@@ -150,6 +150,10 @@ CommandResult Role(Session& s, const Args& args) {
 
 CommandResult Stats(Session&, const Args&) {
   qel::cQELStats stats;
+  Json refused = Json::object();
+  for (const std::string& reason : qel::cQELStats::RefusalReasons()) {
+    refused[reason] = stats.Refused(reason);
+  }
   return {true,
           {{"InByteSpeed", stats.InByteSpeed()},
            {"OutByteSpeed", stats.OutByteSpeed()},
@@ -160,7 +164,8 @@ CommandResult Stats(Session&, const Args&) {
            {"QELVersion", stats.QELVersion()},
            {"AvgCompression", stats.AvgCompression()},
            {"ResendWindowCuts", stats.ResendWindowCuts()},
-           {"IgnoredCancels", stats.IgnoredCancels()}},
+           {"IgnoredCancels", stats.IgnoredCancels()},
+           {"Refused", refused}},
           ""};
 }
 
