@@ -76,20 +76,10 @@ void WriteUser(cSettings& list, const std::string& userName, const std::string& 
                const std::string& authority, const std::string& updated) {
   list.SaveSetting("Password", password, userName);
   list.SaveSetting("Authority", authority, userName);
-  list.SaveSetting("Updated",
-                   updated.empty() ? WriteStamp(std::chrono::floor<std::chrono::seconds>(
-                                         std::chrono::system_clock::now()))
-                                   : updated,
-                   userName);
+  list.SaveSetting("Updated", updated, userName);
 }
 
 }  // namespace
-
-bool UserFits(cSettings& list, const std::string& userName, const std::string& password,
-              const std::string& authority, const std::string& updated) {
-  return ValuesFit(userName, password, authority, updated) &&
-         ListSize(list).Take(list, userName, RecordBytes(userName, password, authority, updated));
-}
 
 void SetUser(cSettings& list, const std::string& userName, const std::string& password,
              const std::string& authority, const std::string& updated) {
@@ -102,12 +92,16 @@ void SetUser(cSettings& list, const std::string& userName, const std::string& pa
                    "A user's name, password, authority and stamp hold at most " +
                        std::to_string(kMaxUserValue) + " bytes each");
   }
-  if (!UserFits(list, userName, password, authority, updated.empty() ? "now" : updated)) {
+  const std::string stamp =
+      updated.empty()
+          ? WriteStamp(std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()))
+          : updated;
+  if (!ListSize(list).Take(list, userName, RecordBytes(userName, password, authority, stamp))) {
     throw QelError(errors::kOverflow, "SetUser",
                    "The user list holds at most " + std::to_string(kMaxUsers) + " users and " +
                        std::to_string(kMaxUserListBytes) + " bytes of text");
   }
-  WriteUser(list, userName, password, authority, updated);
+  WriteUser(list, userName, password, authority, stamp);
 }
 
 void MergeUserList(cSettings& list, cSettings& received, Stamp now, MergeRefusals& refused) {

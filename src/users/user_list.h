@@ -21,17 +21,12 @@ inline constexpr size_t kMaxUserListBytes = 256 * 1024;  // of its text
 // stamped years ahead would beat every later change.
 inline constexpr std::chrono::hours kMaxStampAhead{24};
 
-// Whether list can take the record within the caps (replacing the user's
-// record when it holds one). Measures the whole list.
-bool UserFits(cSettings& list, const std::string& userName, const std::string& password,
-              const std::string& authority, const std::string& updated);
-
 // Writes a user's record (Password, Authority, Updated) into list; an empty
 // stamp means now. A name that is empty, holds "<" or ">" or starts with
 // "/", or a value holding "</", would not read back from the list's text:
 // QelError 5. A value longer than kMaxUserValue, or a record that would
 // take the list past kMaxUsers or kMaxUserListBytes: QelError 6 saying
-// which. Nothing is written then.
+// which. Nothing is written then. Measures the whole list.
 void SetUser(cSettings& list, const std::string& userName, const std::string& password,
              const std::string& authority, const std::string& updated = {});
 
