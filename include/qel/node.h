@@ -175,7 +175,9 @@ class QEL_API cQEL {
   // Sets a user here and tells every node. user_Remove leaves the user here
   // with an empty password and a fresh stamp; the other nodes empty the
   // record. A node takes an update only from a node it has information on
-  // (GetNodeInfo); otherwise it reports the fault through Error.
+  // (GetNodeInfo); otherwise it reports the fault through Error. A value
+  // longer than 4096 bytes, or a list past 1024 users or 256 KiB of text,
+  // is reported through Error (6, saying which) and nothing is sent.
   void updateUser(const std::string& userName, const std::string& Password = "",
                   enmUserOp Operation = user_Update);
   // Asks every node to check the password and takes the first answer, within

@@ -23,8 +23,8 @@ class QEL_API cQELRPC {
       RemoteProcCall;
   // An answer arrived to a call made through a name bound RPC_RETURN: the
   // name as bound, the result ("RPC_UNBOUND" when the callee has no binding
-  // for it), the call's request identifier and the node it was sent to
-  // ("BROADCAST" for a call to every node, which takes every answer).
+  // for it), the call's request identifier and the node that answered (a
+  // call to "BROADCAST" takes every answer, each naming its node).
   std::function<void(std::string& ProcName, std::string& Params, std::string& ReqID,
                      std::string& nodeID)>
       RemoteProcReturn;

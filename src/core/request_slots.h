@@ -48,6 +48,11 @@ class RequestSlots {
     return answer;
   }
 
+  // The oldest slot's identifier and answer; nullptr when there is none.
+  const std::pair<std::string, Answer>* Oldest() const {
+    return order_.empty() ? nullptr : &order_.front();
+  }
+
   size_t size() const { return order_.size(); }
 
  private:

@@ -10,6 +10,7 @@
 #include "net/event_loop.h"
 #include "net/local_address.h"
 #include "routing/outgoing.h"
+#include "routing/report.h"
 #include "routing/routing_node.h"
 
 namespace qel {
@@ -30,14 +31,27 @@ std::string ReadText(cSettings& body, const char* key) {
 }
 
 // Peers choose what they announce and the IDs they announce it under; the
-// node cache bounds how many entries it keeps and this bounds each value, so
-// the cache's size has a bound too.
-constexpr size_t kMaxInfoValue = 4096;
+// node cache bounds how many entries it keeps and this bounds an entry's ID
+// and values together, so the cache's size has a bound too.
+constexpr size_t kMaxInfoBytes = 4096;
 
-std::string Capped(std::string value) {
-  // substr, not resize: a long value must not keep its memory.
-  return value.size() > kMaxInfoValue ? value.substr(0, kMaxInfoValue) : value;
-}
+// What an INFO may still add to its entry.
+struct InfoRoom {
+  size_t left = kMaxInfoBytes;
+  bool cut = false;
+
+  std::string Take(std::string value) {
+    if (value.size() <= left) {
+      left -= value.size();
+      return value;
+    }
+    cut = true;
+    // substr, not resize: a long value must not keep its memory.
+    std::string kept = value.substr(0, left);
+    left = 0;
+    return kept;
+  }
+};
 
 // Nodes learned from INFO messages by any node of the process; position 0
 // is unused.
@@ -200,7 +214,8 @@ void OnWhois(RoutingNode& node, const typMessage& message) {
 }
 
 void OnInfo(RoutingNode& node, const typMessage& message, int32_t conn) {
-  const std::string sender = Capped(GetSingleField(message.Fields, "Source"));
+  InfoRoom room;
+  const std::string sender = room.Take(GetSingleField(message.Fields, "Source"));
   const int32_t index = node.NodeCache.FindOrAdd(sender);
   cSettings body;
   try {
@@ -210,21 +225,22 @@ void OnInfo(RoutingNode& node, const typMessage& message, int32_t conn) {
   }
   NodeEntry& entry = node.NodeCache[index];
   entry.ID = sender;
-  entry.Name = Capped(ReadText(body, "Name"));
-  entry.Descriptor = Capped(ReadText(body, "Descriptor"));
-  entry.Address = Capped(ReadText(body, "Address"));
+  // What a node needs to reach and read the other first, what it shows last.
+  entry.Address = room.Take(ReadText(body, "Address"));
+  entry.EncryptionKey = room.Take(ReadText(body, "Encryption-Key"));
+  entry.Name = room.Take(ReadText(body, "Name"));
+  entry.activeUser = room.Take(ReadText(body, "Active-User"));
+  entry.Descriptor = room.Take(ReadText(body, "Descriptor"));
   try {
     entry.Role = static_cast<enmRole>(Variant(ReadText(body, "Role")).toInt32());
   } catch (...) {
     entry.Role = role_Peer;
   }
-  entry.EncryptionKey = Capped(ReadText(body, "Encryption-Key"));
   try {
     entry.sharingFiles = Variant(ReadText(body, "Sharing-Files")).toBool();
   } catch (...) {
     entry.sharingFiles = false;
   }
-  entry.activeUser = Capped(ReadText(body, "Active-User"));
   entry.directConn = GetSingleField(message.Fields, "Hops") == "0";
   entry.InfoSerial = ++node.InfoCount;
   auto& connections = Connections::Get();
@@ -241,6 +257,11 @@ void OnInfo(RoutingNode& node, const typMessage& message, int32_t conn) {
     entry.Address = c.Address;
   }
   RememberKnownNode(entry);
+  if (room.cut) {
+    ReportRefusal(node, Refusal::NodeCache,
+                  "INFO: values past " + std::to_string(kMaxInfoBytes) + " bytes in all cut",
+                  sender);
+  }
 }
 
 void OnPing(RoutingNode& node, const typMessage& message) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,21 +18,39 @@ namespace qel {
 
 struct RoutingNode;
 
-// Calls waiting for an answer, by request identifier: for an incoming
-// binding the caller, for a return binding the node called (or
-// "BROADCAST"). Peers choose how many calls they make and hosts may never
-// answer, so past the limit the oldest call is dropped unanswered.
-using PendingCalls = RequestSlots<std::string, 65536>;
+// A call waiting for an answer: for an incoming binding the caller, for a
+// return binding the node called (or "BROADCAST"); Serial orders the calls
+// of all bindings, oldest first.
+struct PendingCall {
+  std::string NodeID;
+  uint64_t Serial = 0;
+};
+
+// Calls waiting for an answer, by request identifier. Peers choose how many
+// calls they make and hosts may never answer, so past the limit the oldest
+// call is dropped unanswered.
+using PendingCalls = RequestSlots<PendingCall, 65536>;
+
+// The longest request identifier a node takes in a call. Its own are 32
+// characters; a peer's is kept while the call waits.
+inline constexpr size_t kMaxRpcReqID = 256;
 
 struct RpcBinding {
   std::string ProcName;
   enmRPCType ReqType = RPC_INCOMING;
   std::shared_ptr<cQELRPC> Handle;
   PendingCalls Pending;
+  // What Pending holds (see PendingCallBytes). The calls of all bindings
+  // together stay within a quarter of the node's memoryBudget.
+  size_t PendingBytes = 0;
 };
 
 // In binding order: lookups take the first match.
 using RpcBindings = std::vector<RpcBinding>;
+
+// The bytes one waiting call is counted for: its identifiers and the
+// tables' own overhead.
+size_t PendingCallBytes(const std::string& reqID, const std::string& nodeID);
 
 // The first binding of name (ignoring case) and type; -1 when none.
 int32_t FindBinding(const RpcBindings& bindings, const std::string& name, enmRPCType type);
@@ -52,7 +71,12 @@ void ReturnRemoteProc(RoutingNode& node, RpcBindings& bindings, const std::strin
 
 // Handles RPC and RPCRETURN for this node from source; false for any other
 // type. A call lacking its name or request identifier, and an answer to no
-// pending call, are dropped.
+// pending call, are dropped. A call whose request identifier is longer than
+// kMaxRpcReqID, or that would not fit the pending calls' share of
+// memoryBudget alone, is refused unanswered; to make room for one that fits,
+// the oldest pending calls of any binding are dropped unanswered. Each is a
+// refusal, reported. An answer to a call made to every node names the node
+// that answered.
 bool HandleRpcMessage(RoutingNode& node, RpcBindings& bindings, const typMessage& message,
                       const std::string& source);
 

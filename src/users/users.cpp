@@ -2,15 +2,25 @@
 
 #include <qel/error.h>
 
+#include <chrono>
+#include <exception>
+
 #include "core/text.h"
 #include "net/event_loop.h"
 #include "routing/discovery.h"
 #include "routing/outgoing.h"
+#include "routing/report.h"
 #include "routing/routing_node.h"
 #include "users/user_list.h"
 
 namespace qel {
 namespace {
+
+std::string UserCapsText(const std::string& type) {
+  return type + ": users refused: a value longer than " + std::to_string(kMaxUserValue) +
+         " bytes, or the list past " + std::to_string(kMaxUsers) + " users or " +
+         std::to_string(kMaxUserListBytes) + " bytes";
+}
 
 void OnUpdateUser(RoutingNode& node, UserState& users, const typMessage& message,
                   const std::string& source) {
@@ -24,7 +34,12 @@ void OnUpdateUser(RoutingNode& node, UserState& users, const typMessage& message
     // information on may set a user here.
     const int32_t at = FindCachedNode(node, source);
     if (at < 0) throw QelError(errors::kSubscriptOutOfRange, "UPDATEUSER", "Subscript out of range");
-    SetUser(users.List, name, password, node.NodeCache[at].Name);
+    try {
+      SetUser(users.List, name, password, node.NodeCache[at].Name);
+    } catch (const QelError& fault) {
+      if (fault.Number != errors::kOverflow) throw;
+      ReportRefusal(node, Refusal::UserValues, UserCapsText("UPDATEUSER"), source);
+    }
   } else if (operation == "REMOVE") {
     // The section stays, empty: the user logs in nowhere but is still listed.
     users.List.DeleteSetting("Password", name);
@@ -33,10 +48,29 @@ void OnUpdateUser(RoutingNode& node, UserState& users, const typMessage& message
   }
 }
 
-void OnUserList(UserState& users, const typMessage& message) {
+void OnUserList(RoutingNode& node, UserState& users, const typMessage& message,
+                const std::string& source) {
   cSettings received;
   received.LoadXML(message.Body);
-  MergeUserList(users.List, received);
+  MergeRefusals refused;
+  // What was refused is reported also when a broken record stops the merge.
+  std::exception_ptr fault;
+  try {
+    MergeUserList(users.List, received,
+                  std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()),
+                  refused);
+  } catch (...) {
+    fault = std::current_exception();
+  }
+  if (refused.tooLarge > 0) {
+    ReportRefusal(node, Refusal::UserValues, UserCapsText("USERLIST"), source);
+  }
+  if (refused.future > 0) {
+    ReportRefusal(node, Refusal::FutureStamp,
+                  "USERLIST: users stamped more than a day ahead of this node's clock refused",
+                  source);
+  }
+  if (fault) std::rethrow_exception(fault);
 }
 
 void OnLogin(RoutingNode& node, UserState& users, const typMessage& message,
@@ -58,7 +92,7 @@ bool HandleUserMessage(RoutingNode& node, UserState& users, const typMessage& me
     typMessage reply = MakeUserList(source, users.List);
     SendPacket(node, reply);
   } else if (type == "USERLIST") {
-    OnUserList(users, message);
+    OnUserList(node, users, message, source);
   } else if (type == "LOGIN") {
     OnLogin(node, users, message, source);
   } else if (type == "LOGINRESULT") {

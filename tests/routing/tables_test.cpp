@@ -9,6 +9,7 @@
 
 #include <qel/settings.h>
 
+#include "core/stats.h"
 #include "node/node_state.h"
 #include "routing/discovery.h"
 #include "routing/node_entry.h"
@@ -55,8 +56,8 @@ TEST(NodeTableTest, KeepsOrderDropsTheOldestAndNeverFindsEmptyIds) {
 }
 
 TEST(DiscoveryTest, InfoValuesAreCutToWhatTheCacheKeeps) {
-  constexpr size_t kCap = 4096;
-  const std::string source(kCap + 1, 'S');
+  constexpr size_t kCap = 4096;  // an entry's ID and values together
+  const std::string source(kCap / 4, 'S');
   cSettings body;
   body.SaveSetting("Name", Variant("short"));
   for (const char* key : {"Descriptor", "Address", "Encryption-Key", "Active-User"}) {
@@ -67,17 +68,17 @@ TEST(DiscoveryTest, InfoValuesAreCutToWhatTheCacheKeeps) {
   info.Body = body.getXML();
 
   auto node = std::make_shared<NodeState>();
+  const int64_t refused = TheStats().Refusals[static_cast<size_t>(Refusal::NodeCache)];
   OnInfo(*node, info, 0);
   ASSERT_EQ(node->NodeCache.size(), 2u);
   const NodeEntry& entry = node->NodeCache[1];
-  EXPECT_EQ(entry.ID, source.substr(0, kCap));
+  EXPECT_EQ(entry.ID, source);
   EXPECT_EQ(node->NodeCache.Find(entry.ID), 1);
-  EXPECT_EQ(entry.Name, "short");
-  for (const std::string* value :
-       {&entry.Descriptor, &entry.Address, &entry.EncryptionKey, &entry.activeUser}) {
-    EXPECT_EQ(value->size(), kCap);
-    EXPECT_LT(value->capacity(), 2 * kCap);  // the cut gives the memory back
-  }
+  // The address comes first; the cut gives the memory back.
+  EXPECT_EQ(entry.Address.size(), kCap - source.size());
+  EXPECT_LT(entry.Address.capacity(), 2 * kCap);
+  EXPECT_EQ(entry.EncryptionKey + entry.Name + entry.activeUser + entry.Descriptor, "");
+  EXPECT_EQ(TheStats().Refusals[static_cast<size_t>(Refusal::NodeCache)], refused + 1);
 }
 
 TEST(PacketCacheTest, HoldsTheLastCapacityIdsCopiesIncluded) {

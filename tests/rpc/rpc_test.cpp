@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "../support/peers.h"
+#include "core/stats.h"
 #include "routing/outgoing.h"
 
 namespace qel::test {
@@ -103,8 +104,9 @@ TEST_F(RpcTest, ACallToEveryNodeTakesEveryAnswer) {
   const std::string id = a.node.callRemoteProc("BROADCAST", "who", "");
   ASSERT_TRUE(Eventually([&] { return returns.events.size() == 2; }));
   std::sort(returns.events.begin(), returns.events.end());
-  std::vector<std::string> expected = {"who " + b.ID() + " " + id + " BROADCAST",
-                                       "who " + c.ID() + " " + id + " BROADCAST"};
+  // Each answer names the node that gave it.
+  std::vector<std::string> expected = {"who " + b.ID() + " " + id + " " + b.ID(),
+                                       "who " + c.ID() + " " + id + " " + c.ID()};
   std::sort(expected.begin(), expected.end());
   EXPECT_EQ(returns.events, expected);
 }
@@ -131,6 +133,35 @@ TEST_F(RpcTest, HandlersMayUnbindDropTheirHandleOrThrow) {
   a.node.callRemoteProc(c.ID(), "p", "");
   ASSERT_TRUE(Eventually([&] { return returns.events.size() == 3; }));
   EXPECT_EQ(returns.events[2].substr(0, 14), "p RPC_UNBOUND ");
+}
+
+// Calls a peer makes and the host never answers are held within a quarter
+// of memoryBudget, the oldest going first; a ReqID past 256 bytes is not
+// taken. Each is counted; the host hears of them once.
+TEST(RpcLimitsTest, WaitingCallsStayWithinTheirShareOfTheBudget) {
+  Peer host{"Host", Settings("memoryBudget=1048576"), true};  // 256 KiB for calls
+  Recorder calls(host.node, "p", RPC_INCOMING);
+  RawPeer raw(host);
+  const int64_t refusals = TheStats().Refusals[static_cast<size_t>(Refusal::RpcCalls)];
+  int sent = 0;
+  auto call = [&](const std::string& reqID) {
+    raw.socket.Send("RPC  QEL/2.1\r\nDestination: " + host.ID() +
+                    "\r\nSource: RAW\r\nName: p\r\nReqID: " + reqID + "\r\nID: CALL" +
+                    std::to_string(++sent) + "\r\nContent-Length: 0\r\n\r\n");
+  };
+  const std::string pad(200, 'r');
+  call(std::string(257, 'L'));
+  for (int i = 0; i < 1000; ++i) call(pad + std::to_string(i));
+  ASSERT_TRUE(Eventually([&] { return calls.events.size() == 1000; }));
+  EXPECT_EQ(calls.events[0], "p  " + pad + "0 RAW");  // the long one never came
+  host.node.returnRemoteProc(pad + "0", "dropped");
+  host.node.returnRemoteProc(pad + "999", "kept");
+  ASSERT_TRUE(Eventually([&] { return raw.answers.contains(pad + "999"); }));
+  EXPECT_FALSE(raw.answers.contains(pad + "0"));
+  ASSERT_EQ(host.errors.size(), 1u);
+  EXPECT_NE(host.errors[0].find("ReqID longer than 256 bytes"), std::string::npos);
+  // One for the long identifier, one for each call that pushed older ones out.
+  EXPECT_GT(TheStats().Refusals[static_cast<size_t>(Refusal::RpcCalls)], refusals + 100);
 }
 
 }  // namespace

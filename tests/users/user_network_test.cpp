@@ -2,6 +2,10 @@
 // and raw peers sending what a node must not take.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+
 #include "../support/peers.h"
 
 namespace qel::test {
@@ -130,6 +134,57 @@ TEST_F(UserNetworkTest, WhatCannotBeTakenIsReportedAndChangesNothing) {
   // b answered none of it, and still works.
   for (const auto& [reqID, answer] : raw.answers) EXPECT_EQ(answer.MsgType, "INFO");
   EXPECT_TRUE(a.node.LoginAs("first", "1"));
+}
+
+// What no node may keep: a 4 MB password, planted by a peer or set by the
+// host, and a record stamped years ahead, which would beat every later
+// change. Each is refused with an Error, and a genuine later record wins.
+TEST_F(UserNetworkTest, OversizedAndFutureRecordsAreRefusedAndLaterOnesStillWin) {
+  RawPeer raw(b);
+  auto send = [&](const std::string& type, const std::string& id, const std::string& body) {
+    raw.socket.Send(type + "  QEL/2.1\r\nDestination: " + b.ID() + "\r\nSource: RAW\r\nID: " +
+                    id + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+                    body);
+  };
+  send("INFO", "RAW1", "");  // b takes updates only from a node it knows
+  ASSERT_TRUE(Eventually([&] { return b.Knows("RAW"); }));
+  const std::string huge(4 << 20, 'p');
+  cSettings update;
+  update.SaveSetting("Operation", Variant("UPDATE"));
+  update.SaveSetting("Name", Variant("big"));
+  update.SaveSetting("Password", Variant(huge));
+  send("UPDATEUSER", "RAW2", update.getXML());
+  send("USERLIST", "RAW3",
+       "<Settings><pinned><Password>evil</Password><Authority>RAW</Authority>"
+       "<Updated>9999-12-31 23:59:59</Updated></pinned></Settings>");
+  auto said = [&](const std::string& text) {
+    return std::ranges::any_of(b.errors,
+                               [&](const std::string& e) { return e.find(text) != e.npos; });
+  };
+  ASSERT_TRUE(Eventually([&] { return said("UPDATEUSER: users refused") && said("day ahead"); }))
+      << testing::PrintToString(b.errors);
+  EXPECT_EQ(Record(b.node, "big"), "-|-|");
+  EXPECT_EQ(Record(b.node, "pinned"), "-|-|");
+
+  // The host hears why, and nothing is sent.
+  a.node.updateUser("big", huge);
+  EXPECT_EQ(a.errors, (std::vector<std::string>{
+                          "Error 6: A user's name, password, authority and stamp hold at most "
+                          "4096 bytes each"}));
+  EXPECT_EQ(Record(a.node, "big"), "-|-|");
+
+  const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+  const std::time_t t = std::chrono::system_clock::to_time_t(now);
+  std::tm local{};
+  localtime_r(&t, &local);
+  char stamp[32];
+  std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+  a.node.setUserXML(std::string("<Settings><pinned><Password>genuine</Password><Authority>Ay"
+                                "</Authority><Updated>") +
+                    stamp + "</Updated></pinned></Settings>");
+  a.node.SyncUserList();
+  ASSERT_TRUE(Eventually([&] { return Record(b.node, "pinned") == "genuine|Ay|"; }));
+  EXPECT_LT(b.node.getUserXML().size(), 1024u);  // what b answers a SYNCUSERS with
 }
 
 }  // namespace

@@ -51,7 +51,9 @@ TEST(UserListTest, MergeTakesLaterRecordsAndStopsAtABrokenOne) {
   SetUser(received, "dan", "d", "there", "not a date");
   received.SaveSetting("Password", "e", "eve");  // no stamp: the merge stops here
   SetUser(received, "fay", "f", "there", "2026-01-01 00:00:00");
-  EXPECT_THROW(MergeUserList(list, received), QelError);
+  MergeRefusals refused;
+  EXPECT_THROW(MergeUserList(list, received, *ReadStamp("2026-06-01 00:00:00"), refused),
+               QelError);
   EXPECT_EQ(Record(list, "ann"), "new|there|1/2/2026 9:00:00 AM|");
   EXPECT_EQ(Record(list, "bob"), "mine|here|2026-01-01 10:00:00|");
   EXPECT_EQ(Record(list, "cat"), "c|there|2026-01-01 00:00:00|");
