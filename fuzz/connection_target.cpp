@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <qel/event_loop.h>
 #include <qel/node.h>
@@ -38,6 +39,20 @@ void Write(const fs::path& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
 }
 
+// The fuzzing process never destroys its node, but leaves no folder behind.
+struct Leftovers {
+  ~Leftovers() {
+    std::error_code ec;
+    for (const fs::path& root : roots) fs::remove_all(root, ec);
+  }
+  std::vector<fs::path> roots;
+};
+
+Leftovers& TheLeftovers() {
+  static Leftovers leftovers;
+  return leftovers;
+}
+
 // What the node shares, made afresh in a temporary folder: files of a few
 // sizes (one empty, one of several pieces), nested folders, and links that
 // lead out of the share to a file and a folder beside it.
@@ -46,6 +61,7 @@ struct ShareOnDisk {
     std::string pattern = (fs::temp_directory_path() / "qel-fuzz-XXXXXX").string();
     if (!mkdtemp(pattern.data())) throw std::runtime_error("no temporary folder for the share");
     root = pattern;
+    TheLeftovers().roots.push_back(root);
     const fs::path share = root / "share";
     fs::create_directories(share / "nested" / "deeper");
     fs::create_directories(root / "outside");
