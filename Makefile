@@ -60,7 +60,7 @@ soak-hosts: setup
 	cmake --build $(BUILD) -j $(JOBS) --target qel_soak
 	$(BUILD)/bin/qel_soak --netns $(SOAK_ARGS)
 
-# Each fuzzer runs FUZZ_SECONDS in turn, then its final coverage is printed;
+# Each fuzzer runs FUZZ_SECONDS in turn, then its final coverage and speed are printed;
 # findings land in $(BUILD_FUZZ)/findings/<target>, logs in $(BUILD_FUZZ).
 FUZZ_TARGETS ?= connection settings
 
@@ -77,7 +77,8 @@ fuzz: setup
 	    > $(BUILD_FUZZ)/fuzz-$$t.log 2>&1 || { failed="$$failed $$t"; tail -n 40 $(BUILD_FUZZ)/fuzz-$$t.log; }; \
 	done; \
 	for t in $(FUZZ_TARGETS); do \
-	  echo "$$t: $$(grep -o 'cov: [0-9]*' $(BUILD_FUZZ)/fuzz-$$t.log | tail -n 1 | cut -d' ' -f2) edges covered"; \
+	  echo "$$t: $$(grep -o 'cov: [0-9]*' $(BUILD_FUZZ)/fuzz-$$t.log | tail -n 1 | cut -d' ' -f2) edges covered," \
+	    "$$(grep -o 'exec/s: [0-9]*' $(BUILD_FUZZ)/fuzz-$$t.log | tail -n 1 | cut -d' ' -f2) runs a second"; \
 	done; \
 	if [ -n "$$failed" ]; then echo "fuzzing found faults in:$$failed"; exit 1; fi
 

@@ -29,14 +29,29 @@ size_t RunSeeds(const std::string& name, const std::function<void(const uint8_t*
 TEST(FuzzCorpusTest, ConnectionSeedsRunCleanAndRelayWholeMessages) {
   ConnectionFuzzer fuzzer;
   size_t relayed = 0;
+  std::string answers;
   EXPECT_GE(RunSeeds("connection",
                      [&](const uint8_t* data, size_t size) {
                        EXPECT_TRUE(fuzzer.Run(data, size));
                        relayed += !fuzzer.Relayed().empty();
+                       answers += fuzzer.Answered();
                      }),
             6u);
   // The target is only worth its time if inputs get as far as the relay.
   EXPECT_GE(relayed, 2u);
+  // ... and as far as every handler that answers a peer: serving a file to
+  // its end and stopping one on its asker's cancel, hashing beside the loop.
+  for (const char* type : {"INFO", "PONG", "CONFIRM", "CONTENTS", "SEARCHMATCH", "FILEINFO", "FILE",
+                           "RPCRETURN", "USERLIST", "LOGINRESULT"}) {
+    EXPECT_NE(answers.find(std::string(type) + "  QEL/2.1\r\n"), std::string::npos) << type;
+  }
+  for (const char* field :
+       {"FileStatus: 1\r\n", "FileStatus: 2\r\n", "Params: OK\r\n", "Params: RPC_UNBOUND\r\n",
+        "Login-Result: OK\r\n", "900150983cd24fb0d6963f7d28e17f72"}) {
+    EXPECT_NE(answers.find(field), std::string::npos) << field;
+  }
+  // The share holds links out of it; nothing behind them is ever served.
+  EXPECT_EQ(answers.find("outside the share"), std::string::npos);
 }
 
 TEST(FuzzCorpusTest, SettingsSeedsRunClean) {

@@ -35,6 +35,11 @@ class Worker {
     wake_.notify_one();
   }
 
+  void Finish() {
+    std::unique_lock lock(mutex_);
+    idle_.wait(lock, [this] { return jobs_.empty() && !busy_; });
+  }
+
  private:
   void Run() {
     for (;;) {
@@ -43,6 +48,7 @@ class Worker {
       if (stopping_) return;
       Work work = std::move(jobs_.front());
       jobs_.pop_front();
+      busy_ = true;
       lock.unlock();
 
       std::function<void()> then;
@@ -57,12 +63,17 @@ class Worker {
         if (then) then();
         work = nullptr;
       });
+      lock.lock();
+      busy_ = false;
+      if (jobs_.empty()) idle_.notify_all();
     }
   }
 
   std::mutex mutex_;
   std::condition_variable wake_;
+  std::condition_variable idle_;  // the queue ran dry: for Finish
   std::deque<Work> jobs_;
+  bool busy_ = false;  // a job taken from jobs_ has not posted its result yet
   bool stopping_ = false;
   std::thread thread_;  // last: started once the members above exist
 };
@@ -73,6 +84,10 @@ Worker& TheWorker() {
 }
 
 }  // namespace
+
+void FinishOffLoopWork() {
+  TheWorker().Finish();
+}
 
 void RunOffLoop(std::function<std::function<void()>()> work) {
   TheWorker().Add(std::move(work));

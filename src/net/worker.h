@@ -21,4 +21,10 @@ namespace qel {
 // are dropped; their results never run.
 void RunOffLoop(std::function<std::function<void()>()> work);
 
+// Blocks until every job handed to RunOffLoop so far has run and posted its
+// result to the loop, which runs those results on its next turn. For
+// harnesses that need each round to end in the same state (fuzz targets);
+// a node never waits on its worker. Call from the loop thread only.
+void FinishOffLoopWork();
+
 }  // namespace qel
