@@ -6,8 +6,8 @@
 
 #include <cerrno>
 #include <deque>
-#include <optional>
 #include <filesystem>
+#include <optional>
 #include <system_error>
 
 #include "files/remote_path.h"
@@ -97,7 +97,8 @@ int OpenBeneath(const std::string& root, const std::vector<std::string>& parts, 
       continue;
     }
     const bool last = todo.empty();
-    int fd = openat(folders.Top(), name.c_str(), last ? finalFlags : O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    int fd =
+        openat(folders.Top(), name.c_str(), last ? finalFlags : O_PATH | O_NOFOLLOW | O_CLOEXEC);
     // Opened for reading, the last component fails on a link: look at the
     // link itself. Something else put in its place meanwhile fails the open.
     if (fd < 0 && last && (errno == ELOOP || errno == ENOTDIR)) {

@@ -69,8 +69,8 @@ std::string HashOpenFile(int fd, const std::string& what) {
   Digest digest;
   std::vector<unsigned char> chunk(kHashChunk);
   for (int64_t offset = 0;;) {
-    const size_t got = ReadAt(fd, reinterpret_cast<char*>(chunk.data()), chunk.size(), offset,
-                              what.c_str());
+    const size_t got =
+        ReadAt(fd, reinterpret_cast<char*>(chunk.data()), chunk.size(), offset, what.c_str());
     if (got == 0) break;
     digest.Update(chunk.data(), got);
     offset += static_cast<int64_t>(got);

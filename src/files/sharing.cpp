@@ -224,8 +224,8 @@ void OnGetFileInfo(RoutingNode& node, FileSharing& files, const typMessage& mess
   // Hashing costs a read of the whole file: only when asked for.
   const bool skipHash = ReadBool(body, "skipHash", true);
   // Size and hash both come from the one descriptor opened beneath the share.
-  auto file =
-      std::make_shared<ClosingFd>(OpenSharedFile(files.Folders, node.SharingFiles, message.Resource));
+  auto file = std::make_shared<ClosingFd>(
+      OpenSharedFile(files.Folders, node.SharingFiles, message.Resource));
   int64_t size = -1;
   struct stat info {};
   if (file->fd >= 0 && fstat(file->fd, &info) == 0) size = static_cast<int64_t>(info.st_size);

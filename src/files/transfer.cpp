@@ -91,14 +91,13 @@ int32_t PacingLink(RoutingNode& node, const Serving& job) {
 void Continue(RoutingNode& node, const std::shared_ptr<Serving>& job) {
   if (job->waitingSince == 0) job->waitingSince = std::max<int64_t>(TickCount(), 1);
   if (!job->stallTimer && node.stallTimeout > 0) {
-    job->stallTimer = std::make_unique<Timer>(
-        [weak = std::weak_ptr<Serving>(job), stallMs = int64_t{node.stallTimeout}] {
-          const auto waiting = weak.lock();
-          if (waiting && waiting->waitingSince != 0 &&
-              TickCount() - waiting->waitingSince >= stallMs) {
-            waiting->Finish();
-          }
-        });
+    job->stallTimer = std::make_unique<Timer>([weak = std::weak_ptr<Serving>(job),
+                                               stallMs = int64_t{node.stallTimeout}] {
+      const auto waiting = weak.lock();
+      if (waiting && waiting->waitingSince != 0 && TickCount() - waiting->waitingSince >= stallMs) {
+        waiting->Finish();
+      }
+    });
     job->stallTimer->SetInterval(node.stallTimeout);
     job->stallTimer->Enable(true);
   }
@@ -255,8 +254,8 @@ void SendFilePiece(RoutingNode& node, const std::string& destination, const std:
   SendPacket(node, piece);
 }
 
-void OnFilePiece(RoutingNode& node, FileSharing& files, TransferHost& host, const typMessage& message,
-                 const std::string& source, std::string data) {
+void OnFilePiece(RoutingNode& node, FileSharing& files, TransferHost& host,
+                 const typMessage& message, const std::string& source, std::string data) {
   typQELRange range = MakeRange();
   if (const std::string text = GetSingleField(message.Fields, "Content-Range"); !text.empty()) {
     std::optional<std::vector<typQELRange>> parts = ParseRanges(text);

@@ -73,7 +73,7 @@ void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typM
 // and changes nothing. Every piece goes up as FileReceived with the first
 // part of its Content-Range (an unreadable one reads as empty). data is the
 // message's body, moved in.
-void OnFilePiece(RoutingNode& node, FileSharing& files, TransferHost& host, const typMessage& message,
-                 const std::string& source, std::string data);
+void OnFilePiece(RoutingNode& node, FileSharing& files, TransferHost& host,
+                 const typMessage& message, const std::string& source, std::string data);
 
 }  // namespace qel

@@ -497,7 +497,8 @@ TEST(ConfinedOpenTest, FilesSwappedForLinksOutOfTheShareAreNeverServed) {
     const std::string share = (base / "share").string();
     while (!stop) {
       for (const char* name : {"a.txt", "dir"}) {
-        const std::string here = share + "/" + name, twin = share + "/." + (name[0] == 'a' ? "a" : "dir");
+        const std::string here = share + "/" + name,
+                          twin = share + "/." + (name[0] == 'a' ? "a" : "dir");
         renameat2(AT_FDCWD, here.c_str(), AT_FDCWD, twin.c_str(), RENAME_EXCHANGE);
       }
       ++swaps;
@@ -510,9 +511,11 @@ TEST(ConfinedOpenTest, FilesSwappedForLinksOutOfTheShareAreNeverServed) {
       const std::string n = std::to_string(i);
       raw.socket.Send(Raw("GET", "G" + n, "\\a.txt", "", server.ID()));
       raw.socket.Send(Raw("GET", "D" + n, "\\dir\\secret.txt", "", server.ID()));
-      raw.socket.Send(Raw("GETFILEINFO", "I" + n, "\\a.txt", Settings("skipHash=False"), server.ID()));
+      raw.socket.Send(
+          Raw("GETFILEINFO", "I" + n, "\\a.txt", Settings("skipHash=False"), server.ID()));
       if (i % 10 == 0) {
-        raw.socket.Send(Raw("GETCONTENTS", "L" + n, "\\", Settings("SearchSubDirs=True"), server.ID()));
+        raw.socket.Send(
+            Raw("GETCONTENTS", "L" + n, "\\", Settings("SearchSubDirs=True"), server.ID()));
         raw.socket.Send(Raw("GETCONTENTS", "C" + n, "\\dir", "", server.ID()));
       }
     }

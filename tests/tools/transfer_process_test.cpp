@@ -8,8 +8,8 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <iterator>
 #include <fstream>
+#include <iterator>
 #include <memory>
 
 namespace {
@@ -214,9 +214,9 @@ TEST_F(TransferProcessTest, AFloodOfGetsFromPeersThatDoNotReadStaysWithinTheBudg
   constexpr int64_t kBudget = int64_t{64} << 20;
   std::ofstream(Source("big")).close();
   fs::resize_file(Source("big"), 64 << 20);  // sparse: only its reads cost memory
-  a_ = std::make_unique<NodeProcess>(std::vector<std::string>{
-      "--name", "a", "--share", (dir_ / "share").string(), "--set",
-      "memoryBudget=" + std::to_string(kBudget)});
+  a_ = std::make_unique<NodeProcess>(
+      std::vector<std::string>{"--name", "a", "--share", (dir_ / "share").string(), "--set",
+                               "memoryBudget=" + std::to_string(kBudget)});
   ra_ = WaitReady(*a_);
   ASSERT_FALSE(ra_.id.empty());
   const int port = std::stoi(ra_.address.substr(ra_.address.rfind(':') + 1));
@@ -257,8 +257,9 @@ TEST_F(TransferProcessTest, AFloodOfGetsFromPeersThatDoNotReadStaysWithinTheBudg
     }
   }
   const int64_t peak = StatusBytes(a_->Pid(), "VmHWM");
-  const auto fds = std::distance(fs::directory_iterator("/proc/" + std::to_string(a_->Pid()) + "/fd"),
-                                 fs::directory_iterator());
+  const auto fds =
+      std::distance(fs::directory_iterator("/proc/" + std::to_string(a_->Pid()) + "/fd"),
+                    fs::directory_iterator());
   RecordProperty("peakMiB", static_cast<int>(peak >> 20));
   RecordProperty("descriptors", static_cast<int>(fds));
   EXPECT_GE(stats["InPacketCount"].get<int64_t>(), kConnections * kGets) << stats;
