@@ -1,16 +1,19 @@
 #include "files/listing.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
-#include <filesystem>
-#include <system_error>
 
 #include "core/text.h"
+#include "files/confined_open.h"
 #include "files/like.h"
+#include "files/regular_file.h"
 #include "files/remote_path.h"
 
 namespace qel {
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -25,36 +28,73 @@ std::string Lower(std::string_view text) {
   return out;
 }
 
-// The folders and files below dir (canonical, inside the canonical root),
-// folders first, each sorted. Links are never entered, so nothing loops.
-std::vector<Entry> Walk(const fs::path& root, const fs::path& dir, bool recursive) {
-  std::vector<Entry> entries;
-  std::vector<std::pair<fs::path, std::string>> pending{{dir, ""}};
-  while (!pending.empty()) {
-    auto [here, prefix] = std::move(pending.back());
-    pending.pop_back();
-    std::error_code ec;
-    fs::directory_iterator it(here, fs::directory_options::skip_permission_denied, ec);
-    for (; !ec && it != fs::directory_iterator(); it.increment(ec)) {
-      const std::string name = it->path().filename().string();
-      if (!IsAddressableName(name)) continue;
-      std::error_code entryError;
-      const bool link = it->is_symlink(entryError);
-      if (link) {
-        const fs::path target = fs::weakly_canonical(it->path(), entryError);
-        if (entryError || !IsInsideFolder(root, target)) continue;
+// Folders below a listed one are opened while it is, one descriptor a
+// level: deeper ones are left out rather than hold more.
+constexpr size_t kMaxDepth = 128;
+
+// The names in the folder fd, read through a descriptor of its own.
+std::vector<std::string> Names(int fd) {
+  std::vector<std::string> names;
+  const int own = openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (own < 0) return names;
+  DIR* dir = fdopendir(own);
+  if (!dir) {
+    close(own);
+    return names;
+  }
+  while (const dirent* entry = readdir(dir)) names.emplace_back(entry->d_name);
+  closedir(dir);
+  return names;
+}
+
+// Adds what the folder fd (parts below the share's folder root) holds to
+// entries, and with recursive what its folders hold. Links are listed as
+// what they lead to when that is inside the share, and never entered, so
+// nothing loops; folders are entered without following a link put in their
+// place meanwhile.
+void WalkFolder(const std::string& root, int fd, std::vector<std::string>& parts,
+                const std::string& prefix, bool recursive, std::vector<Entry>& entries) {
+  for (const std::string& name : Names(fd)) {
+    if (!IsAddressableName(name)) continue;
+    struct stat info {};
+    if (fstatat(fd, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    const bool link = S_ISLNK(info.st_mode);
+    if (link) {
+      parts.push_back(name);
+      const int target = OpenBeneath(root, parts, O_PATH);
+      parts.pop_back();
+      if (target < 0) continue;
+      const bool known = fstat(target, &info) == 0;
+      close(target);
+      if (!known) continue;
+    }
+    std::string path = prefix + "\\" + name;
+    if (S_ISDIR(info.st_mode)) {
+      if (recursive && !link && parts.size() < kMaxDepth) {
+        const int sub = openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (sub >= 0) {
+          const ClosingFd closer{sub};
+          parts.push_back(name);
+          WalkFolder(root, sub, parts, path, recursive, entries);
+          parts.pop_back();
+        }
       }
-      const fs::file_status status = it->status(entryError);
-      if (entryError) continue;
-      std::string path = prefix + "\\" + name;
-      if (fs::is_directory(status)) {
-        if (recursive && !link) pending.emplace_back(it->path(), path);
-        entries.push_back({std::move(path), true});
-      } else if (fs::is_regular_file(status)) {
-        entries.push_back({std::move(path), false});
-      }
+      entries.push_back({std::move(path), true});
+    } else if (S_ISREG(info.st_mode)) {
+      entries.push_back({std::move(path), false});
     }
   }
+}
+
+// The folders and files below the folder parts names in the share's folder
+// root, folders first, each sorted; nothing when it cannot be opened as a
+// folder beneath root.
+std::vector<Entry> Walk(const std::string& root, std::vector<std::string> parts, bool recursive) {
+  std::vector<Entry> entries;
+  const int fd = OpenBeneath(root, parts, O_RDONLY | O_DIRECTORY);
+  if (fd < 0) return entries;
+  const ClosingFd closer{fd};
+  WalkFolder(root, fd, parts, "", recursive, entries);
   std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
     return a.folder != b.folder ? a.folder : a.path < b.path;
   });
@@ -72,14 +112,11 @@ std::vector<std::string> ListSharedPath(const std::vector<typSharedFolder>& fold
     for (const typSharedFolder& folder : folders) result.push_back("\\" + folder.Name + "\\");
     return result;
   }
-  std::optional<fs::path> local = LocalPathInShare(folders, sharing, *clean);
-  std::error_code ec;
-  if (!local || !fs::is_directory(*local, ec)) return result;
+  std::optional<PathInShare> local = SplitPathInShare(folders, sharing, *clean);
+  if (!local) return result;
   const typSharedFolder& share = folders[ResolveShare(folders, *clean).index];
-  const fs::path root = fs::weakly_canonical(share.Path, ec);
-  if (ec) return result;
   const std::string prefix = searchSubDirs && folders.size() >= 2 ? share.Name + "\\" : "";
-  for (Entry& entry : Walk(root, *local, searchSubDirs)) {
+  for (Entry& entry : Walk(local->root, local->parts, searchSubDirs)) {
     result.push_back(prefix + entry.path + (entry.folder ? "\\" : ""));
   }
   return result;
@@ -103,10 +140,8 @@ std::vector<std::string> SearchFiles(const std::vector<typSharedFolder>& folders
     } else {
       front = "\\";
     }
-    std::error_code ec;
-    const fs::path root = fs::weakly_canonical(share.Path, ec);
-    if (share.Path.empty() || ec || !fs::is_directory(root, ec)) continue;
-    for (const Entry& entry : Walk(root, root, true)) {
+    if (share.Path.empty()) continue;
+    for (const Entry& entry : Walk(share.Path, {}, true)) {
       const std::string_view name = std::string_view(entry.path).substr(entry.path.rfind('\\') + 1);
       if (!entry.folder && pattern.Matches(Lower(name))) result.push_back(front + entry.path);
     }

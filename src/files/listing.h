@@ -20,8 +20,10 @@ namespace qel {
 // files, each sorted bytewise. Only folders and regular files are listed,
 // and only names a remote path can carry (IsAddressableName); links are
 // listed when they lead to something inside the share, and never entered,
-// so a listing cannot loop. A refused path or one that is not a folder gives
-// element 0 alone.
+// so a listing cannot loop. Everything is opened beneath the share's folder
+// (OpenBeneath), and folders more than 128 levels below the listed one are
+// left out. A refused path or one that is not a folder gives element 0
+// alone.
 std::vector<std::string> ListSharedPath(const std::vector<typSharedFolder>& folders, bool sharing,
                                         std::string_view remotePath, bool searchSubDirs);
 

@@ -59,20 +59,21 @@ std::string cMD5::MD5(const std::string& sMessage) const {
 }
 
 std::string GetFileHash(const std::filesystem::path& path) {
-  const auto fail = [&] { throw std::system_error(errno, std::generic_category(), path.string()); };
   const int fd = OpenRegularFile(path.string(), O_RDONLY);
-  if (fd < 0) fail();
+  if (fd < 0) throw std::system_error(errno, std::generic_category(), path.string());
   const ClosingFd closer{fd};
+  return HashOpenFile(fd, path.string());
+}
+
+std::string HashOpenFile(int fd, const std::string& what) {
   Digest digest;
   std::vector<unsigned char> chunk(kHashChunk);
-  for (;;) {
-    const ssize_t got = read(fd, chunk.data(), chunk.size());
+  for (int64_t offset = 0;;) {
+    const size_t got =
+        ReadAt(fd, reinterpret_cast<char*>(chunk.data()), chunk.size(), offset, what.c_str());
     if (got == 0) break;
-    if (got < 0) {
-      if (errno == EINTR) continue;
-      fail();
-    }
-    digest.Update(chunk.data(), static_cast<size_t>(got));
+    digest.Update(chunk.data(), got);
+    offset += static_cast<int64_t>(got);
   }
   return digest.HexFinal();
 }

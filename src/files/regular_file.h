@@ -23,6 +23,10 @@ size_t ReadAt(int fd, char* out, size_t size, int64_t offset, const char* what);
 // std::system_error naming what when a write fails.
 void WriteAt(int fd, std::string_view data, int64_t offset, const char* what);
 
+// The MD5 of everything fd holds, from its start, in hex; read in chunks,
+// never whole. Throws std::system_error naming what on a read error.
+std::string HashOpenFile(int fd, const std::string& what);
+
 // Closes fd when it goes out of scope.
 struct ClosingFd {
   int fd;

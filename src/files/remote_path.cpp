@@ -63,16 +63,15 @@ bool IsInsideFolder(const fs::path& root, const fs::path& path) {
   return true;
 }
 
-std::optional<fs::path> LocalPathInShare(const std::vector<typSharedFolder>& folders, bool sharing,
-                                         std::string_view remotePath) {
+std::optional<PathInShare> SplitPathInShare(const std::vector<typSharedFolder>& folders,
+                                            bool sharing, std::string_view remotePath) {
   if (!sharing || folders.empty()) return std::nullopt;
   std::optional<std::string> clean = CleanRemotePath(remotePath);
   if (!clean || clean->find('\0') != std::string::npos) return std::nullopt;
   const ShareSpot spot = ResolveShare(folders, *clean);
   const typSharedFolder& folder = folders[spot.index];
   if (folder.Path.empty()) return std::nullopt;
-
-  fs::path local = folder.Path;
+  PathInShare result{folder.Path, {}};
   size_t begin = 1;  // rest begins with "\"
   while (begin <= spot.rest.size()) {
     size_t end = spot.rest.find('\\', begin);
@@ -80,11 +79,23 @@ std::optional<fs::path> LocalPathInShare(const std::vector<typSharedFolder>& fol
     std::string_view part = std::string_view(spot.rest).substr(begin, end - begin);
     begin = end + 1;
     if (part.empty() || part == ".") continue;
-    if (part == ".." || IsDriveLike(part)) return std::nullopt;
-    local /= part;
+    // "/" separates on this system: a component holding one would climb.
+    if (part == ".." || IsDriveLike(part) || part.find('/') != std::string_view::npos) {
+      return std::nullopt;
+    }
+    result.parts.emplace_back(part);
   }
+  return result;
+}
+
+std::optional<fs::path> LocalPathInShare(const std::vector<typSharedFolder>& folders, bool sharing,
+                                         std::string_view remotePath) {
+  const std::optional<PathInShare> split = SplitPathInShare(folders, sharing, remotePath);
+  if (!split) return std::nullopt;
+  fs::path local = split->root;
+  for (const std::string& part : split->parts) local /= part;
   std::error_code ec;
-  const fs::path root = fs::weakly_canonical(folder.Path, ec);
+  const fs::path root = fs::weakly_canonical(split->root, ec);
   if (ec) return std::nullopt;
   fs::path target = fs::weakly_canonical(local, ec);
   if (ec || !IsInsideFolder(root, target)) return std::nullopt;

@@ -36,11 +36,22 @@ ShareSpot ResolveShare(const std::vector<typSharedFolder>& folders, const std::s
 // listings and searches leave them out.
 bool IsAddressableName(std::string_view name);
 
+// The folder of the share a remote path names (as the host gave it) and the
+// components below it, or nullopt when nothing is shared, the path does not
+// decode, or holds a NUL, a ".." or a drive-like component.
+struct PathInShare {
+  std::string root;
+  std::vector<std::string> parts;
+};
+std::optional<PathInShare> SplitPathInShare(const std::vector<typSharedFolder>& folders,
+                                            bool sharing, std::string_view remotePath);
+
 // The local file or folder a remote path names, with links resolved, or
 // nullopt when nothing is shared, the path does not decode, holds a NUL, a
 // ".." or a drive-like component, or ends up outside its share's folder
-// (through a link). The file need not exist. Serving code reaches local
-// files through this function only.
+// (through a link). The file need not exist. What it gives names a file
+// only at the moment it checked: serving code opens through OpenBeneath
+// (files/confined_open.h), and uses this for what it tells the host.
 std::optional<std::filesystem::path> LocalPathInShare(const std::vector<typSharedFolder>& folders,
                                                       bool sharing, std::string_view remotePath);
 

@@ -1,18 +1,20 @@
 #include "files/sharing.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <exception>
-#include <filesystem>
+#include <memory>
 #include <system_error>
 
-#include <qel/md5.h>
 #include <qel/settings.h>
 
 #include "core/new_id.h"
 #include "core/stats.h"
 #include "core/text.h"
+#include "files/confined_open.h"
 #include "files/listing.h"
-#include "files/remote_path.h"
+#include "files/regular_file.h"
 #include "net/event_loop.h"
 #include "net/worker.h"
 #include "routing/discovery.h"
@@ -21,8 +23,6 @@
 #include "routing/routing_node.h"
 
 namespace qel {
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -150,17 +150,27 @@ void OnSearch(RoutingNode& node, FileSharing& files, const typMessage& message,
   SendPacket(node, reply);
 }
 
-void OnSearchMatch(FileSharing& files, const typMessage& message, const std::string& source) {
+void OnSearchMatch(RoutingNode& node, FileSharing& files, const typMessage& message,
+                   const std::string& source) {
   SearchSlot* slot = files.Searches.Find(ReqID(message));
   if (!slot) return;
   cSettings body = LoadBody(message.Body);
+  const size_t maxBytes =
+      std::min(kMaxSearchBytes, static_cast<size_t>(std::max<int64_t>(node.memoryBudget, 0) / 8));
   // Element 0 counts too: a node's name arrives there (classic askers lost it).
   for (std::string& result : ReadArray(body, "Results")) {
     if (result.empty()) continue;
-    if (slot->results.size() > kMaxSearchResults || slot->bytes + result.size() > kMaxSearchBytes) {
+    // What a kept result costs: both its strings and the record holding them.
+    const size_t bytes = sizeof(typSearchResult) + source.size() + result.size();
+    if (slot->results.size() > kMaxSearchResults || slot->bytes + bytes > maxBytes) {
+      // Counted once for each answer cut short.
+      ReportRefusal(node, Refusal::SearchResults,
+                    "Search results past " + std::to_string(slot->results.size() - 1) +
+                        " results or " + std::to_string(maxBytes) + " bytes refused",
+                    source);
       return;
     }
-    slot->bytes += result.size();
+    slot->bytes += bytes;
     slot->results.push_back({source, std::move(result)});
   }
 }
@@ -175,21 +185,24 @@ void AnswerFileInfo(RoutingNode& node, const std::string& asker, const std::stri
   SendPacket(node, reply);
 }
 
-// Hashes off the loop, which meanwhile serves every other message, and
-// answers from it if the node is still there. A file that cannot be read is
-// reported, and nothing is answered, as when the hash held the loop.
-void HashThenAnswer(RoutingNode& node, fs::path local, std::string asker, std::string reqID,
-                    int64_t size) {
+// Hashes the open file off the loop, which meanwhile serves every other
+// message, and answers from it if the node is still there. A file that
+// cannot be read is reported, and nothing is answered, as when the hash
+// held the loop.
+void HashThenAnswer(RoutingNode& node, std::shared_ptr<ClosingFd> file, std::string path,
+                    std::string asker, std::string reqID, int64_t size) {
   ++pendingHashJobs;
-  RunOffLoop([owner = node.weak_from_this(), local = std::move(local), asker = std::move(asker),
-              reqID = std::move(reqID), size]() -> std::function<void()> {
+  RunOffLoop([owner = node.weak_from_this(), file = std::move(file), path = std::move(path),
+              asker = std::move(asker), reqID = std::move(reqID),
+              size]() mutable -> std::function<void()> {
     std::string hash;
     std::exception_ptr fault;
     try {
-      hash = GetFileHash(local);
+      hash = HashOpenFile(file->fd, path);
     } catch (...) {
       fault = std::current_exception();
     }
+    file.reset();  // the descriptor goes back at once, not when the loop gets to the answer
     return [owner, asker, reqID, size, hash = std::move(hash), fault] {
       --pendingHashJobs;
       const auto alive = owner.lock();
@@ -210,14 +223,12 @@ void OnGetFileInfo(RoutingNode& node, FileSharing& files, const typMessage& mess
   cSettings body = LoadBody(message.Body);
   // Hashing costs a read of the whole file: only when asked for.
   const bool skipHash = ReadBool(body, "skipHash", true);
+  // Size and hash both come from the one descriptor opened beneath the share.
+  auto file = std::make_shared<ClosingFd>(
+      OpenSharedFile(files.Folders, node.SharingFiles, message.Resource));
   int64_t size = -1;
-  const std::optional<fs::path> local =
-      LocalPathInShare(files.Folders, node.SharingFiles, message.Resource);
-  std::error_code ec;
-  if (local && fs::is_regular_file(*local, ec)) {
-    const uintmax_t bytes = fs::file_size(*local, ec);
-    if (!ec) size = static_cast<int64_t>(bytes);
-  }
+  struct stat info {};
+  if (file->fd >= 0 && fstat(file->fd, &info) == 0) size = static_cast<int64_t>(info.st_size);
   if (size < 0 || skipHash) return AnswerFileInfo(node, source, ReqID(message), size, "");
   if (pendingHashJobs >= kMaxHashJobs) {
     // A peer must not pile up work: the size alone answers at once, and the
@@ -225,7 +236,7 @@ void OnGetFileInfo(RoutingNode& node, FileSharing& files, const typMessage& mess
     ++TheStats().FileInfosWithoutHash;
     return AnswerFileInfo(node, source, ReqID(message), size, "");
   }
-  HashThenAnswer(node, *local, source, ReqID(message), size);
+  HashThenAnswer(node, std::move(file), message.Resource, source, ReqID(message), size);
 }
 
 void OnFileInfo(FileSharing& files, const typMessage& message) {
@@ -264,7 +275,7 @@ bool HandleFileMessage(RoutingNode& node, FileSharing& files, const typMessage& 
   } else if (type == "SEARCH") {
     OnSearch(node, files, message, source);
   } else if (type == "SEARCHMATCH") {
-    OnSearchMatch(files, message, source);
+    OnSearchMatch(node, files, message, source);
   } else if (type == "GETFILEINFO") {
     OnGetFileInfo(node, files, message, source);
   } else if (type == "FILEINFO") {

@@ -12,6 +12,7 @@
 #include <qel/types.h>
 
 #include "core/request_slots.h"
+#include "files/serving_queue.h"
 #include "files/shares.h"
 #include "protocol/message.h"
 
@@ -36,8 +37,9 @@ struct FileInfoSlot {
   bool done = false;
 };
 
-// A search keeps at most this many results, and this many bytes of them,
-// whatever the nodes answering send.
+// A search keeps at most this many results, and this many bytes of them
+// (and never more than an eighth of memoryBudget), whatever the nodes
+// answering send; what passes them is refused (Refusal::SearchResults).
 inline constexpr size_t kMaxSearchResults = 65536;
 inline constexpr size_t kMaxSearchBytes = size_t{64} << 20;
 
@@ -49,9 +51,14 @@ struct FileSharing {
   RequestSlots<ContentsSlot> Contents;
   RequestSlots<SearchSlot> Searches;
   RequestSlots<FileInfoSlot> FileInfos;
-  // Transfers this node serves, by asker and request identifier, each with
-  // the flag its asker's cancel sets: a cancel stops its own transfer only.
+  // Transfers this node serves or has queued, by asker and request
+  // identifier, each with the flag its asker's cancel sets: a cancel stops
+  // its own transfer only.
   std::unordered_map<std::string, std::shared_ptr<bool>> Served;
+  // Which of them run and which wait.
+  ServingQueue Serving;
+  // A start of waiting transfers is posted to the loop and has not run yet.
+  bool StartPosted = false;
 };
 
 // The key of a served transfer in FileSharing::Served.

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <optional>
@@ -11,15 +12,18 @@
 #include <utility>
 #include <vector>
 
+#include <qel/event_loop.h>
 #include <qel/variant.h>
 
 #include "core/new_id.h"
 #include "core/stats.h"
+#include "files/confined_open.h"
 #include "files/ranges.h"
 #include "files/regular_file.h"
 #include "files/remote_path.h"
 #include "files/sharing.h"
 #include "net/connections.h"
+#include "net/event_loop.h"
 #include "protocol/fields.h"
 #include "routing/outgoing.h"
 #include "routing/report.h"
@@ -29,13 +33,16 @@
 namespace qel {
 namespace {
 
-// One file being served, piece by piece, from the loop.
+void StartWaiting(RoutingNode& node, FileSharing& files);
+
+// One file being served, piece by piece, from the loop. It holds one of the
+// running places of files->Serving from its start to its end.
 struct Serving {
   std::weak_ptr<LinkOwner> owner;  // the serving node; gone: the transfer ends
   FileSharing* files = nullptr;    // lives as long as the node
   std::string asker, reqID;
   // Set by a cancel from the asker; shared with FileSharing::Served.
-  std::shared_ptr<bool> cancelled = std::make_shared<bool>(false);
+  std::shared_ptr<bool> cancelled;
   int fd = -1;
   int64_t size = 0;
   int64_t next = 0;  // offset of the next byte to send
@@ -44,43 +51,76 @@ struct Serving {
   // its length is a multiple of it; a range ends with its last byte.
   bool whole = true;
   size_t packet = 0;
-  // The link the asker was reached on when the transfer began, if any: once
-  // it is gone nobody is left to serve, and what follows would flood.
+  // The link the asker's GET came on, if any: once it is gone nobody is left
+  // to serve, and what follows would flood.
   int32_t link = 0;
   uint64_t linkGeneration = 0;
+  // Ends a transfer whose link took no piece for a stall time: a peer that
+  // stops reading must not keep its places (and descriptors) for ever.
+  std::unique_ptr<Timer> stallTimer;
+  int64_t waitingSince = 0;  // TickCount when it began to wait; 0: not waiting
+  bool finished = false;
 
   // However the transfer ends, it leaves the table of served transfers
   // (while the node lives), unless a later GET with the same key took the
-  // entry over.
-  ~Serving() {
-    if (fd >= 0) close(fd);
+  // entry over, and gives its place to one that waits.
+  void Finish() {
+    if (std::exchange(finished, true)) return;
+    if (fd >= 0) close(std::exchange(fd, -1));
+    stallTimer.reset();
     auto node = owner.lock();
     if (!files || !node || !node->Alive()) return;
     auto it = files->Served.find(ServedKey(asker, reqID));
     if (it != files->Served.end() && it->second == cancelled) files->Served.erase(it);
+    files->Serving.Ended(asker);
+    StartWaiting(static_cast<RoutingNode&>(*node), *files);
   }
+  ~Serving() { Finish(); }
 };
 
 void SendPieces(const std::shared_ptr<Serving>& job);
 
-// Goes on once the asker's link has room for more; a piece with no route
-// to the asker floods every link, so then the fullest one decides.
+// The link whose queue paces a transfer: the route to the asker, or, for a
+// piece that floods every link, the fullest one.
+int32_t PacingLink(RoutingNode& node, const Serving& job) {
+  const int32_t conn = FindRoute(node, job.asker);
+  return conn != 0 ? conn : Connections::Get().FullestConnection(node);
+}
+
+// Goes on once the asker's link has room for more.
 void Continue(RoutingNode& node, const std::shared_ptr<Serving>& job) {
-  auto& connections = Connections::Get();
-  int32_t conn = FindRoute(node, job->asker);
-  if (conn == 0) conn = connections.FullestConnection(node);
-  connections.WhenDrained(conn, 2 * job->packet, [job] { SendPieces(job); });
+  if (job->waitingSince == 0) job->waitingSince = std::max<int64_t>(TickCount(), 1);
+  if (!job->stallTimer && node.stallTimeout > 0) {
+    job->stallTimer = std::make_unique<Timer>([weak = std::weak_ptr<Serving>(job),
+                                               stallMs = int64_t{node.stallTimeout}] {
+      const auto waiting = weak.lock();
+      if (waiting && waiting->waitingSince != 0 && TickCount() - waiting->waitingSince >= stallMs) {
+        waiting->Finish();
+      }
+    });
+    job->stallTimer->SetInterval(node.stallTimeout);
+    job->stallTimer->Enable(true);
+  }
+  Connections::Get().WhenDrained(PacingLink(node, *job), 2 * job->packet,
+                                 [job] { SendPieces(job); });
 }
 
 void SendPieces(const std::shared_ptr<Serving>& job) {
   auto owner = job->owner.lock();
-  if (!owner || !owner->Alive()) return;
+  if (!owner || !owner->Alive() || job->finished) return;
   auto& node = static_cast<RoutingNode&>(*owner);
   auto& connections = Connections::Get();
   if (job->link > 0 && (!connections.IsConnected(job->link) ||
                         connections.At(job->link).generation != job->linkGeneration)) {
     return;
   }
+  // Every transfer to an asker waits on the same link, and all wake when it
+  // drains: the first to run refills it, the others wait again, so the link
+  // holds a few pieces however many transfers share it.
+  if (connections.QueuedBytes(PacingLink(node, *job)) >= 2 * job->packet) {
+    return Continue(node, job);
+  }
+  job->waitingSince = 0;
   try {
     const int64_t first = job->next;
     const int64_t want = std::min<int64_t>(static_cast<int64_t>(job->packet),
@@ -101,6 +141,71 @@ void SendPieces(const std::shared_ptr<Serving>& job) {
   } catch (...) {
     ReportCurrentFault(node);
   }
+}
+
+// Starts a GET that holds a running place: the file is opened beneath its
+// share now, and size, type and reads all come from that descriptor.
+void Start(RoutingNode& node, FileSharing& files, QueuedGet get) {
+  auto job = std::make_shared<Serving>();
+  job->owner = node.weak_from_this();
+  job->files = &files;
+  job->asker = get.asker;
+  job->reqID = get.reqID;
+  job->cancelled = get.cancelled;
+  job->packet = get.packet;
+  job->link = get.link;
+  job->linkGeneration = get.linkGeneration;
+  auto& connections = Connections::Get();
+  // An asker gone while its GET waited is left alone: its pieces would flood.
+  if (job->link > 0 && (!connections.IsConnected(job->link) ||
+                        connections.At(job->link).generation != job->linkGeneration)) {
+    return;
+  }
+  auto cancel = [&] { SendFilePiece(node, get.asker, "", "", get.reqID, FS_Canceled, ""); };
+  job->fd = OpenSharedFile(files.Folders, node.SharingFiles, get.resource);
+  struct stat info {};
+  if (job->fd < 0 || fstat(job->fd, &info) != 0) return cancel();
+  job->size = info.st_size;
+  if (get.range.isEmpty) {
+    job->last = job->size - 1;
+  } else {
+    std::optional<ByteSpan> span = ServedSpan(get.range, job->size);
+    if (!span) return cancel();
+    job->whole = false;
+    job->next = span->first;
+    job->last = span->last;
+  }
+  SendPieces(job);
+}
+
+// Starts, from the loop, the waiting GETs that now have a place; posted so
+// that a transfer ending inside another's sending starts none there.
+void StartWaiting(RoutingNode& node, FileSharing& files) {
+  if (files.Serving.Waiting() == 0 || files.StartPosted) return;
+  files.StartPosted = true;
+  Post([owner = node.weak_from_this(), files = &files] {
+    const auto alive = owner.lock();
+    if (!alive || !alive->Alive()) return;
+    auto& node = static_cast<RoutingNode&>(*alive);
+    files->StartPosted = false;
+    std::vector<QueuedGet> dropped;
+    while (std::optional<QueuedGet> get = files->Serving.Next(dropped)) {
+      try {
+        Start(node, *files, std::move(*get));
+      } catch (...) {
+        ReportCurrentFault(node);
+      }
+    }
+    for (const QueuedGet& get : dropped) {
+      auto it = files->Served.find(ServedKey(get.asker, get.reqID));
+      if (it != files->Served.end() && it->second == get.cancelled) files->Served.erase(it);
+      try {
+        SendFilePiece(node, get.asker, "", "", get.reqID, FS_Canceled, "");
+      } catch (...) {
+        ReportCurrentFault(node);
+      }
+    }
+  });
 }
 
 }  // namespace
@@ -149,8 +254,8 @@ void SendFilePiece(RoutingNode& node, const std::string& destination, const std:
   SendPacket(node, piece);
 }
 
-void OnFilePiece(FileSharing& files, TransferHost& host, const typMessage& message,
-                 const std::string& source, std::string data) {
+void OnFilePiece(RoutingNode& node, FileSharing& files, TransferHost& host,
+                 const typMessage& message, const std::string& source, std::string data) {
   typQELRange range = MakeRange();
   if (const std::string text = GetSingleField(message.Fields, "Content-Range"); !text.empty()) {
     std::optional<std::vector<typQELRange>> parts = ParseRanges(text);
@@ -170,6 +275,7 @@ void OnFilePiece(FileSharing& files, TransferHost& host, const typMessage& messa
     auto it = files.Served.find(ServedKey(source, reqID));
     if (it != files.Served.end()) {
       *it->second = true;
+      StartWaiting(node, files);  // drops it at once if it waits
     } else {
       ++TheStats().IgnoredCancels;
     }
@@ -194,32 +300,37 @@ void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typM
 
   auto cancel = [&] { SendFilePiece(node, asker, "", "", reqID, FS_Canceled, ""); };
   if (!path || !ranges) return cancel();
-  auto job = std::make_shared<Serving>();
-  job->fd = OpenRegularFile(path->string(), O_RDONLY);
-  struct stat info {};
-  if (job->fd < 0 || fstat(job->fd, &info) != 0) return cancel();
-  job->size = info.st_size;
-  job->packet = static_cast<size_t>(std::max(packetBytes, 1));
-  const typQELRange& range = ranges->front();
-  if (range.isEmpty) {
-    job->last = job->size - 1;
-  } else {
-    std::optional<ByteSpan> span = ServedSpan(range, job->size);
-    if (!span) return cancel();
-    job->whole = false;
-    job->next = span->first;
-    job->last = span->last;
-  }
-  job->owner = node.weak_from_this();
-  job->files = &files;
-  job->asker = asker;
-  job->reqID = reqID;
-  files.Served[ServedKey(asker, reqID)] = job->cancelled;
+  QueuedGet get{.asker = asker,
+                .reqID = reqID,
+                .resource = message.Resource,
+                .range = ranges->front(),
+                .packet = static_cast<size_t>(std::max(packetBytes, 1)),
+                .cancelled = std::make_shared<bool>(false)};
   if (const int32_t link = FindRoute(node, asker); link > 0) {
-    job->link = link;
-    job->linkGeneration = Connections::Get().At(link).generation;
+    get.link = link;
+    get.linkGeneration = Connections::Get().At(link).generation;
   }
-  SendPieces(job);
+  // Waiting requests hold a sixteenth of the budget at most, beside what
+  // the links and running transfers hold.
+  const size_t maxBytes = static_cast<size_t>(std::max<int64_t>(node.memoryBudget, 0) / 16);
+  const std::shared_ptr<bool> cancelled = get.cancelled;
+  switch (files.Serving.Offer(get, maxBytes)) {
+    case ServingQueue::Turn::Refused:
+      cancel();
+      ReportRefusal(node, Refusal::Serving,
+                    "GET from " + asker + " refused: " + std::to_string(files.Serving.Running()) +
+                        " transfers run and " + std::to_string(files.Serving.Waiting()) +
+                        " wait already",
+                    asker);
+      return;
+    case ServingQueue::Turn::Later:
+      files.Served[ServedKey(asker, reqID)] = cancelled;
+      return;
+    case ServingQueue::Turn::Now:
+      files.Served[ServedKey(asker, reqID)] = cancelled;
+      Start(node, files, std::move(get));
+      return;
+  }
 }
 
 }  // namespace qel

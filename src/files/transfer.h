@@ -53,20 +53,27 @@ void SendFilePiece(RoutingNode& node, const std::string& destination, const std:
 // A GET for this node from asker: FileRequest first; unless the host takes
 // it, the file (or the bytes its first range names) goes back in FILE
 // pieces of at most packetBytes, the next piece read only when fewer than
-// two wait to be sent, so a slow asker never makes the node hold the file.
-// A path outside the shares, a missing file or a range the file cannot
-// meet is answered with one FILE of FS_Canceled. Between pieces the loop
-// runs: a cancel for the transfer ends it with one last FS_Canceled piece.
+// two wait to be sent on the asker's link (whatever else is sent there), so
+// a slow asker never makes the node hold the file. At most
+// kServingPerAsker and kServingPerNode transfers run at once; the others
+// wait in files.Serving holding no descriptor, and the file is opened
+// (beneath its share) when its turn comes. A GET past the queue's caps, a
+// path outside the shares, a missing file or a range the file cannot meet
+// is answered with one FILE of FS_Canceled (the first also counted and
+// reported as Refusal::Serving). Between pieces the loop runs: a cancel for
+// the transfer ends it with one last FS_Canceled piece (an empty one while
+// it waits).
 void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typMessage& message,
            const std::string& asker, int32_t packetBytes);
 
 // A FILE for this node from source: a cancel (FS_Canceled) stops the
 // transfer this node serves to source under that ReqID, within one more
-// piece; one that names no such transfer is counted (Stats::IgnoredCancels)
+// piece (one that waits is dropped, answered with an empty FS_Canceled
+// piece); one that names no such transfer is counted (Stats::IgnoredCancels)
 // and changes nothing. Every piece goes up as FileReceived with the first
 // part of its Content-Range (an unreadable one reads as empty). data is the
 // message's body, moved in.
-void OnFilePiece(FileSharing& files, TransferHost& host, const typMessage& message,
-                 const std::string& source, std::string data);
+void OnFilePiece(RoutingNode& node, FileSharing& files, TransferHost& host,
+                 const typMessage& message, const std::string& source, std::string data);
 
 }  // namespace qel

@@ -56,7 +56,8 @@ void NodeState::Deliver(typMessage& message, int32_t, const std::string& source,
   }
   if (message.MsgType == "FILE") {
     if (Fetches.OnPiece(message, source, message.Body)) return;
-    OnFilePiece(Files, *this, message, source, keepBody ? message.Body : std::move(message.Body));
+    OnFilePiece(*this, Files, *this, message, source,
+                keepBody ? message.Body : std::move(message.Body));
     return;
   }
   // A fetch's answers are the fetch's; any other goes to the question slots.

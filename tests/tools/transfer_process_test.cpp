@@ -2,11 +2,14 @@
 // while one of them is paused or killed.
 #include "node_process.h"
 
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
 
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 
 namespace {
@@ -200,6 +203,72 @@ TEST_F(TransferProcessTest, RelayKilledAndRestartedMidFetchTheFetchEndsWhole) {
     EXPECT_LT(took, std::chrono::seconds(kStallSeconds * (kRetries + 1) + kRedialSeconds + 10));
   }
   EXPECT_EQ(result["ok"], true) << result << "\nC:\n" << c.Output() << "\nA:\n" << a_->Output();
+}
+
+// Peers that ask for a large file again and again and read nothing: the
+// transfers past the serving caps wait holding nothing open, or are
+// refused, and each link holds a few pieces, so the node stays within its
+// budget and its descriptors within its connections.
+TEST_F(TransferProcessTest, AFloodOfGetsFromPeersThatDoNotReadStaysWithinTheBudget) {
+  constexpr int kConnections = 40, kGets = 400;
+  constexpr int64_t kBudget = int64_t{64} << 20;
+  std::ofstream(Source("big")).close();
+  fs::resize_file(Source("big"), 64 << 20);  // sparse: only its reads cost memory
+  a_ = std::make_unique<NodeProcess>(
+      std::vector<std::string>{"--name", "a", "--share", (dir_ / "share").string(), "--set",
+                               "memoryBudget=" + std::to_string(kBudget)});
+  ra_ = WaitReady(*a_);
+  ASSERT_FALSE(ra_.id.empty());
+  const int port = std::stoi(ra_.address.substr(ra_.address.rfind(':') + 1));
+
+  std::vector<int> peers;
+  for (int i = 0; i < kConnections; ++i) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int small = 4096;
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    const timeval limit{.tv_sec = 10};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    sockaddr_in to{.sin_family = AF_INET, .sin_port = htons(static_cast<uint16_t>(port))};
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
+    peers.push_back(fd);
+  }
+  for (int i = 0; i < kConnections; ++i) {
+    std::string gets;
+    for (int n = 0; n < kGets; ++n) {
+      const std::string id = std::to_string(i) + "-" + std::to_string(n);
+      gets += "GET \\big QEL/2.1\r\nDestination: " + ra_.id + "\r\nSource: RAW" +
+              std::to_string(i) + "\r\nReqID: R" + id + "\r\nID: G" + id + "\r\nTTL: 1\r\n\r\n";
+    }
+    for (size_t sent = 0; sent < gets.size();) {
+      const ssize_t n = send(peers[i], gets.data() + sent, gets.size() - sent, MSG_NOSIGNAL);
+      ASSERT_GT(n, 0) << "the node stopped reading";
+      sent += static_cast<size_t>(n);
+    }
+  }
+  // Every GET taken, or the node cut a peer off for memory (then it could
+  // not take that peer's rest).
+  json stats;
+  for (const auto deadline = Clock::now() + std::chrono::seconds(60); Clock::now() < deadline;) {
+    stats = a_->Command("stats")["value"];
+    if (stats["InPacketCount"].get<int64_t>() >= kConnections * kGets ||
+        stats["Refused"]["memory"].get<int64_t>() > 0) {
+      break;
+    }
+  }
+  const int64_t peak = StatusBytes(a_->Pid(), "VmHWM");
+  const auto fds =
+      std::distance(fs::directory_iterator("/proc/" + std::to_string(a_->Pid()) + "/fd"),
+                    fs::directory_iterator());
+  RecordProperty("peakMiB", static_cast<int>(peak >> 20));
+  RecordProperty("descriptors", static_cast<int>(fds));
+  EXPECT_GE(stats["InPacketCount"].get<int64_t>(), kConnections * kGets) << stats;
+  EXPECT_EQ(stats["Refused"]["memory"], 0) << stats;
+  EXPECT_GT(stats["Refused"]["serving"].get<int64_t>(), 0) << stats;
+  EXPECT_LT(fds, kConnections + 64);
+  for (int fd : peers) close(fd);
+  if (kSanitized) GTEST_SKIP() << "the sanitizer's quarantine holds freed memory";
+  EXPECT_LT(peak, 2 * kBudget + (int64_t{32} << 20)) << (peak >> 20) << " MiB";
 }
 
 }  // namespace
