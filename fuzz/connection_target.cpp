@@ -161,9 +161,10 @@ struct ConnectionFuzzer::Impl {
     state->Files.FileInfos.Open(kReqID);
     for (RpcBinding& binding : state->Rpc) {
       binding.Pending = {};
+      binding.PendingBytes = 0;
       if (binding.ReqType != RPC_RETURN) continue;
       binding.Pending.Open(kReqID);
-      *binding.Pending.Find(kReqID) = "BROADCAST";
+      *binding.Pending.Find(kReqID) = PendingCall{.NodeID = "BROADCAST"};
     }
   }
 
