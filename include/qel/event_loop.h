@@ -12,6 +12,16 @@ namespace qel {
 // the thread that calls these functions and the node objects' methods.
 // Events are raised from inside these calls (and from inside the node
 // methods that wait for an answer).
+//
+// The loop's thread is the first thread that creates a node object, runs
+// the loop (DoEvents, RunEventLoop) or reads cQELStats figures; it stays
+// the loop's thread for the life of the process. Every method of cQEL and
+// cQELStats (but QELVersion and RefusalReasons), DoEvents and RunEventLoop
+// called on another thread throw QelError -2147221500
+// (errors::kWrongThread) before they touch anything; a node object destroyed
+// on another thread is left open and says so on stderr. Other threads hand
+// work to the loop with Post. cSettings, clsFileIO2, cMD5, Variant and the
+// settings checks hold no loop state: any thread may use its own objects.
 
 // Runs every network and timer event that is ready; when none is ready,
 // waits up to lngWaitMs milliseconds for one and runs it (and whatever else
@@ -22,11 +32,12 @@ QEL_API void DoEvents(int32_t lngWaitMs = 0);
 // Post from another thread).
 QEL_API void RunEventLoop();
 
-// Makes RunEventLoop() return after the event that is running.
+// Makes RunEventLoop() return after the event that is running. Only posts,
+// so any thread may call it.
 QEL_API void StopEventLoop();
 
-// Runs fn on the loop's thread, inside a later DoEvents or RunEventLoop. The
-// only function here that may be called from any thread.
+// Runs fn on the loop's thread, inside a later DoEvents or RunEventLoop. May
+// be called from any thread.
 QEL_API void Post(std::function<void()> fn);
 
 }  // namespace qel

@@ -25,8 +25,10 @@ struct NodeAccess;
 // A node object. Several may live in one process; each is a separate node
 // with its own identity, settings and event handlers.
 //
-// Threading: create, call and destroy node objects on one thread, the host's;
-// events are raised synchronously on that thread, from inside QEL's calls.
+// Threading: create, call and destroy node objects on one thread, the event
+// loop's (<qel/event_loop.h> says which); a method called on another thread
+// throws QelError -2147221500. Events are raised synchronously on that
+// thread, from inside QEL's calls.
 //
 // Errors: a call on a node that has been shut down throws QelError
 // -2147221502 ("Cannot switch to session. Invalid session index: -1"). A fault
@@ -50,8 +52,9 @@ class QEL_API cQEL {
   // maxRoutes, confirmMode, confirmTimeout, confirmRetry, filePacket (KiB),
   // packetCache, maxMessage, memoryBudget, stallTimeout, maxConnections,
   // listenAddress (docs/guide.md lists their meanings and defaults). Absent
-  // keys keep their defaults; text that is not a settings text is ignored; a value of the wrong
-  // type is reported through Error and stops reading at that key. May be called again on a live
+  // keys keep their defaults; text that is not a settings text is reported through Error
+  // (Error 4) and leaves every default; a value of the wrong type is reported through Error with
+  // its key and what the key takes, and stops reading at that key. May be called again on a live
   // node.
   void Initialise(const std::string& nodeName, int32_t listenPort = 0, enmRole Role = role_Peer,
                   const std::string& Descriptor = "", const std::string& sharedDir = "",
@@ -71,7 +74,10 @@ class QEL_API cQEL {
   // listen port), or to the address discovery learned for a node identifier
   // when isNodeID. Waits up to Timeout ms, running the event loop. With
   // bMaintain the connection is re-dialled whenever it drops (every 5 s while
-  // it cannot be made).
+  // it cannot be made). False when the link is not up, with the reason
+  // through Error ("Connect to <address> failed: connection refused", "host
+  // not found (...)", "no connection within <Timeout> ms", "malformed address
+  // (...)"); a malformed address is not maintained.
   bool Connect(std::string strServer, bool isNodeID = false, bool bMaintain = false);
 
   // Closes this node's connections to strServer (or, when isNodeID, to the
@@ -244,7 +250,9 @@ class QEL_API cQEL {
   // A connection came up: accepted, made by Connect, or re-made for a
   // maintained link. SourceIP is the peer's IP, or the address dialled.
   std::function<void(std::string& SourceIP)> ConnectionEstab;
-  // A connection of this node closed.
+  // A connection of this node closed. SourceIP is "address:port": as
+  // dialled, or the peer's IP with the port it advertised (else the port its
+  // connection came from).
   std::function<void(std::string& SourceIP, std::string& nodeID)> ConnectionClosed;
   // A node asks for a shared file (GET): the path it sent, the local file
   // (empty when the path would leave the shares), the asker, the request,

@@ -11,7 +11,8 @@ namespace qel {
 
 // Rates are per second over the last 500 ms tick of the statistics timer and
 // change only on ticks; counts run from the time the library was loaded and
-// stop at 2147483647. Read on the host's thread.
+// stop at 2147483647. Read on the event loop's thread: the figures throw
+// QelError -2147221500 on another.
 class QEL_API cQELStats {
  public:
   int32_t InByteSpeed() const;

@@ -2,6 +2,7 @@
 
 #include <malloc.h>
 
+#include <cctype>
 #include <cerrno>
 
 #include <algorithm>
@@ -33,7 +34,29 @@ size_t MessageBytes(const typMessage& message) {
 }
 
 std::string PeerOf(const Connection& c) {
+  if (!c.Peer.empty()) return c.Peer;
   return c.Address.empty() ? c.sck->RemoteHost() : c.Address;
+}
+
+// Names the dial's failure for the host.
+DialResult DialFailure(const std::error_code& ec, int32_t timeoutMs) {
+  if (!ec) return {DialFault::Other, "closed before it came up"};
+  switch (ClassifyConnectError(ec)) {
+    case ConnectFailure::Lookup:
+      return {DialFault::Unresolvable, "host not found (" + ec.message() + ")"};
+    case ConnectFailure::Refused:
+      return {DialFault::Refused, "connection refused"};
+    case ConnectFailure::TimedOut:
+      return {DialFault::TimedOut, "no connection within " + std::to_string(timeoutMs) + " ms"};
+    case ConnectFailure::Other:
+      break;
+  }
+  return {DialFault::Other, ec.message()};
+}
+
+bool IsHostChar(char ch) {
+  return std::isalnum(static_cast<unsigned char>(ch)) || ch == '.' || ch == '-' || ch == '_' ||
+         ch == ':';
 }
 
 // Restores a nesting counter however the scope is left.
@@ -131,6 +154,8 @@ int32_t Connections::GetFreeSocket(LinkOwner& owner, const LinkLimits& limits) {
   c.limits = limits;
   c.NodeID.clear();
   c.Address.clear();
+  c.Peer.clear();
+  c.dialError.clear();
   c.Maintain = false;
   c.redial = false;
   ReleaseBuffers(c);
@@ -156,10 +181,11 @@ void Connections::Attach(int32_t index) {
                  generation](std::string_view data) { OnData(index, generation, data); },
       .onPeerClosed = [this, index] { CloseConnection(index, false); },
       .onError =
-          [this, index](const std::error_code&) {
+          [this, index](const std::error_code& ec) {
             // A failed re-dial parks the element for the next upkeep tick; a
             // waiting ConnectTo sees the state itself.
             Connection& failed = *conns_[index];
+            failed.dialError = ec;
             if (failed.redial) failed.sck->Close();
           },
       .onSent =
@@ -375,30 +401,66 @@ void Connections::OnAccept(size_t listener, std::unique_ptr<Socket> socket) {
   if (!owner->Alive() || socket->State() != SocketState::Connected) return;
   int32_t index = GetFreeSocket(*owner, entry.limits);
   conns_[index]->sck = std::move(socket);
+  conns_[index]->Peer =
+      conns_[index]->sck->RemoteHost() + ":" + std::to_string(conns_[index]->sck->RemotePort());
   conns_[index]->lastByteTick = TickCount();
   conns_[index]->sck->SetKeepAlive(entry.limits.keepAliveSec);
   Attach(index);
   owner->OnLinkUp(index, LinkKind::Accepted, source);
 }
 
-void Connections::StartDial(int32_t index, bool redial) {
-  Connection& c = *conns_[index];
-  std::string host = c.Address;
-  int32_t port = c.limits.defaultPort;
+DialTarget ParseDialAddress(std::string_view address, int32_t defaultPort) {
+  DialTarget target;
+  auto malformed = [&target](std::string why) {
+    target.fault = {DialFault::Malformed, "malformed address (" + std::move(why) + ")"};
+    return target;
+  };
+  std::string_view host = Trim(address);
+  if (host.empty()) return malformed("blank");
+  int32_t port = defaultPort;
   // Without a port the node dials its own listen port, as other nodes do.
-  if (size_t colon = c.Address.rfind(':'); colon != std::string::npos) {
-    host = c.Address.substr(0, colon);
-    port = Variant(c.Address.substr(colon + 1)).toInt32();
+  if (size_t colon = host.rfind(':'); colon != std::string_view::npos) {
+    try {
+      port = Variant(std::string(host.substr(colon + 1))).toInt32();
+    } catch (const QelError&) {
+      return malformed("the port is not a number");
+    }
+    host = Trim(host.substr(0, colon));
+    // An explicit 0 is dialled as classic nodes did, and refused by the system.
+    if (port < 0 || port > 65535) return malformed("the port is not from 0 to 65535");
+  } else if (port < 1 || port > 65535) {
+    return malformed("no port, and the node listens on none to dial instead");
   }
-  if (port < 0 || port > 65535) throw QelError(errors::kOverflow, "ConnectTo", "Overflow");
-  ReleaseBuffers(c);
-  c.redial = redial;
-  c.sck->Connect(std::string(Trim(host)), static_cast<uint16_t>(port), c.limits.connectTimeoutMs);
+  if (host.empty() || !std::all_of(host.begin(), host.end(), IsHostChar)) {
+    return malformed("the host is not a name or an IP address");
+  }
+  target.host = host;
+  target.port = static_cast<uint16_t>(port);
+  return target;
 }
 
-bool Connections::ConnectTo(LinkOwner& owner, const std::string& address, bool maintain,
-                            const LinkLimits& limits) {
-  if (Trim(address).empty()) return false;
+bool Connections::StartDial(int32_t index, bool redial) {
+  Connection& c = *conns_[index];
+  const DialTarget target = ParseDialAddress(c.Address, c.limits.defaultPort);
+  if (target.fault.fault != DialFault::None) {
+    if (auto owner = Lock(c.Owner)) {
+      owner->OnLinkFault("Connect to " + c.Address + " failed: " + target.fault.why);
+    }
+    c.Maintain = false;
+    return false;
+  }
+  ReleaseBuffers(c);
+  c.redial = redial;
+  c.dialError.clear();
+  c.Peer = target.host + ":" + std::to_string(target.port);
+  c.sck->Connect(target.host, target.port, c.limits.connectTimeoutMs);
+  return true;
+}
+
+DialResult Connections::ConnectTo(LinkOwner& owner, const std::string& address, bool maintain,
+                                  const LinkLimits& limits) {
+  const DialTarget target = ParseDialAddress(address, limits.defaultPort);
+  if (target.fault.fault != DialFault::None) return target.fault;
   const int32_t index = GetFreeSocket(owner, limits);
   Connection& c = *conns_[index];
   c.Maintain = maintain;
@@ -411,20 +473,22 @@ bool Connections::ConnectTo(LinkOwner& owner, const std::string& address, bool m
         return c.generation != generation || state != SocketState::Connecting;
       },
       limits.connectTimeoutMs + 1000);
-  if (c.generation == generation && c.sck->State() == SocketState::Connected) return true;
-  if (c.generation == generation) c.sck->Close();
-  return false;
+  if (c.generation != generation) return DialFailure({}, limits.connectTimeoutMs);
+  const SocketState state = c.sck->State();
+  if (state == SocketState::Connected) return {};
+  DialResult failure =
+      state == SocketState::Connecting
+          ? DialFailure(std::make_error_code(std::errc::timed_out), limits.connectTimeoutMs)
+          : DialFailure(c.dialError, limits.connectTimeoutMs);
+  c.sck->Close();
+  return failure;
 }
 
 void Connections::Redial(int32_t index) {
   Connection& c = *conns_[index];
   auto owner = Lock(c.Owner);
   if (!owner) return;
-  try {
-    StartDial(index, true);
-  } catch (...) {
-    owner->OnLinkFault(DescribeCurrentFault());
-  }
+  StartDial(index, true);
 }
 
 void Connections::CloseConnection(int32_t index, bool stopMaintaining) {
@@ -646,8 +710,7 @@ void Connections::LimitBacklog(int32_t index) {
   }
 }
 
-void Connections::WriteToAllExcept(const LinkOwner& owner, int32_t except,
-                                   std::string_view text) {
+void Connections::WriteToAllExcept(const LinkOwner& owner, int32_t except, std::string_view text) {
   // Writing never gives an element to another owner (closes are deferred).
   for (int32_t i : owner.Links) {
     if (i != except) Write(i, text);

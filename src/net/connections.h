@@ -45,6 +45,11 @@ struct Connection {
   LinkLimits limits;
   std::string NodeID;   // the peer, once its INFO arrived
   std::string Address;  // what Connect was given, or what the peer advertised
+  // "host:port" as the link is known, for the host's events: the address
+  // dialled with its port, else the peer's IP with the port it advertised,
+  // else with the port its connection came from. Kept after the socket broke.
+  std::string Peer;
+  std::error_code dialError;  // why the last dial failed
   bool Maintain = false;
   // The dial in progress was started by the table (a maintained link coming
   // back), not by a caller waiting for it.
@@ -67,6 +72,25 @@ struct Connection {
   };
   std::vector<DrainWaiter> drainWaiters;
 };
+
+// Why a dial did not bring a link up.
+enum class DialFault { None, Malformed, Unresolvable, Refused, TimedOut, Other };
+
+struct DialResult {
+  DialFault fault = DialFault::None;
+  std::string why;  // for the host, e.g. "connection refused"; empty when up
+  explicit operator bool() const { return fault == DialFault::None; }
+};
+
+// What an address names: host and port, or why it names nothing that can be
+// dialled (fault set to Malformed). "host:port" splits at the last colon;
+// without a port, defaultPort is dialled (0: none).
+struct DialTarget {
+  std::string host;
+  uint16_t port = 0;
+  DialResult fault;
+};
+DialTarget ParseDialAddress(std::string_view address, int32_t defaultPort);
 
 class Connections {
  public:
@@ -95,10 +119,11 @@ class Connections {
   int32_t ListenOnPort(LinkOwner& owner, int32_t port, const std::string& address,
                        const LinkLimits& limits);
   // Dials address ("host:port", or a host and limits.defaultPort) and runs
-  // the loop until it is up or limits.connectTimeoutMs passed. Throws
-  // QelError 6 for a port out of range, 13 for one that is not a number.
-  bool ConnectTo(LinkOwner& owner, const std::string& address, bool maintain,
-                 const LinkLimits& limits);
+  // the loop until it is up or limits.connectTimeoutMs passed; says why
+  // when it is not up. A malformed address takes no connection and is not
+  // maintained.
+  DialResult ConnectTo(LinkOwner& owner, const std::string& address, bool maintain,
+                       const LinkLimits& limits);
   // Closes one connection and tells its owner; a maintained one is dialled
   // again without waiting.
   void CloseConnection(int32_t index, bool stopMaintaining);
@@ -150,7 +175,8 @@ class Connections {
   // Gives element index to owner, taking it from the one it had.
   void SetOwner(int32_t index, LinkOwner& owner);
   void Attach(int32_t index);
-  void StartDial(int32_t index, bool redial);
+  // False when the address no longer parses (reported to the owner).
+  bool StartDial(int32_t index, bool redial);
   void Redial(int32_t index);
   void OnConnected(int32_t index);
   void OnData(int32_t index, uint64_t generation, std::string_view data);

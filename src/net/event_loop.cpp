@@ -1,7 +1,11 @@
 #include "net/event_loop.h"
 
+#include <atomic>
 #include <chrono>
+#include <string>
+#include <thread>
 
+#include <qel/error.h>
 #include <qel/event_loop.h>
 
 #include "net/asio_context.h"
@@ -24,7 +28,26 @@ Loop& TheLoop() {
   return *loop;
 }
 
+// The first thread to use the loop owns it for the process's life. Written
+// once, read on every call: a relaxed load and a compare in the common case.
+std::atomic<std::thread::id> loopThread;
+
 }  // namespace
+
+bool OnLoopThread() {
+  const std::thread::id me = std::this_thread::get_id();
+  std::thread::id owner = loopThread.load(std::memory_order_relaxed);
+  if (owner == me) return true;
+  return owner == std::thread::id() && loopThread.compare_exchange_strong(owner, me);
+}
+
+void ThrowWrongThread(const std::string& call) {
+  throw QelError(errors::kWrongThread, call,
+                 call +
+                     " called on a thread other than the event loop's: QEL is used on the thread "
+                     "that first created a node or ran the loop; other threads hand work to it "
+                     "with qel::Post");
+}
 
 asio::io_context& IoContext() {
   return TheLoop().io;
@@ -50,6 +73,7 @@ bool RunUntil(const std::function<bool()>& done, int64_t timeoutMs) {
 }
 
 void DoEvents(int32_t lngWaitMs) {
+  if (!OnLoopThread()) ThrowWrongThread("DoEvents");
   auto& io = IoContext();
   FlushPendingWrites();
   size_t ran = io.poll();
@@ -64,6 +88,7 @@ void DoEvents(int32_t lngWaitMs) {
 }
 
 void RunEventLoop() {
+  if (!OnLoopThread()) ThrowWrongThread("RunEventLoop");
   auto& loop = TheLoop();
   loop.stopRequested = false;
   while (!loop.stopRequested) {

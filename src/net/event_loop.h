@@ -4,12 +4,20 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 
 namespace qel {
 
 // Milliseconds from a steady clock: the tick count the waits and the
 // confirmation timing measure with.
 int64_t TickCount();
+
+// Whether the calling thread is the loop's, making it the loop's thread when
+// none is yet. Every public entry point that touches the loop or a node
+// asks, and throws with ThrowWrongThread when it is not.
+bool OnLoopThread();
+// Throws QelError kWrongThread naming call and the rule.
+[[noreturn]] void ThrowWrongThread(const std::string& call);
 
 // Runs the loop until done() is true or timeoutMs have passed; returns done().
 // Events of every node run meanwhile, so callers must re-check their state.

@@ -442,6 +442,22 @@ std::string Socket::RemoteHost() const {
   return ec ? std::string() : endpoint.address().to_string();
 }
 
+uint16_t Socket::RemotePort() const {
+  std::error_code ec;
+  auto endpoint = impl_->socket.remote_endpoint(ec);
+  return ec ? 0 : endpoint.port();
+}
+
+ConnectFailure ClassifyConnectError(const std::error_code& ec) {
+  if (ec.category() == asio::error::get_netdb_category() ||
+      ec.category() == asio::error::get_addrinfo_category()) {
+    return ConnectFailure::Lookup;
+  }
+  if (ec == asio::error::connection_refused) return ConnectFailure::Refused;
+  if (ec == asio::error::timed_out || ec == std::errc::timed_out) return ConnectFailure::TimedOut;
+  return ConnectFailure::Other;
+}
+
 bool Socket::SetKeepAlive(int32_t seconds) {
   if (seconds <= 0 || !impl_->socket.is_open()) return false;
   // Probes start after `idle` quiet seconds, three of them `interval` apart:

@@ -82,6 +82,8 @@ class Socket {
 
   SocketState State() const;
   std::string RemoteHost() const;
+  // The peer's port, or 0 when the socket is not connected.
+  uint16_t RemotePort() const;
   uint16_t LocalPort() const;
   // Has the kernel probe a quiet connection, so that a peer that vanished
   // without closing (power lost, link down) is closed within about
@@ -103,6 +105,10 @@ class Socket {
   struct Impl;
   std::shared_ptr<Impl> impl_;
 };
+
+// What a connect's error (onError) means to the one who asked for it.
+enum class ConnectFailure { Lookup, Refused, TimedOut, Other };
+ConnectFailure ClassifyConnectError(const std::error_code& ec);
 
 // Writes what every socket queued since the last call. The event loop calls
 // it whenever a handler returns and before it waits.

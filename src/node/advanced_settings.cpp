@@ -10,6 +10,7 @@
 
 #include "core/text.h"
 #include "node/advanced_values.h"
+#include "settings/settings_text.h"
 
 namespace qel {
 namespace {
@@ -139,12 +140,15 @@ std::span<const AdvancedSetting> AdvancedSettingsTable() {
 }
 
 std::vector<SettingProblem> CheckAdvancedSettings(const std::string& settingsText) {
+  if (std::string why = WhyNotSettingsText(settingsText); !why.empty()) {
+    return {{"", "", "not a settings text: " + why, true}};
+  }
   cSettings store;
   try {
     store.LoadXML(settingsText);
-  } catch (const QelError& e) {
-    return {{"", "", "not a settings text: Error " + std::to_string(e.Number) + ": " +
-                         e.Description,
+  } catch (const QelError& e) {  // more entries than a store holds
+    return {{"", "",
+             "not a settings text: Error " + std::to_string(e.Number) + ": " + e.Description,
              true}};
   }
   std::vector<SettingProblem> problems;
@@ -175,11 +179,21 @@ std::vector<SettingProblem> CheckAdvancedSettings(const std::string& settingsTex
 
 AdvancedValues::AdvancedValues(const std::string& settingsText) : given_(kSettings.size()) {
   if (settingsText.empty()) return;
+  // Text that is not a settings text leaves every default, and says why.
+  if (std::string why = WhyNotSettingsText(settingsText); !why.empty()) {
+    fault_ = std::make_exception_ptr(
+        QelError(errors::kCorruptSettings, "Initialise",
+                 "Corrupt or incompatible XMLSettings file: advancedSettings is not a settings "
+                 "text: " +
+                     why));
+    return;
+  }
   cSettings settings;
   try {
-    if (!settings.LoadXML(settingsText)) return;
+    settings.LoadXML(settingsText);
   } catch (const QelError&) {
-    return;  // text that is not a settings text leaves every default
+    fault_ = std::current_exception();  // more entries than a store holds
+    return;
   }
   for (size_t i = 0; i < kSettings.size(); ++i) {
     Variant value;
@@ -190,8 +204,12 @@ AdvancedValues::AdvancedValues(const std::string& settingsText) : given_(kSettin
     }
     try {
       given_[i] = Convert(kSettings[i].type, value);
-    } catch (const QelError&) {
-      fault_ = std::current_exception();
+    } catch (const QelError& e) {
+      // The classic number and text, then which key and what it takes.
+      fault_ = std::make_exception_ptr(
+          QelError(e.Number, "Initialise",
+                   e.Description + ": advanced setting " + std::string(kSettings[i].key) + " = \"" +
+                       value.toString() + "\" " + Expected(kSettings[i])));
       return;
     }
   }

@@ -4,8 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <source_location>
+#include <string_view>
 
 #include <qel/error.h>
 
@@ -15,6 +18,7 @@
 #include "files/sharing.h"
 #include "files/transfer.h"
 #include "net/connections.h"
+#include "net/event_loop.h"
 #include "net/local_address.h"
 #include "node/advanced_values.h"
 #include "node/module.h"
@@ -30,9 +34,19 @@
 namespace qel {
 namespace {
 
-// The guard every public method passes: makes the node current and keeps its
-// state alive for the rest of the call, even if a handler shuts it down.
-std::shared_ptr<NodeState> Enter(cQEL& self) {
+// "cQEL::Connect" from the compiler's full name of the method.
+std::string MethodName(std::string_view full) {
+  full = full.substr(0, full.find('('));
+  const size_t at = full.rfind("cQEL::");
+  return std::string(at == std::string_view::npos ? full : full.substr(at));
+}
+
+// The guard every public method passes: refuses a thread other than the
+// loop's, makes the node current and keeps its state alive for the rest of
+// the call, even if a handler shuts it down.
+std::shared_ptr<NodeState> Enter(cQEL& self,
+                                 std::source_location where = std::source_location::current()) {
+  if (!OnLoopThread()) ThrowWrongThread(MethodName(where.function_name()));
   Module& module = TheModule();
   int32_t slot = detail::NodeAccess::SlotIndex(self);
   module.SwitchSession(slot, true);
@@ -56,9 +70,11 @@ std::string AccountName() {
 }
 
 // Table sizes below zero are the classic subscript fault.
-void MakeTable(int32_t upper) {
+void MakeTable(int32_t upper, const char* key) {
   if (upper < 0) {
-    throw QelError(errors::kSubscriptOutOfRange, "Initialise", "Subscript out of range");
+    throw QelError(errors::kSubscriptOutOfRange, "Initialise",
+                   std::string("Subscript out of range: advanced setting ") + key + " = \"" +
+                       std::to_string(upper) + "\" must be 0 or more");
   }
 }
 
@@ -107,15 +123,17 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
 
   int64_t packetBytes = int64_t{filePacket} * 1024;
   if (packetBytes > INT32_MAX || packetBytes < INT32_MIN) {
-    throw QelError(errors::kOverflow, "Initialise", "Overflow");
+    throw QelError(errors::kOverflow, "Initialise",
+                   "Overflow: advanced setting filePacket = \"" + std::to_string(filePacket) +
+                       "\" must be an integer from 1 to " + std::to_string(INT32_MAX / 1024));
   }
   node.FilePacketBytes = static_cast<int32_t>(packetBytes);
   fetch.answerMs = std::max(node.Timeout, 1);
 
   node.RoutingOn = node.maxRoutes >= 1;
   // Negative sizes fail as the classic table set-up did.
-  MakeTable(node.maxRoutes);
-  MakeTable(packetCache);
+  MakeTable(node.maxRoutes, "maxRoutes");
+  MakeTable(packetCache, "packetCache");
   node.Routes = RouteTable(node.maxRoutes);
   node.SeenIDs = PacketCache(packetCache);
   node.Resends = ResendWindow();
@@ -132,6 +150,7 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
 }  // namespace
 
 cQEL::cQEL() {
+  if (!OnLoopThread()) ThrowWrongThread("cQEL::cQEL");
   Module& module = TheModule();
   if (!module.Initialised) module.Init();
   CheckDebugMode(TheDebugLog(), UserSettings(), AdvertisedAddress());
@@ -161,6 +180,9 @@ cQEL::~cQEL() {
   FileRequest = nullptr;
   try {
     if (slotIndex >= 1) ShutDown();
+  } catch (const QelError& e) {
+    // Closing from here would race the loop; the host must hear of it.
+    if (e.Number == errors::kWrongThread) std::fprintf(stderr, "QEL: %s\n", e.Description.c_str());
   } catch (...) {
     // A destructor must not throw; there is nobody left to tell.
   }
@@ -208,8 +230,16 @@ bool cQEL::Listen(int32_t lngPort) {
 bool cQEL::Connect(std::string strServer, bool isNodeID, bool bMaintain) {
   auto node = Enter(*this);
   try {
-    if (isNodeID) strServer = ResolveAddress(*node, strServer);
-    return Connections::Get().ConnectTo(*node, strServer, bMaintain, node->Limits());
+    std::string target = isNodeID ? ResolveAddress(*node, strServer) : strServer;
+    if (isNodeID && target.empty()) {
+      ReportError(*node, "Connect to node " + strServer + " failed: no address is known for it");
+      return false;
+    }
+    const DialResult result =
+        Connections::Get().ConnectTo(*node, target, bMaintain, node->Limits());
+    if (!result && node->Alive())
+      ReportError(*node, "Connect to " + target + " failed: " + result.why);
+    return static_cast<bool>(result);
   } catch (...) {
     ReportCurrentFault(*node);
   }

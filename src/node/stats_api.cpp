@@ -5,11 +5,14 @@
 #include <qel/version.h>
 
 #include "core/stats.h"
+#include "net/event_loop.h"
 
 namespace qel {
 namespace {
 
+// Every figure passes here: the counters belong to the loop's thread.
 const Stats& Figures() {
+  if (!OnLoopThread()) ThrowWrongThread("cQELStats");
   return TheStats();
 }
 
@@ -60,8 +63,9 @@ std::vector<std::string> cQELStats::RefusalReasons() {
 }
 
 int64_t cQELStats::Refused(const std::string& reason) const {
+  const Stats& figures = Figures();
   for (size_t i = 0; i < static_cast<size_t>(Refusal::kCount); ++i) {
-    if (RefusalName(static_cast<Refusal>(i)) == reason) return Figures().Refusals[i];
+    if (RefusalName(static_cast<Refusal>(i)) == reason) return figures.Refusals[i];
   }
   return 0;
 }

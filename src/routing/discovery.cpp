@@ -253,8 +253,18 @@ void OnInfo(RoutingNode& node, const typMessage& message, int32_t conn) {
     if (size_t colon = entry.Address.rfind(':'); colon != std::string::npos) {
       port = entry.Address.substr(colon + 1);
     }
-    c.Address = c.sck->RemoteHost() + ":" + port;
-    entry.Address = c.Address;
+    // A peer that advertises no usable port keeps the name its link had,
+    // so its close never names an address without a port.
+    const bool usable =
+        !port.empty() && port.size() <= 5 &&
+        std::all_of(port.begin(), port.end(), [](char ch) { return ch >= '0' && ch <= '9'; });
+    if (usable) {
+      std::string ip = c.sck->RemoteHost();
+      if (ip.empty()) ip = c.Peer.substr(0, c.Peer.rfind(':'));  // the link broke meanwhile
+      c.Address = ip + ":" + port;
+      c.Peer = c.Address;
+    }
+    if (!c.Address.empty()) entry.Address = c.Address;
   }
   RememberKnownNode(entry);
   if (room.cut) {

@@ -8,9 +8,16 @@
 #include "routing/outgoing.h"
 #include "routing/report.h"
 #include "routing/routing_node.h"
+#include "settings/settings_text.h"
 
 namespace qel {
 namespace {
+
+// Whether an encrypted body that must be a settings text is not one.
+bool GarbledSettingsBody(const typMessage& message) {
+  return (HasFlag(message, "NE") || HasFlag(message, "KE")) &&
+         !WhyNotSettingsText(message.Body).empty();
+}
 
 // keepBody: the message is relayed afterwards, so its body must stay.
 void Dispatch(RoutingNode& node, typMessage& message, int32_t conn, const std::string& source,
@@ -118,17 +125,26 @@ void ProcessMessage(RoutingNode& node, typMessage&& message, int32_t conn) {
         }
         DecodeOutcome outcome =
             DecodeBody(message, node.netPass, node.EncryptionKey, node.maxMessage);
+        std::string why;
+        if (outcome.result == DecodeResult::TooLarge) {
+          why = "its original length is above " + std::to_string(node.maxMessage);
+        } else if (outcome.result != DecodeResult::Ok) {
+          why = "its body does not decompress";
+        } else if (message.MsgType == "INFO" && GarbledSettingsBody(message)) {
+          // Decryption cannot fail, but an INFO must read as a settings text:
+          // garbage here is the one sign of a key that does not match.
+          why = HasFlag(message, "NE")
+                    ? "its body is garbage once decrypted: the sender's netPass is not this node's"
+                    : "its body is garbage once decrypted with this node's key";
+        }
         if (outcome.result == DecodeResult::Ok && outcome.compressed) {
           stats.RecordCompression(outcome.contentLength, outcome.originalLength);
-        } else if (outcome.result != DecodeResult::Ok) {
+        }
+        if (!why.empty()) {
           // Not delivered here; learning its route and relaying it (as it
           // arrived) go on as for any other message.
           decoded = false;
-          ReportError(node,
-                      "Message " + std::string(id) + " from " + source + " dropped: " +
-                          (outcome.result == DecodeResult::TooLarge
-                               ? "its original length is above " + std::to_string(node.maxMessage)
-                               : std::string("its body does not decompress")),
+          ReportError(node, "Message " + std::string(id) + " from " + source + " dropped: " + why,
                       source);
         }
       }

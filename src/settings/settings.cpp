@@ -1,5 +1,6 @@
 #include <qel/settings.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
@@ -15,6 +16,7 @@
 #include <qel/version.h>
 
 #include "core/text.h"
+#include "settings/settings_text.h"
 
 namespace qel {
 namespace {
@@ -200,29 +202,36 @@ void cSettings::SaveSettings(const std::string& strPath) {
   if (!out) ThrowFileError("SaveSettings: " + strPath);
 }
 
-bool cSettings::LoadXML(std::string strData) {
-  RemoveAll(strData, "<Settings>");
-  RemoveAll(strData, "</Settings>");
-  Impl& s = *impl_;
-  s.resetClass();
+namespace {
 
-  const std::string_view data = strData;
+// Walks a settings text (with its <Settings> markers removed) as the store
+// reads it, calling onSection(name) and onEntry(name, value) in order, and
+// onStray(text) for non-blank text outside every entry, which the store
+// skips. Throws QelError 4 where the text cannot be read on.
+template <class OnSection, class OnEntry, class OnStray>
+void WalkSettingsText(std::string_view data, OnSection onSection, OnEntry onEntry,
+                      OnStray onStray) {
   size_t pos = 0;
   bool inSection = false;
-  std::string sectionName;
-  int section = -1;
+  std::string_view sectionName;
+  auto skipped = [&](size_t end) {
+    constexpr std::string_view kBlank = " \t\r\n\v\f";
+    std::string_view gap = data.substr(pos, end - pos);
+    const size_t first = gap.find_first_not_of(kBlank);
+    if (first == std::string_view::npos) return;
+    gap = gap.substr(first, gap.find_last_not_of(kBlank) - first + 1);
+    onStray(gap);
+  };
   while (true) {
     const size_t open = data.find('<', pos);
-    if (open == std::string_view::npos) return true;
+    if (open == std::string_view::npos) return skipped(data.size());
+    skipped(open);
     const size_t close = data.find('>', open);
     if (close == std::string_view::npos) ThrowCorrupt();
     const std::string_view name = NameFromXML(data.substr(open, close - open + 1));
 
     if (!inSection) {
-      // A text with more sections than the store can index is not one this
-      // store wrote; report it like any other text it cannot read.
-      if (s.FindSection(name) < 0 && s.sections.size() >= kMaxCount) ThrowCorrupt();
-      section = s.AddSection(name);
+      onSection(name);
       sectionName = name;
       inSection = true;
       pos = close + 1;
@@ -232,8 +241,7 @@ bool cSettings::LoadXML(std::string strData) {
     // The section end must repeat the start tag's case exactly.
     if (name.size() == sectionName.size() + 1 && name[0] == '/' && name.substr(1) == sectionName) {
       inSection = false;
-      sectionName.clear();
-      section = -1;
+      sectionName = {};
       pos = close + 1;
       continue;
     }
@@ -245,12 +253,56 @@ bool cSettings::LoadXML(std::string strData) {
     const std::optional<std::string_view> value =
         FromXML(data.substr(open, entryEnd - open + 1), name);
     if (!value) ThrowCorrupt();
-    if (s.entries.size() >= kMaxCount) ThrowCorrupt();
-    s.entries.push_back({std::string(name), sectionName, Variant(*value)});
-    // Loading never merges repeated keys: the first one read wins on lookup.
-    s.AddEntryToSection(static_cast<int>(s.entries.size() - 1), section, false);
+    onEntry(name, sectionName, *value);
     pos = entryEnd + 1;
   }
+}
+
+}  // namespace
+
+bool cSettings::LoadXML(std::string strData) {
+  RemoveAll(strData, "<Settings>");
+  RemoveAll(strData, "</Settings>");
+  Impl& s = *impl_;
+  s.resetClass();
+  int section = -1;
+  WalkSettingsText(
+      strData,
+      [&](std::string_view name) {
+        // A text with more sections than the store can index is not one this
+        // store wrote; report it like any other text it cannot read.
+        if (s.FindSection(name) < 0 && s.sections.size() >= kMaxCount) ThrowCorrupt();
+        section = s.AddSection(name);
+      },
+      [&](std::string_view name, std::string_view sectionName, std::string_view value) {
+        if (s.entries.size() >= kMaxCount) ThrowCorrupt();
+        s.entries.push_back({std::string(name), std::string(sectionName), Variant(value)});
+        // Loading never merges repeated keys: the first one read wins on lookup.
+        s.AddEntryToSection(static_cast<int>(s.entries.size() - 1), section, false);
+      },
+      [](std::string_view) {});  // skipped, as the classic store does
+  return true;
+}
+
+std::string WhyNotSettingsText(std::string text) {
+  RemoveAll(text, "<Settings>");
+  RemoveAll(text, "</Settings>");
+  std::string why;
+  try {
+    WalkSettingsText(
+        text, [](std::string_view) {}, [](std::string_view, std::string_view, std::string_view) {},
+        [&why](std::string_view stray) {
+          if (!why.empty()) return;
+          // Its first line, cut short: enough to recognise the file.
+          constexpr size_t kShown = 24;
+          const size_t shown = std::min({kShown, stray.find_first_of("\r\n"), stray.size()});
+          why = "text outside any entry: \"" + std::string(stray.substr(0, shown)) +
+                (shown < stray.size() ? "...\"" : "\"");
+        });
+  } catch (const QelError& e) {
+    return "it does not load (Error " + std::to_string(e.Number) + ": " + e.Description + ")";
+  }
+  return why;
 }
 
 bool cSettings::LoadSettings(const std::string& strPath) {

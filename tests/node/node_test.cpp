@@ -6,6 +6,7 @@
 #include <memory>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #include <qel/advanced_settings.h>
 
@@ -57,12 +58,21 @@ TEST(NodeInitialiseTest, AdvancedSettingsOverrideOnlyWhatTheyNameAndEachTimeAnew
   EXPECT_TRUE(r.errors.empty());
 }
 
-TEST(NodeInitialiseTest, UnreadableTextIsIgnoredAndBadValuesAreReported) {
+TEST(NodeInitialiseTest, ForeignTextAndBadValuesAreReportedWithTheirKeys) {
   Peer r("delta");
   const std::string defaults = Summary(r.node);
+  // Neither loads as settings; both leave every default and say why.
   r.node.Initialise("delta", 0, role_Peer, "", "", "<Settings><Common><TTL>5");
+  r.node.Initialise("delta", 0, role_Peer, "", "", "TTL=5");
   EXPECT_EQ(Summary(r.node), defaults);
-  EXPECT_TRUE(r.errors.empty());
+  const std::string foreign =
+      "Error 4: Corrupt or incompatible XMLSettings file: advancedSettings is not a settings "
+      "text: ";
+  EXPECT_EQ(r.errors, (std::vector<std::string>{
+                          foreign + "it does not load (Error 4: Corrupt or incompatible "
+                                    "XMLSettings file)",
+                          foreign + "text outside any entry: \"TTL=5\""}));
+  r.errors.clear();
 
   // A conversion fault stops reading at that key: TTL was read before it,
   // maxRoutes never.
@@ -74,9 +84,18 @@ TEST(NodeInitialiseTest, UnreadableTextIsIgnoredAndBadValuesAreReported) {
        {"filePacket=2097152", "maxRoutes=40000", "Timeout=99999999999", "packetCache=-5"}) {
     r.node.Initialise("zeta", 0, role_Peer, "", "", Settings(bad));
   }
-  EXPECT_EQ(r.errors, (std::vector<std::string>{"Error 13: Type mismatch", "Error 6: Overflow",
-                                                "Error 6: Overflow", "Error 6: Overflow",
-                                                "Error 9: Subscript out of range"}));
+  EXPECT_EQ(r.errors,
+            (std::vector<std::string>{
+                "Error 13: Type mismatch: advanced setting useComp = \"maybe\" must be True or "
+                "False",
+                "Error 6: Overflow: advanced setting filePacket = \"2097152\" must be an integer "
+                "from 1 to 2097151",
+                "Error 6: Overflow: advanced setting maxRoutes = \"40000\" must be an integer "
+                "from 0 to 32767",
+                "Error 6: Overflow: advanced setting Timeout = \"99999999999\" must be an "
+                "integer from 0 to 2147483647",
+                "Error 9: Subscript out of range: advanced setting packetCache = \"-5\" must be 0 "
+                "or more"}));
 }
 
 TEST(NodeInitialiseTest, SharesTheFoldersThatExistAndMakesALocalAccount) {
@@ -314,6 +333,63 @@ TEST(ModuleSlotsTest, ShutDownRenumbersOnlyLaterNodesAndKeepsTheirState) {
   c->switchRole(role_Router);
   EXPECT_EQ(StateOf(*c).NodeID, idC);
   EXPECT_EQ(StateOf(*c).Owner, c.get());
+}
+
+TEST(NodeConnectTest, AFailedConnectSaysWhy) {
+  Peer host("host", Settings("Timeout=5000"));  // time enough to look a name up
+  uint16_t closedPort = 0;
+  close(ListenRaw(closedPort, 1));  // a port nobody listens on any more
+  const std::string refused = "127.0.0.1:" + std::to_string(closedPort);
+  for (const std::string& address : {refused, std::string("no-such-host.invalid:4000"),
+                                     std::string("garbage"), std::string("127.0.0.1:http")}) {
+    EXPECT_FALSE(host.node.Connect(address)) << address;
+  }
+  ASSERT_EQ(host.errors.size(), 4u);
+  EXPECT_EQ(host.errors[0], "Connect to " + refused + " failed: connection refused");
+  EXPECT_EQ(
+      host.errors[1].rfind("Connect to no-such-host.invalid:4000 failed: host not found (", 0), 0u)
+      << host.errors[1];
+  // Without a port a node dials its own listen port; this one has none.
+  EXPECT_EQ(host.errors[2],
+            "Connect to garbage failed: malformed address (no port, and the node listens on none "
+            "to dial instead)");
+  EXPECT_EQ(host.errors[3],
+            "Connect to 127.0.0.1:http failed: malformed address (the port is not a number)");
+  EXPECT_FALSE(host.node.isConnected());
+}
+
+// The loop's thread is the one that made the first node; any other is refused
+// at every entry point before anything is touched.
+TEST(NodeThreadTest, CallsFromAnotherThreadThrowNamingTheRule) {
+  Peer here("here");
+  cQELStats stats;
+  const std::vector<std::pair<std::string, std::function<void()>>> calls = {
+      {"cQEL::NodeID", [&] { here.node.NodeID(); }},
+      {"cQEL::Connect", [&] { here.node.Connect("127.0.0.1:1"); }},
+      {"cQEL::cQEL", [] { cQEL another; }},
+      {"cQELStats", [&] { stats.InPacketCount(); }},
+      {"DoEvents", [] { DoEvents(); }},
+  };
+  std::vector<std::string> refusals;
+  std::thread other([&] {
+    for (const auto& [name, call] : calls) {
+      try {
+        call();
+        refusals.push_back(name + " ran");
+      } catch (const QelError& e) {
+        const bool rule = e.Number == errors::kWrongThread &&
+                          e.Description.find("called on a thread other than the event loop's") !=
+                              std::string::npos;
+        refusals.push_back(e.Source + (rule ? "" : " without the rule: " + e.Description));
+      }
+    }
+  });
+  other.join();
+  std::vector<std::string> expected;
+  for (const auto& call : calls) expected.push_back(call.first);
+  EXPECT_EQ(refusals, expected);
+  EXPECT_FALSE(here.node.NodeID().empty());  // this thread goes on as before
+  EXPECT_TRUE(here.errors.empty());
 }
 
 }  // namespace

@@ -25,10 +25,12 @@ bool Has(const std::vector<std::string>& lines, size_t at, const std::string& pa
 TEST(HostilePeerTest, OverlongHeaderOrBodyClosesOnlyThatConnection) {
   Peer target("target", "", true);
   RawPeer calm(target), rude(target), greedy(target);
+  const uint16_t rudePort = rude.socket.LocalPort();
   rude.socket.Send(std::string(70000, 'x'));
   ASSERT_TRUE(Eventually([&] { return rude.closedByNode && target.closed.size() == 1; }));
   EXPECT_TRUE(Has(target.errors, 0, "header longer than 65536 bytes"));
-  EXPECT_EQ(target.closed[0], "127.0.0.1");  // a peer that never said where it listens
+  // A peer that never said where it listens is named by the port it came from.
+  EXPECT_EQ(target.closed[0], "127.0.0.1:" + std::to_string(rudePort));
   greedy.socket.Send("MSG  QEL/2.1\r\nContent-Length: 67108865\r\n\r\n");
   ASSERT_TRUE(Eventually([&] { return greedy.closedByNode && target.closed.size() == 2; }));
   EXPECT_TRUE(Has(target.errors, 1, "message longer than 67108864 bytes"));
@@ -48,6 +50,14 @@ TEST(HostilePeerTest, UndecodableBodiesAreDroppedAndTheConnectionStays) {
   peer.socket.Send(Message(packed, "Flags: Z,\r\nOriginal-Length: 7\r\n"));
   // Not delivered here, but relayed as it came.
   peer.socket.Send(RawMsg("CORRUPT", "TTL: 2\r\nFlags: Z,\r\nOriginal-Length: 10\r\n", "nor this"));
+  // Decryption cannot fail, but an INFO that is garbage once decrypted shows
+  // a pass phrase that is not this node's.
+  std::string info = "<Settings>\r\n  <Common>\r\n    <Name>x</Name>\r\n  </Common>\r\n</Settings>";
+  EncryptBody(info, "not the target's pass");
+  peer.socket.Send(
+      "INFO  QEL/2.1\r\nDestination: BROADCAST\r\nSource: RAW\r\nTTL: 1\r\n"
+      "Flags: NE,\r\nID: RAWINFO\r\nContent-Length: " +
+      std::to_string(info.size()) + "\r\n\r\n" + info);
   // A resource that does not decode is reported, and the message still counts.
   peer.socket.Send(
       "MSG %zz QEL/2.1\r\nDestination: BROADCAST\r\nSource: RAW\r\nTTL: 1\r\n"
@@ -55,12 +65,38 @@ TEST(HostilePeerTest, UndecodableBodiesAreDroppedAndTheConnectionStays) {
   ASSERT_TRUE(Eventually([&] { return target.messages.size() == 2 && watcher.Got("CORRUPT"); }));
   EXPECT_EQ(target.messages, (std::vector<std::string>{"payload", "after"}));
   EXPECT_EQ(watcher.got["CORRUPT"].Body, "nor this");
-  ASSERT_EQ(target.errors.size(), 4u);
+  ASSERT_EQ(target.errors.size(), 5u);
   EXPECT_TRUE(Has(target.errors, 0, "original length is above"));
   EXPECT_TRUE(Has(target.errors, 1, "does not decompress"));
   EXPECT_TRUE(Has(target.errors, 2, "does not decompress"));
-  EXPECT_EQ(target.errors[3], "Error 13: Type mismatch");
+  EXPECT_EQ(target.errors[3],
+            "Message RAWINFO from RAW dropped: its body is garbage once decrypted: the sender's "
+            "netPass is not this node's");
+  EXPECT_FALSE(target.Knows("RAW"));
+  EXPECT_EQ(target.errors[4], "Error 13: Type mismatch");
   EXPECT_FALSE(peer.closedByNode);
+}
+
+TEST(HostilePeerTest, ClosedLinksAreNamedWithThePortTheyWereKnownBy) {
+  Peer target("target", "", true);
+  RawPeer vague(target), exact(target);
+  // One advertises an address without a port, the other with one.
+  auto info = [](const std::string& source, const std::string& address) {
+    const std::string body = "<Settings>\r\n  <Common>\r\n    <Address>" + address +
+                             "</Address>\r\n  </Common>\r\n</Settings>";
+    return "INFO  QEL/2.1\r\nDestination: BROADCAST\r\nSource: " + source +
+           "\r\nTTL: 1\r\nHops: 0\r\nID: I" + source +
+           "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  };
+  vague.socket.Send(info("VAGUE", "127.0.0.1"));
+  exact.socket.Send(info("EXACT", "10.1.2.3:4711"));
+  ASSERT_TRUE(Eventually([&] { return target.Knows("VAGUE") && target.Knows("EXACT"); }));
+  const std::string vaguePort = std::to_string(vague.socket.LocalPort());
+  vague.socket.Close();
+  ASSERT_TRUE(Eventually([&] { return target.closed.size() == 1; }));
+  exact.socket.Close();
+  ASSERT_TRUE(Eventually([&] { return target.closed.size() == 2; }));
+  EXPECT_EQ(target.closed, (std::vector<std::string>{"127.0.0.1:" + vaguePort, "127.0.0.1:4711"}));
 }
 
 TEST(HostilePeerTest, APeerThatStopsReadingIsCutOffOnceItsQueueIsFull) {
@@ -76,8 +112,8 @@ TEST(HostilePeerTest, APeerThatStopsReadingIsCutOffOnceItsQueueIsFull) {
   }
   ASSERT_TRUE(Eventually([&] { return target.closed.size() == 1; }));
   ASSERT_EQ(target.errors.size(), 1u);
-  EXPECT_TRUE(target.errors[0].starts_with(
-      "Connection to 127.0.0.1 closed: more than 265536 bytes waiting to be sent"))
+  EXPECT_TRUE(target.errors[0].starts_with("Connection to " + target.closed[0] +
+                                           " closed: more than 265536 bytes waiting to be sent"))
       << target.errors[0];
   close(stuck);
 
@@ -263,7 +299,8 @@ TEST(RelayTest, RelayRewritesOnlyTtlHopsAndRoutePlainOrBesideArrayFields) {
   EXPECT_EQ(SerialiseMessage(to.got["BARE"]),
             std::string("MSG  QEL/2.1\r\nDestination: ") + kNowhere +
                 "\r\nSource: RAW\r\nTTL: 2\r\nID: BARE\r\nContent-Length: 1\r\nHops: 1\r\n"
-                "Route: " + relay.ID() + ",\r\n\r\nx");
+                "Route: " +
+                relay.ID() + ",\r\n\r\nx");
   ASSERT_TRUE(to.Got("ARRAYS"));
   EXPECT_EQ(SerialiseMessage(to.got["ARRAYS"]),
             Msg("ARRAYS",

@@ -68,15 +68,15 @@ TEST(QelNodeTest, MessagesCrossAMiddleProcessFollowRoutesLinksCloseAndBadCommand
   // An empty listing says what it is: an empty folder, none, a file or silence.
   EXPECT_EQ(a.Command("ls " + rc.id + " \\sub recursive"),
             json({{"command", "ls"}, {"ok", true}, {"value", json::array()}}));
-  EXPECT_EQ(a.Command("ls " + rc.id + " \\nosuch")["error"], "no folder \\nosuch shared by " + rc.id);
+  EXPECT_EQ(a.Command("ls " + rc.id + " \\nosuch")["error"],
+            "no folder \\nosuch shared by " + rc.id);
   EXPECT_EQ(a.Command("ls " + rc.id + " /abc.txt")["error"],
             "/abc.txt is a file shared by " + rc.id + ", not a folder");
   EXPECT_TRUE(c.Command("ls {NOBODY} \\")["error"].get<std::string>().starts_with(
       "no answer from {NOBODY} within "));
   EXPECT_EQ(a.Command("fileinfo " + rc.id + " \\abc.txt hash")["value"],
             json({{"lngSize", 3}, {"strHash", "900150983cd24fb0d6963f7d28e17f72"}}));
-  EXPECT_EQ(a.Command("fileinfo " + rc.id + " \\sub")["error"],
-            "no file \\sub shared by " + rc.id);
+  EXPECT_EQ(a.Command("fileinfo " + rc.id + " \\sub")["error"], "no file \\sub shared by " + rc.id);
   // No answer is a failure of its own, not a size 0 (C waits its 500 ms).
   const json silent = c.Command("fileinfo {NOBODY} \\abc.txt hash");
   EXPECT_EQ(json::array({silent["ok"], silent["value"]}), json::array({false, nullptr}));
@@ -406,8 +406,19 @@ TEST(QelNodeTest, SettingsAndOptionsAreCheckedBeforeTheNodeStarts) {
     EXPECT_EQ(p.LineCount(), 0u) << p.Output();
     EXPECT_NE(p.Errors().find(error), std::string::npos) << p.Errors();
   }
+  // A file in another format would load as nothing: it is refused, saying why.
+  auto foreign = path;
+  foreign += "-ini";
+  std::ofstream(foreign) << "[Common]\nTTL=5\n";
+  NodeProcess refused({"--settings", foreign});
+  EXPECT_EQ(refused.WaitExit(), 2);
+  EXPECT_NE(refused.Errors().find(foreign.string() +
+                                  ": not a settings text: text outside any entry: \"[Common]"),
+            std::string::npos)
+      << refused.Errors();
   std::filesystem::remove(path);
   std::filesystem::remove(corrupt);
+  std::filesystem::remove(foreign);
 }
 
 // SIGTERM and SIGINT shut a node down cleanly; with --no-console it reads

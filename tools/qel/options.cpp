@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cctype>
 #include <climits>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <system_error>
 
@@ -124,6 +126,13 @@ std::string AdvancedSettings(const NodeOptions& options) {
     const std::string file = "settings file " + options.settingsFile + ": ";
     try {
       settings.LoadSettings(options.settingsFile);
+      // The store skips what it cannot place, so a file in another format
+      // would load as nothing: refuse it, saying why.
+      std::ifstream in(options.settingsFile, std::ios::binary);
+      const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+      for (const qel::SettingProblem& problem : qel::CheckAdvancedSettings(text)) {
+        if (problem.key.empty()) throw OptionError(file + problem.message);
+      }
     } catch (const qel::QelError& e) {
       throw OptionError(file + "Error " + std::to_string(e.Number) + ": " + e.Description);
     } catch (const std::system_error& e) {
