@@ -14,8 +14,9 @@ namespace qel {
 class DupWindow {
  public:
   // At most this many IDs are held: 6 MiB of ring and 12 MiB of key table
-  // (at most half full), 30 MiB for the moment the table grows. Past it the
-  // oldest go before their time, and Cuts() counts them.
+  // (at most half full), 24 MiB at the moment the table grows. A minute of
+  // a flood at 4,000 messages a second fits; past the cap the oldest go
+  // before their time, and Cuts() counts them.
   static constexpr size_t kMaxIDs = size_t{1} << 18;
 
   explicit DupWindow(size_t maxIDs = kMaxIDs) : ids_(maxIDs) {}
