@@ -62,8 +62,8 @@ class Ring {
       if (!node.Listen(0)) throw std::runtime_error("a node cannot listen");
     }
     for (int i = 0; i < kRing; ++i) {
-      const std::string next = std::string(kLoopback) + ":" +
-                               std::to_string(nodes_[(i + 1) % kRing]->ListenPort());
+      const std::string next =
+          std::string(kLoopback) + ":" + std::to_string(nodes_[(i + 1) % kRing]->ListenPort());
       if (!nodes_[i]->Connect(next)) throw std::runtime_error("a node cannot connect");
     }
     Settle();
@@ -158,8 +158,10 @@ class Ring {
     const int64_t limit = NowNs() + kWaitNs;
     while (sent < bytes.size()) {
       const ssize_t n = send(raw_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-      if (n > 0) sent += static_cast<size_t>(n);
-      else if (errno != EAGAIN && errno != EWOULDBLOCK) throw std::runtime_error("raw send failed");
+      if (n > 0)
+        sent += static_cast<size_t>(n);
+      else if (errno != EAGAIN && errno != EWOULDBLOCK)
+        throw std::runtime_error("raw send failed");
       if (NowNs() > limit) throw std::runtime_error("the node stopped reading");
       Turn();
     }
@@ -186,8 +188,10 @@ class Ring {
     while (NowNs() - quietSince < kQuietNs) {
       if (NowNs() > limit) throw std::runtime_error("the ring never fell quiet");
       moved_ = false;
-      if (raw_ >= 0) Turn();
-      else qel::DoEvents(5);
+      if (raw_ >= 0)
+        Turn();
+      else
+        qel::DoEvents(5);
       if (const int32_t now = stats_.InPacketCount(); now != last || moved_) {
         last = now;
         quietSince = NowNs();
@@ -232,8 +236,8 @@ std::string Ratio(const Burst& b) {
 
 // A small folder every node shares, for SEARCH to find.
 std::string MakeShare() {
-  const std::string folder = std::filesystem::temp_directory_path().string() + "/qel-ring-" +
-                             std::to_string(getpid());
+  const std::string folder =
+      std::filesystem::temp_directory_path().string() + "/qel-ring-" + std::to_string(getpid());
   std::filesystem::create_directories(folder);
   for (int i = 0; i < 5; ++i) {
     std::ofstream(folder + "/file" + std::to_string(i) + ".txt") << "file " << i;

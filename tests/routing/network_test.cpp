@@ -99,7 +99,9 @@ TEST(NetworkTest, AResendAfterTheDuplicateCacheMovedOnIsNotDeliveredAgain) {
 // node handles and relays a message once however many are in flight.
 TEST(NetworkTest, ARingHandlesEveryFloodOnceOnEveryNode) {
   std::vector<std::unique_ptr<Peer>> ring;
-  for (int i = 0; i < 5; ++i) ring.push_back(std::make_unique<Peer>("r" + std::to_string(i), "", true));
+  for (int i = 0; i < 5; ++i) {
+    ring.push_back(std::make_unique<Peer>("r" + std::to_string(i), "", true));
+  }
   for (int i = 0; i < 5; ++i) ring[i]->ConnectTo(*ring[(i + 1) % 5]);
   RawPeer peer(*ring[0]);
   ASSERT_TRUE(Eventually([&] { return !peer.arrivals.empty(); }));  // its announcement
@@ -114,8 +116,9 @@ TEST(NetworkTest, ARingHandlesEveryFloodOnceOnEveryNode) {
   }
   peer.socket.Send(burst);
   auto isInfo = [](const auto& arrival) { return arrival.first == "INFO"; };
-  ASSERT_TRUE(Eventually([&] { return std::ranges::count_if(peer.arrivals, isInfo) >= 5 * kWhois; }));
-  std::set<std::pair<std::string, std::string>> distinct(peer.arrivals.begin(), peer.arrivals.end());
+  ASSERT_TRUE(
+      Eventually([&] { return std::ranges::count_if(peer.arrivals, isInfo) >= 5 * kWhois; }));
+  const std::set distinct(peer.arrivals.begin(), peer.arrivals.end());
   EXPECT_EQ(peer.arrivals.size(), 5u * kWhois) << "WHOIS or INFO copies came back";
   EXPECT_EQ(distinct.size(), peer.arrivals.size());
   peer.arrivals.clear();
@@ -128,7 +131,8 @@ TEST(NetworkTest, ARingHandlesEveryFloodOnceOnEveryNode) {
   }
   peer.socket.Send(flood);
   ASSERT_TRUE(Eventually([&] {
-    return std::ranges::all_of(ring, [](const auto& node) { return node->messages.size() >= kFlood; });
+    return std::ranges::all_of(ring,
+                               [](const auto& node) { return node->messages.size() >= kFlood; });
   }));
   for (const auto& node : ring) {
     EXPECT_EQ(std::set<std::string>(node->messages.begin(), node->messages.end()).size(),
