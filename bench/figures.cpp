@@ -6,7 +6,8 @@
 //   qel_figures [--runs N] [--verbose] [--only TEXT] [--with qel,tcp,zmq]
 //
 // --only keeps the figures whose name contains TEXT ("direct plain", "relay",
-// "ping", "rpc", "codec", "md5", "file transfer", "file transfer relayed", "scale");
+// "ping", "rpc", "codec", "md5", "file transfer", "file transfer relayed", "scale",
+// "amplification");
 // --with keeps the listed contenders (handy under perf).
 #include <signal.h>
 #include <stdlib.h>
@@ -19,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "amplification_figure.h"
 #include "codec_figure.h"
 #include "harness.h"
 #include "hash_figure.h"
@@ -332,6 +334,13 @@ int main(int argc, char** argv) {
   for (int32_t nodes : {100, 1000}) {
     if (WantFigure(options, "scale " + std::to_string(nodes) + " nodes")) {
       ScaleFigure(nodes, options.runs, options.verbose);
+    }
+  }
+  // A raw peer's bursts and a broadcast flood on a ring, with the duplicate
+  // window and without it (the classic nodes' behaviour).
+  for (int32_t dupWindow : {60, 0}) {
+    if (WantFigure(options, "amplification dupWindow " + std::to_string(dupWindow))) {
+      AmplificationFigure(dupWindow, 100'000);
     }
   }
   std::filesystem::remove_all(home);

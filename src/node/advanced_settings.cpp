@@ -18,7 +18,7 @@ namespace {
 constexpr int64_t kInt32Max = INT32_MAX;
 
 // docs/guide.md describes each key; keep the two in step.
-constexpr std::array<AdvancedSetting, 22> kSettings = {{
+constexpr std::array<AdvancedSetting, 23> kSettings = {{
     {"Timeout", SettingType::Integer32, "500", 0, kInt32Max},
     {"TTL", SettingType::Integer32, "20", 0, kInt32Max},
     {"useEnc", SettingType::Boolean, "False"},
@@ -33,6 +33,9 @@ constexpr std::array<AdvancedSetting, 22> kSettings = {{
     // Kilobytes: the bytes must fit 32 bits.
     {"filePacket", SettingType::Integer32, "256", 1, kInt32Max / 1024},
     {"packetCache", SettingType::Integer32, "50", 0, kInt32Max},
+    // Seconds a message ID is remembered besides the packetCache list; 0:
+    // only the list, as classic nodes do.
+    {"dupWindow", SettingType::Integer32, "60", 0, kInt32Max},
     {"maxMessage", SettingType::Integer64, "67108864", 0, INT64_MAX},
     {"memoryBudget", SettingType::Integer64, "268435456", 0, INT64_MAX},
     {"stallTimeout", SettingType::Integer32, "30000", 0, kInt32Max},

@@ -105,6 +105,7 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
   node.confirmRetry = values.Get("confirmRetry").toInt32();
   const int32_t filePacket = values.Get("filePacket").toInt32();
   const int32_t packetCache = values.Get("packetCache").toInt32();
+  const int32_t dupWindow = values.Get("dupWindow").toInt32();
   node.maxMessage = values.Get("maxMessage").toInt64();
   node.memoryBudget = values.Get("memoryBudget").toInt64();
   node.stallTimeout = values.Get("stallTimeout").toInt32();
@@ -136,6 +137,8 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
   MakeTable(packetCache, "packetCache");
   node.Routes = RouteTable(node.maxRoutes);
   node.SeenIDs = PacketCache(packetCache);
+  node.RecentIDs = DupWindow();
+  node.RecentIDs.SetSpan(std::max(dupWindow, 0) * int64_t{1000});
   node.Resends = ResendWindow();
   // Every write and resend of a confirmed message, as this node would make
   // them, and a second for the last to arrive.

@@ -69,8 +69,8 @@ void ProcessMessage(RoutingNode& node, typMessage&& message, int32_t conn) {
   const std::string_view id = field(&WireIndex::id, "ID");
   const std::string_view destination = field(&WireIndex::destination, "Destination");
   const bool exact = !node.NodeID.empty() && destination == node.NodeID;
-  const bool duplicate = node.SeenIDs.Contains(id);
-  if (!duplicate) node.SeenIDs.Add(id);
+  const bool duplicate = SeenBefore(node, id);
+  if (!node.Alive()) return;  // an Error handler shut the node down
   // A message that asks this node for a CONFIRM comes again when the
   // CONFIRM is lost, often after the duplicate cache has moved on: it is
   // confirmed again but delivered only once.

@@ -13,9 +13,11 @@
 #include "core/stats.h"
 #include "core/text.h"
 #include "net/connections.h"
+#include "net/event_loop.h"
 #include "protocol/body.h"
 #include "routing/confirm.h"
 #include "routing/discovery.h"
+#include "routing/report.h"
 #include "routing/routing_node.h"
 #include "routing/transmit.h"
 
@@ -114,6 +116,23 @@ void TransmitText(RoutingNode& node, Text&& text, int32_t fromConn, int32_t viaC
   }
 }
 
+// Both lists, so that a copy still circling is dropped however many others
+// passed meanwhile: the packetCache list alone forgets it after that many.
+bool NoteSeen(RoutingNode& node, std::string_view id) {
+  if (node.SeenIDs.Contains(id)) return true;
+  if (node.RecentIDs.Note(id, TickCount())) return true;
+  node.SeenIDs.Add(id);
+  return false;
+}
+
+// A message of our own. What the window's cap forgets here is counted but
+// not said: a send raises no events (cuts on the way in are said).
+void NoteOwnID(RoutingNode& node, std::string_view id) {
+  const uint64_t cuts = node.RecentIDs.Cuts();
+  NoteSeen(node, id);
+  if (node.RecentIDs.Cuts() != cuts) TheStats().Refused(Refusal::DupWindow);
+}
+
 }  // namespace
 
 void Transmit(RoutingNode& node, std::string_view text, int32_t fromConn, int32_t viaConn,
@@ -163,7 +182,7 @@ void SendPacket(RoutingNode& node, typMessage& message, int32_t viaConn) {
   std::string id = GetSingleField(message.Fields, "ID");
   std::string destination = GetSingleField(message.Fields, "Destination");
   // Our own messages coming back over another path are dropped as seen.
-  if (!node.seeSelf && !node.SeenIDs.Contains(id)) node.SeenIDs.Add(id);
+  if (!node.seeSelf) NoteOwnID(node, id);
   if (confirm) {
     QueueConfirmable(node, {.Text = SerialiseMessage(message),
                             .ViaConn = viaConn,
@@ -216,9 +235,20 @@ bool SendPlainMsg(RoutingNode& node, std::string_view type, std::string_view des
   static std::string* scratch = new std::string;
   scratch->clear();
   AppendPlainMsg(node, type, destination, body, id, *scratch);
-  if (!node.seeSelf && !node.SeenIDs.Contains(id)) node.SeenIDs.Add(id);
+  if (!node.seeSelf) NoteOwnID(node, id);
   Transmit(node, std::string_view(*scratch), -1, 0, std::string(destination));
   return true;
+}
+
+bool SeenBefore(RoutingNode& node, std::string_view id) {
+  const uint64_t cuts = node.RecentIDs.Cuts();
+  const bool seen = NoteSeen(node, id);
+  if (node.RecentIDs.Cuts() != cuts) {
+    ReportRefusal(node, Refusal::DupWindow,
+                  "More than " + std::to_string(DupWindow::kMaxIDs) +
+                      " messages within dupWindow: the oldest IDs were forgotten early");
+  }
+  return seen;
 }
 
 void ForwardPacket(RoutingNode& node, typMessage& message, int32_t fromConn) {

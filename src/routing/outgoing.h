@@ -41,6 +41,12 @@ void AppendPlainMsg(const RoutingNode& node, std::string_view type, std::string_
 bool SendPlainMsg(RoutingNode& node, std::string_view type, std::string_view destination,
                   std::string_view body);
 
+// Notes the ID of a received message as seen by node, in the packetCache
+// list and in the duplicate window; whether either held it already. IDs the
+// window's cap forgot early are counted and reported, so this may raise the
+// node's Error event and run the loop.
+bool SeenBefore(RoutingNode& node, std::string_view id);
+
 // Relays a received message to every connection but the one it came in on,
 // with TTL one lower (and at most this node's own TTL - 1), Hops one higher
 // (stopping at INT64_MAX; not a number counts as 0) and this node on its

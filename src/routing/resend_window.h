@@ -6,9 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
-#include <vector>
 
-#include "routing/key_table.h"
+#include "routing/timed_keys.h"
 
 namespace qel {
 
@@ -22,10 +21,10 @@ class ResendWindow {
   // the earliest.
   static constexpr int64_t kConfirmGapMs = 250;
 
-  explicit ResendWindow(size_t maxIDs = kMaxIDs) : maxIDs_(maxIDs) {}
+  explicit ResendWindow(size_t maxIDs = kMaxIDs) : ids_(maxIDs) {}
 
   // How long, in ms, an ID is held after it was first seen; 0 holds none.
-  void SetSpan(int64_t ms) { spanMs_ = ms; }
+  void SetSpan(int64_t ms) { ids_.SetSpan(ms); }
 
   enum class Seen {
     First,   // not held: now held, and confirmed now
@@ -36,29 +35,13 @@ class ResendWindow {
   // non-decreasing between calls).
   Seen Note(std::string_view id, int64_t now);
 
-  size_t Size() const { return count_; }
+  size_t Size() const { return ids_.Size(); }
   // IDs the cap pushed out before their span had passed.
-  uint64_t Cuts() const { return cuts_; }
+  uint64_t Cuts() const { return ids_.Cuts(); }
 
  private:
-  struct Entry {
-    IDKey key;
-    int64_t seenAt;
-  };
-  void Expire(int64_t now);
-  void PushBack(const Entry& entry);
-  void PopFront();
-
-  size_t maxIDs_;
-  int64_t spanMs_ = 0;
-  // A ring of the held IDs, oldest at head_; grows by doubling up to
-  // maxIDs_ and is given back when it empties, so an idle node holds none.
-  std::vector<Entry> ring_;
-  size_t head_ = 0;
-  size_t count_ = 0;
   // Each held ID's last confirmation time.
-  KeyTable<int64_t> held_;
-  uint64_t cuts_ = 0;
+  TimedKeys<int64_t> ids_;
 };
 
 }  // namespace qel

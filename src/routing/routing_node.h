@@ -11,6 +11,7 @@
 
 #include "core/stats.h"
 #include "net/link_owner.h"
+#include "routing/dup_window.h"
 #include "routing/node_entry.h"
 #include "routing/packet_cache.h"
 #include "routing/resend_window.h"
@@ -55,8 +56,10 @@ struct RoutingNode : LinkOwner {
   // Where Listen listens; empty: every IPv4 interface.
   std::string listenAddress;
 
-  // Identifiers of messages seen or sent, and the learned routes.
+  // Identifiers of messages seen or sent: the last packetCache of them, and
+  // those of the last dupWindow seconds (see SeenBefore).
   PacketCache SeenIDs;
+  DupWindow RecentIDs;
   // Messages this node confirmed, held while their senders may resend them.
   ResendWindow Resends;
   RouteTable Routes;

@@ -1,6 +1,10 @@
 // Nodes in one process talking over loopback.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <memory>
+#include <set>
+
 #include "../support/peers.h"
 #include "routing/confirm.h"
 
@@ -88,6 +92,54 @@ TEST(NetworkTest, AResendAfterTheDuplicateCacheMovedOnIsNotDeliveredAgain) {
   peer.socket.Send(RawMsg("LAST", "TTL: 1\r\n", "last", target.ID()));
   ASSERT_TRUE(Eventually([&] { return !target.messages.empty() && target.messages.back() == "last"; }));
   EXPECT_EQ(target.messages, (std::vector<std::string>{"once", "X1", "X2", "X3", "last"}));
+}
+
+// Five nodes in a ring and a raw peer on one of them. Every loop a flood
+// can take brings copies back long after packetCache others passed; each
+// node handles and relays a message once however many are in flight.
+TEST(NetworkTest, ARingHandlesEveryFloodOnceOnEveryNode) {
+  std::vector<std::unique_ptr<Peer>> ring;
+  for (int i = 0; i < 5; ++i) {
+    ring.push_back(std::make_unique<Peer>("r" + std::to_string(i), "", true));
+  }
+  for (int i = 0; i < 5; ++i) ring[i]->ConnectTo(*ring[(i + 1) % 5]);
+  RawPeer peer(*ring[0]);
+  ASSERT_TRUE(Eventually([&] { return !peer.arrivals.empty(); }));  // its announcement
+  peer.arrivals.clear();
+
+  // Each node answers each WHOIS with one INFO, which reaches the asker once.
+  constexpr int kWhois = 200;
+  std::string burst;
+  for (int i = 0; i < kWhois; ++i) {
+    burst += "WHOIS  QEL/2.1\r\nDestination: BROADCAST\r\nSource: ASKER\r\nTTL: 20\r\nID: W" +
+             std::to_string(i) + "\r\n\r\n";
+  }
+  peer.socket.Send(burst);
+  auto isInfo = [](const auto& arrival) { return arrival.first == "INFO"; };
+  ASSERT_TRUE(
+      Eventually([&] { return std::ranges::count_if(peer.arrivals, isInfo) >= 5 * kWhois; }));
+  const std::set distinct(peer.arrivals.begin(), peer.arrivals.end());
+  EXPECT_EQ(peer.arrivals.size(), 5u * kWhois) << "WHOIS or INFO copies came back";
+  EXPECT_EQ(distinct.size(), peer.arrivals.size());
+  peer.arrivals.clear();
+
+  // A broadcast flood is raised once per message on every node.
+  constexpr int kFlood = 3000;
+  std::string flood;
+  for (int i = 0; i < kFlood; ++i) {
+    flood += RawMsg("F" + std::to_string(i), "TTL: 20\r\n", "flood " + std::to_string(i));
+  }
+  peer.socket.Send(flood);
+  ASSERT_TRUE(Eventually([&] {
+    return std::ranges::all_of(ring,
+                               [](const auto& node) { return node->messages.size() >= kFlood; });
+  }));
+  for (const auto& node : ring) {
+    EXPECT_EQ(std::set<std::string>(node->messages.begin(), node->messages.end()).size(),
+              node->messages.size())
+        << node->ID() << " raised a message twice";
+  }
+  EXPECT_TRUE(peer.arrivals.empty()) << peer.arrivals.size() << " of its own came back";
 }
 
 TEST(NetworkTest, RefusedRequestsAndHandlersThatShutTheirNodeDown) {

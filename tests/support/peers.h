@@ -108,17 +108,19 @@ inline int Dial(uint16_t port, int receiveBuffer = 0) {
 }
 
 // A raw TCP peer of a node that keeps every MSG it is sent, by ID, and every
-// other message by ReqID.
+// other message by ReqID; arrivals lists the type and ID of each message.
 struct RawPeer {
   Socket socket;
   MessageFeeder feeder;
   std::map<std::string, typMessage> got, answers;
+  std::vector<std::pair<std::string, std::string>> arrivals;
   bool connected = false, closedByNode = false;
   explicit RawPeer(Peer& node) {
     socket.SetHandlers({.onConnected = [this] { connected = true; },
                         .onData =
                             [this](std::string_view data) {
                               feeder.Feed(data, [this](typMessage&& m) {
+                                arrivals.emplace_back(m.MsgType, GetSingleField(m.Fields, "ID"));
                                 if (m.MsgType == "MSG") got[GetSingleField(m.Fields, "ID")] = m;
                                 else answers[GetSingleField(m.Fields, "ReqID")] = m;
                               });
