@@ -80,11 +80,21 @@ struct Serving {
 
 void SendPieces(const std::shared_ptr<Serving>& job);
 
-// The link whose queue paces a transfer: the route to the asker, or, for a
-// piece that floods every link, the fullest one.
+// Where answers to an asker go when no route to it is known: back on the
+// link its GET came on, while that link lasts. Flooding them instead would
+// let one GET from an unknown name fill every link with file pieces.
+int32_t ReplyLink(RoutingNode& node, const std::string& asker, int32_t link, uint64_t generation) {
+  if (link <= 0 || FindRoute(node, asker) > 0) return 0;
+  auto& connections = Connections::Get();
+  return connections.IsConnected(link) && connections.At(link).generation == generation ? link : 0;
+}
+
+// The link whose queue paces a transfer: the route to the asker, the link
+// its GET came on, or, for a piece that floods every link, the fullest one.
 int32_t PacingLink(RoutingNode& node, const Serving& job) {
-  const int32_t conn = FindRoute(node, job.asker);
-  return conn != 0 ? conn : Connections::Get().FullestConnection(node);
+  if (const int32_t conn = FindRoute(node, job.asker); conn != 0) return conn;
+  if (job.link > 0) return job.link;
+  return Connections::Get().FullestConnection(node);
 }
 
 // Goes on once the asker's link has room for more.
@@ -136,7 +146,8 @@ void SendPieces(const std::shared_ptr<Serving>& job) {
     enmFileStatus status = done ? FS_Complete : FS_Transferring;
     if (shrank || *job->cancelled) status = FS_Canceled;
     SendFilePiece(node, job->asker, ContentRangeText(first, first + got - 1, job->size),
-                  std::move(data), job->reqID, status, "");
+                  std::move(data), job->reqID, status, "",
+                  ReplyLink(node, job->asker, job->link, job->linkGeneration));
     if (status == FS_Transferring) Continue(node, job);
   } catch (...) {
     ReportCurrentFault(node);
@@ -161,7 +172,10 @@ void Start(RoutingNode& node, FileSharing& files, QueuedGet get) {
                         connections.At(job->link).generation != job->linkGeneration)) {
     return;
   }
-  auto cancel = [&] { SendFilePiece(node, get.asker, "", "", get.reqID, FS_Canceled, ""); };
+  auto cancel = [&] {
+    SendFilePiece(node, get.asker, "", "", get.reqID, FS_Canceled, "",
+                  ReplyLink(node, get.asker, get.link, get.linkGeneration));
+  };
   job->fd = OpenSharedFile(files.Folders, node.SharingFiles, get.resource);
   struct stat info {};
   if (job->fd < 0 || fstat(job->fd, &info) != 0) return cancel();
@@ -200,7 +214,8 @@ void StartWaiting(RoutingNode& node, FileSharing& files) {
       auto it = files->Served.find(ServedKey(get.asker, get.reqID));
       if (it != files->Served.end() && it->second == get.cancelled) files->Served.erase(it);
       try {
-        SendFilePiece(node, get.asker, "", "", get.reqID, FS_Canceled, "");
+        SendFilePiece(node, get.asker, "", "", get.reqID, FS_Canceled, "",
+                      ReplyLink(node, get.asker, get.link, get.linkGeneration));
       } catch (...) {
         ReportCurrentFault(node);
       }
@@ -248,10 +263,10 @@ std::string RequestFile(RoutingNode& node, const std::string& remotePath,
 
 void SendFilePiece(RoutingNode& node, const std::string& destination, const std::string& rangeText,
                    std::string data, std::string reqID, enmFileStatus status,
-                   const std::string& metadata) {
+                   const std::string& metadata, int32_t viaConn) {
   if (reqID.empty()) reqID = NewID();
   typMessage piece = MakeFilePiece(destination, rangeText, std::move(data), reqID, status, metadata);
-  SendPacket(node, piece);
+  SendPacket(node, piece, viaConn);
 }
 
 void OnFilePiece(RoutingNode& node, FileSharing& files, TransferHost& host,
@@ -285,7 +300,7 @@ void OnFilePiece(RoutingNode& node, FileSharing& files, TransferHost& host,
 }
 
 void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typMessage& message,
-           const std::string& asker, int32_t packetBytes) {
+           const std::string& asker, int32_t packetBytes, int32_t conn) {
   const std::string rangeText = GetSingleField(message.Fields, "Range");
   std::optional<std::vector<typQELRange>> ranges = ParseRanges(rangeText);
   if (ranges && ranges->empty()) ranges->push_back(MakeRange());
@@ -298,7 +313,9 @@ void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typM
                        GetSingleField(message.Fields, "Metadata"));
   if (hostAnswers || !node.Alive()) return;
 
-  auto cancel = [&] { SendFilePiece(node, asker, "", "", reqID, FS_Canceled, ""); };
+  auto cancel = [&] {
+    SendFilePiece(node, asker, "", "", reqID, FS_Canceled, "", FindRoute(node, asker) > 0 ? 0 : conn);
+  };
   if (!path || !ranges) return cancel();
   QueuedGet get{.asker = asker,
                 .reqID = reqID,
@@ -306,7 +323,8 @@ void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typM
                 .range = ranges->front(),
                 .packet = static_cast<size_t>(std::max(packetBytes, 1)),
                 .cancelled = std::make_shared<bool>(false)};
-  if (const int32_t link = FindRoute(node, asker); link > 0) {
+  const int32_t route = FindRoute(node, asker);
+  if (const int32_t link = route > 0 ? route : conn; link > 0) {
     get.link = link;
     get.linkGeneration = Connections::Get().At(link).generation;
   }

@@ -39,7 +39,8 @@ void NodeState::RaiseError(std::string strMessage, std::string nodeID) {
   RaiseErrorEvent(*this, std::move(strMessage), std::move(nodeID));
 }
 
-void NodeState::Deliver(typMessage& message, int32_t, const std::string& source, bool keepBody) {
+void NodeState::Deliver(typMessage& message, int32_t conn, const std::string& source,
+                        bool keepBody) {
   if (message.MsgType == "MSG") {
     std::string kind = GetSingleField(message.Fields, "Type");
     std::string body = keepBody ? message.Body : std::move(message.Body);
@@ -51,7 +52,7 @@ void NodeState::Deliver(typMessage& message, int32_t, const std::string& source,
     return;
   }
   if (message.MsgType == "GET") {
-    OnGet(*this, Files, *this, message, source, FilePacketBytes);
+    OnGet(*this, Files, *this, message, source, FilePacketBytes, conn);
     return;
   }
   if (message.MsgType == "FILE") {
