@@ -10,6 +10,7 @@
 #include <optional>
 #include <system_error>
 
+#include "files/regular_file.h"
 #include "files/remote_path.h"
 
 namespace qel {
@@ -152,21 +153,7 @@ int OpenSharedFile(const std::vector<typSharedFolder>& folders, bool sharing,
   const std::optional<PathInShare> path = SplitPathInShare(folders, sharing, remotePath);
   if (!path) return Fail(ENOENT);
   const int fd = OpenBeneath(path->root, path->parts, O_RDONLY);
-  if (fd < 0) return -1;
-  struct stat info {};
-  int error = 0;
-  if (fstat(fd, &info) != 0) {
-    error = errno;
-  } else if (!S_ISREG(info.st_mode)) {
-    error = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
-  } else if (fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0) {
-    error = errno;
-  }
-  if (error != 0) {
-    close(fd);
-    return Fail(error);
-  }
-  return fd;
+  return fd < 0 ? -1 : KeepIfRegular(fd);
 }
 
 }  // namespace qel

@@ -16,7 +16,10 @@ int OpenRegularFile(const std::string& path, int flags) {
   }
   // Non-blocking, so that opening a FIFO does not wait for a writer.
   const int fd = open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK, 0666);
-  if (fd < 0) return -1;
+  return fd < 0 ? -1 : KeepIfRegular(fd);
+}
+
+int KeepIfRegular(int fd) {
   struct stat info {};
   int error = 0;
   if (fstat(fd, &info) != 0) {

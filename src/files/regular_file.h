@@ -14,6 +14,10 @@ namespace qel {
 // is not regular, EISDIR for a folder).
 int OpenRegularFile(const std::string& path, int flags);
 
+// fd, opened non-blocking, made blocking when it is a regular file; closed
+// otherwise. Returns fd, or -1 with errno set as OpenRegularFile does.
+int KeepIfRegular(int fd);
+
 // Reads up to size bytes of fd at offset into out, retrying short reads;
 // fewer come back only at the end of the file. Throws std::system_error
 // naming what on a read error.
