@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <memory>
 #include <source_location>
+#include <stdexcept>
 #include <string_view>
 
 #include <qel/error.h>
@@ -158,6 +159,7 @@ void TakeKey(NodeState& node, const std::string& keyFile) {
   node.Key = NodeKey();
   if (keyFile.empty()) {
     node.Key = NodeKey::Fresh();
+    if (!node.Key.Valid()) throw std::runtime_error("no node key could be made");
     DebugLine("Node " + node.Name + ": no keyFile, a fresh key for this run: key ID " +
               node.Key.ID());
     return;
