@@ -51,7 +51,9 @@ class QEL_API cQEL {
   // text): Timeout, TTL, useEnc, netPass, useComp, seeSelf, announceSelf,
   // maxRoutes, confirmMode, confirmTimeout, confirmRetry, filePacket (KiB),
   // packetCache, maxMessage, memoryBudget, stallTimeout, maxConnections,
-  // listenAddress (docs/guide.md lists their meanings and defaults). Absent
+  // listenAddress, keyFile (docs/guide.md lists their meanings and defaults).
+  // The node's key comes from keyFile, read or created there, or is fresh
+  // when keyFile is blank, even when another setting is wrong. Absent
   // keys keep their defaults; text that is not a settings text is reported through Error
   // (Error 4) and leaves every default; a value of the wrong type is reported through Error with
   // its key and what the key takes, and stops reading at that key. May be called again on a live
@@ -230,6 +232,11 @@ class QEL_API cQEL {
   // This node's identifier (empty before Initialise): the Source of its
   // messages and what other nodes address it by.
   std::string NodeID();
+
+  // This node's key ID: SHA-256 of its Ed25519 public key (DER
+  // SubjectPublicKeyInfo) as 64 lower-case hex digits. Empty before
+  // Initialise and when keyFile gave no key (Initialise reported why).
+  std::string KeyID();
 
   // The port the node listens on, or advertises when not listening yet.
   int32_t ListenPort();

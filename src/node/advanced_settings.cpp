@@ -18,7 +18,11 @@ namespace {
 constexpr int64_t kInt32Max = INT32_MAX;
 
 // docs/guide.md describes each key; keep the two in step.
-constexpr std::array<AdvancedSetting, 23> kSettings = {{
+constexpr std::array<AdvancedSetting, 24> kSettings = {{
+    // The node's private key (PEM), created when missing; blank: a fresh key
+    // each Initialise. First, so that a bad value of a later key, which stops
+    // the reading, cannot leave the node under a fresh identity instead.
+    {"keyFile", SettingType::Text, ""},
     {"Timeout", SettingType::Integer32, "500", 0, kInt32Max},
     {"TTL", SettingType::Integer32, "20", 0, kInt32Max},
     {"useEnc", SettingType::Boolean, "False"},

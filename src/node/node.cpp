@@ -8,11 +8,14 @@
 #include <cstdlib>
 #include <memory>
 #include <source_location>
+#include <stdexcept>
 #include <string_view>
 
 #include <qel/error.h>
 
+#include "core/debug_log.h"
 #include "core/new_id.h"
+#include "core/node_key.h"
 #include "core/text.h"
 #include "files/ranges.h"
 #include "files/sharing.h"
@@ -80,7 +83,7 @@ void MakeTable(int32_t upper, const char* key) {
 
 void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenPort, enmRole role,
                    const std::string& descriptor, const std::string& sharedDir,
-                   const std::string& advancedSettings) {
+                   const AdvancedValues& values) {
   node.EncryptionKey = NewID();
   node.NodeID = NewID();
   node.ListenPort = listenPort;
@@ -91,7 +94,6 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
   // Keys the text does not give take the table's defaults, all but the pass
   // phrase, which a node keeps from its last Initialise. A value of the wrong
   // type stops the reading there, with the earlier keys already set.
-  const AdvancedValues values(advancedSettings);
   node.Timeout = values.Get("Timeout").toInt32();
   node.TTL = values.Get("TTL").toInt32();
   node.useEnc = values.Get("useEnc").toBool();
@@ -150,6 +152,27 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
   TheModule().UpdateConfirmTimer();
 }
 
+// The key of keyFile, or a fresh one for this run when it is blank. A file
+// that gives no key leaves the node without one: running under another
+// identity than the one asked for would be worse than running without.
+void TakeKey(NodeState& node, const std::string& keyFile) {
+  node.Key = NodeKey();
+  if (keyFile.empty()) {
+    node.Key = NodeKey::Fresh();
+    if (!node.Key.Valid()) throw std::runtime_error("no node key could be made");
+    DebugLine("Node " + node.Name + ": no keyFile, a fresh key for this run: key ID " +
+              node.Key.ID());
+    return;
+  }
+  LoadedKey loaded = LoadOrCreateNodeKey(keyFile);
+  if (!loaded.key.Valid()) {
+    throw QelError(errors::kCorruptSettings, "Initialise",
+                   "Bad key file: advanced setting keyFile: " + keyFile + " " + loaded.why);
+  }
+  node.Key = std::move(loaded.key);
+  if (loaded.created) DebugLine("Node " + node.Name + ": created key file " + keyFile);
+}
+
 }  // namespace
 
 cQEL::cQEL() {
@@ -196,7 +219,14 @@ void cQEL::Initialise(const std::string& nodeName, int32_t listenPort, enmRole R
                       const std::string& advancedSettings) {
   auto node = Enter(*this);
   try {
-    ApplySettings(*node, nodeName, listenPort, Role, Descriptor, sharedDir, advancedSettings);
+    const AdvancedValues values(advancedSettings);
+    try {
+      ApplySettings(*node, nodeName, listenPort, Role, Descriptor, sharedDir, values);
+    } catch (...) {
+      ReportCurrentFault(*node);
+    }
+    // A node has its key whatever else the settings got wrong.
+    if (node->Alive()) TakeKey(*node, std::string(Trim(values.Get("keyFile").toString())));
   } catch (...) {
     ReportCurrentFault(*node);
   }
@@ -465,6 +495,10 @@ bool cQEL::isConnected() {
 
 std::string cQEL::NodeID() {
   return Enter(*this)->NodeID;
+}
+
+std::string cQEL::KeyID() {
+  return Enter(*this)->Key.ID();
 }
 
 int32_t cQEL::ListenPort() {

@@ -9,6 +9,7 @@
 
 #include <qel/types.h>
 
+#include "core/node_key.h"
 #include "core/stats.h"
 #include "net/link_owner.h"
 #include "routing/dup_window.h"
@@ -26,6 +27,9 @@ struct RoutingNode : LinkOwner {
   enmRole Role = role_Peer;
   std::string Descriptor;
   int32_t ListenPort = 0;
+  // The key pair the node is known by; none before Initialise, or when its
+  // keyFile gave none.
+  NodeKey Key;
   // Announced in INFO; kept by the subsystems that own them.
   bool SharingFiles = false;
   std::string ActiveUser;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -96,6 +97,41 @@ TEST(NodeInitialiseTest, ForeignTextAndBadValuesAreReportedWithTheirKeys) {
                 "integer from 0 to 2147483647",
                 "Error 9: Subscript out of range: advanced setting packetCache = \"-5\" must be 0 "
                 "or more"}));
+}
+
+// A key file is made private and atomically, keeps the node's key ID from
+// one start to the next, and one that holds no key leaves the node keyless
+// rather than under another identity.
+TEST(NodeInitialiseTest, KeyFileIsCreatedPrivateReloadedAndRefusedWhenGarbage) {
+  const auto folder = std::filesystem::path(testing::TempDir()) /
+                      ("qel_keys_" + std::to_string(getpid()));
+  std::filesystem::remove_all(folder);
+  std::filesystem::create_directories(folder);
+  const std::string path = (folder / "node.pem").string();
+
+  Peer r("key", Settings("keyFile=" + path));
+  const std::string id = r.node.KeyID();
+  EXPECT_EQ(id.size(), 64u);
+  EXPECT_EQ(std::filesystem::status(path).permissions(),
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  // Only the key is left: the temporary it was written to is gone.
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1);
+  r.node.Initialise("key", 0, role_Peer, "", "", Settings("keyFile=" + path));
+  EXPECT_EQ(r.node.KeyID(), id);
+  Peer other("other");
+  EXPECT_EQ(other.node.KeyID().size(), 64u);
+  EXPECT_NE(other.node.KeyID(), id);
+
+  std::ofstream(path, std::ios::trunc) << "garbage\n";
+  // The key is taken even past a bad value of another setting.
+  r.node.Initialise("key", 0, role_Peer, "", "", Settings("TTL=x keyFile=" + path));
+  EXPECT_EQ(r.node.KeyID(), "");
+  EXPECT_EQ(r.errors, (std::vector<std::string>{
+                          "Error 13: Type mismatch: advanced setting TTL = \"x\" must be an "
+                          "integer from 0 to 2147483647",
+                          "Error 4: Bad key file: advanced setting keyFile: " + path +
+                              " holds no PEM private key"}));
+  std::filesystem::remove_all(folder);
 }
 
 TEST(NodeInitialiseTest, SharesTheFoldersThatExistAndMakesALocalAccount) {

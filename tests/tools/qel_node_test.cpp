@@ -421,6 +421,40 @@ TEST(QelNodeTest, SettingsAndOptionsAreCheckedBeforeTheNodeStarts) {
   std::filesystem::remove(foreign);
 }
 
+// What `qel id --key FILE` prints on its standard output.
+std::string KeyIDOf(const std::string& path) {
+  FILE* out = popen((std::string(QEL_CLI_PATH) + " id --key '" + path + "'").c_str(), "r");
+  std::string text;
+  char buffer[256];
+  for (size_t n; out && (n = fread(buffer, 1, sizeof buffer, out)) > 0;) text.append(buffer, n);
+  EXPECT_EQ(out ? pclose(out) : -1, 0) << text;
+  return text;
+}
+
+// `qel id` makes the key file once and reads it as the node does, so both
+// give one ID; a file that holds no key stops the node before it starts.
+TEST(QelNodeTest, IdPrintsTheKeyIDTheNodeStartsWith) {
+  const std::string path = (std::filesystem::temp_directory_path() /
+                            ("qel-key-test-" + std::to_string(getpid()) + ".pem"))
+                               .string();
+  std::filesystem::remove(path);
+  const std::string id = KeyIDOf(path);
+  EXPECT_EQ(id.size(), 65u) << id;  // and a newline
+  EXPECT_EQ(KeyIDOf(path), id);
+  {
+    NodeProcess node({"--key", path});
+    EXPECT_EQ(node.WaitEvent("Ready").value("KeyID", "") + "\n", id);
+  }
+
+  std::ofstream(path, std::ios::trunc) << "garbage\n";
+  NodeProcess refused({"--key", path});
+  EXPECT_EQ(refused.WaitExit(), 2);
+  EXPECT_EQ(refused.LineCount(), 0u) << refused.Output();
+  EXPECT_NE(refused.Errors().find(path + " holds no PEM private key"), std::string::npos)
+      << refused.Errors();
+  std::filesystem::remove(path);
+}
+
 // SIGTERM and SIGINT shut a node down cleanly; with --no-console it reads
 // nothing and runs past the end of its input.
 TEST(QelNodeTest, SignalsShutTheNodeDownCleanly) {

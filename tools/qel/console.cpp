@@ -178,9 +178,15 @@ int RunNode(const NodeOptions& options) {
   qel::cQEL node;
   Downloads downloads(node, *out);
   RpcBindings rpc(node, *out);
-  ReportEvents(node, *out, downloads);
+  // What Initialise reports goes with the other faults found before start:
+  // a node whose key file gives no key must not run under another identity.
+  std::vector<std::string> faults;
+  node.Error = [&faults](std::string& text, std::string&) { faults.push_back(text); };
   node.Initialise(options.name, options.port, options.role, options.descriptor,
                   options.shares.empty() ? "" : options.shares.front(), settings);
+  for (const std::string& fault : faults) std::cerr << "qel: " << fault << "\n";
+  if (node.KeyID().empty()) return 2;
+  ReportEvents(node, *out, downloads);
   for (size_t i = 1; i < options.shares.size(); ++i) node.shareFolder(options.shares[i]);
   bool listening = false;
   try {
@@ -199,7 +205,8 @@ int RunNode(const NodeOptions& options) {
   out->Event("Ready", {{"ID", node.NodeID()},
                        {"Name", options.name},
                        {"Port", port},
-                       {"Address", qel::LocalAddress() + ":" + std::to_string(port)}});
+                       {"Address", qel::LocalAddress() + ":" + std::to_string(port)},
+                       {"KeyID", node.KeyID()}});
 
   Console console(node, downloads, rpc, *out);
   {

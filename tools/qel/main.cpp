@@ -2,11 +2,35 @@
 #include <iostream>
 
 #include <qel/error.h>
+#include <qel/node.h>
+#include <qel/settings.h>
 #include <qel/stats.h>
 #include <CLI/CLI.hpp>
 
 #include "console.h"
 #include "options.h"
+
+namespace {
+
+// `qel id`: the key ID a node started with --key keyFile has, through the
+// node's own reading of the file, so the two cannot differ.
+int PrintKeyID(const std::string& keyFile) {
+  qel::cSettings settings;
+  settings.SaveSetting("keyFile", keyFile);
+  qel::cQEL node;
+  std::string fault = "no key";
+  node.Error = [&fault](std::string& text, std::string&) { fault = text; };
+  node.Initialise("id", 0, qel::role_Peer, "", "", settings.getXML());
+  const std::string id = node.KeyID();
+  if (id.empty()) {
+    std::cerr << "qel: " << fault << "\n";
+    return 1;
+  }
+  std::cout << id << "\n";
+  return 0;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   CLI::App app{"QEL peer-to-peer overlay node"};
@@ -16,6 +40,10 @@ int main(int argc, char** argv) {
   qelcli::NodeOptions nodeOptions;
   CLI::App* node = app.add_subcommand("node", "Run one node with a console");
   qelcli::AddNodeOptions(*node, nodeOptions);
+  std::string keyFile;
+  CLI::App* id = app.add_subcommand("id", "Print the key ID of a node key file");
+  id->add_option("--key", keyFile, "PEM file of the node's key, created when missing")
+      ->required();
   std::string topic;
   CLI::App* help = app.add_subcommand("help", "Print this help, or a command's");
   help->add_option("command", topic, "The command to describe");
@@ -28,6 +56,8 @@ int main(int argc, char** argv) {
       std::cout << formatter->make_help(&app, "qel", CLI::AppFormatMode::Normal);
     } else if (topic == "node") {
       std::cout << formatter->make_help(node, "qel node", CLI::AppFormatMode::Normal);
+    } else if (topic == "id") {
+      std::cout << formatter->make_help(id, "qel id", CLI::AppFormatMode::Normal);
     } else {
       std::cerr << "qel: no command '" << topic << "' (try qel help)\n";
       return 2;
@@ -35,6 +65,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   try {
+    if (id->parsed()) return PrintKeyID(keyFile);
     return qelcli::RunNode(nodeOptions);
   } catch (const qel::QelError& e) {
     std::cerr << "qel: Error " << e.Number << ": " << e.Description << "\n";

@@ -109,6 +109,8 @@ void AddNodeOptions(CLI::App& command, NodeOptions& options) {
       .add_option("--listen-address", options.listenAddress,
                   "Numeric IPv4 or IPv6 address to listen on (setting listenAddress)")
       ->check(CheckAddress);
+  command.add_option("--key", options.keyFile,
+                     "PEM file of the node's key, created when missing (setting keyFile)");
   command.add_option("--connect", options.connects, "HOST[:PORT] to connect to (repeatable)")
       ->allow_extra_args(false);
   command.add_flag("--maintain", options.maintain, "Re-dial the --connect nodes when they drop");
@@ -118,7 +120,8 @@ void AddNodeOptions(CLI::App& command, NodeOptions& options) {
 }
 
 std::string AdvancedSettings(const NodeOptions& options) {
-  if (options.settingsFile.empty() && options.sets.empty() && options.listenAddress.empty()) {
+  if (options.settingsFile.empty() && options.sets.empty() && options.listenAddress.empty() &&
+      options.keyFile.empty()) {
     return "";
   }
   qel::cSettings settings;
@@ -152,6 +155,7 @@ std::string AdvancedSettings(const NodeOptions& options) {
     save(assignment.substr(0, eq), assignment.substr(eq + 1));
   }
   if (!options.listenAddress.empty()) save("listenAddress", options.listenAddress);
+  if (!options.keyFile.empty()) save("keyFile", options.keyFile);
   return settings.getXML();
 }
 

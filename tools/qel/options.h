@@ -21,6 +21,7 @@ struct NodeOptions {
   std::string settingsFile;
   std::vector<std::string> sets;  // KEY=VALUE, section Common
   std::string listenAddress;
+  std::string keyFile;
   std::vector<std::string> connects;
   bool maintain = false;
   bool json = false;
@@ -36,7 +37,7 @@ struct OptionError : std::runtime_error {
 };
 
 // The advancedSettings text for Initialise: the settings file, every --set
-// applied on top, then --listen-address; "" when none is given. Throws
+// applied on top, then --listen-address and --key; "" when none is given. Throws
 // OptionError for a file that does not load or a key the store refuses.
 std::string AdvancedSettings(const NodeOptions& options);
 
