@@ -16,12 +16,14 @@ std::vector<MemoryBudget::Close> MemoryBudget::ToClose(std::span<const Holding> 
   if (WithinShare((grower == links.end() ? 0 : grower->bytes) + incoming)) return closes;
   std::vector<bool> condemned(links.size(), false);
   for (;;) {
-    Close largest{.total = incoming};
+    Close largest;
     size_t at = 0;
     for (size_t i = 0; i < links.size(); ++i) {
       if (!links[i].counted || condemned[i]) continue;
       const size_t held = links[i].bytes + (links[i].link == growing ? incoming : 0);
-      largest.total += links[i].bytes;
+      // The grower's incoming bytes count only while it does: once it is
+      // condemned they are refused, and must not close anyone else.
+      largest.total += held;
       if (held > largest.held) {
         largest = {.link = links[i].link, .held = held, .total = largest.total};
         at = i;

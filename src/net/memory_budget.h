@@ -39,7 +39,7 @@ class MemoryBudget {
   // more bytes: nothing while growing stays within its share; otherwise, while
   // the counted links hold more than the budget, the one holding the most
   // (the first listed on a tie; never one holding nothing) closes and no
-  // longer counts.
+  // longer counts. The incoming bytes count with growing, and go with it.
   std::vector<Close> ToClose(std::span<const Holding> links, int32_t growing,
                              size_t incoming) const;
 

@@ -33,6 +33,9 @@ TEST(MemoryBudgetTest, TheLargestHoldersCloseUntilTheRestFit) {
             (Closes{{2, 600, 1650}, {3, 500, 1050}}));
   // The grower counts with what it is about to take.
   EXPECT_EQ(Choose(1000, 10, {{1, 600}, {4, 350}}, 4, 300), (Closes{{4, 650, 1250}}));
+  // Once the grower goes, what it was about to take is refused and counts no
+  // more: the others, within the budget without it, stay.
+  EXPECT_EQ(Choose(1000, 10, {{1, 300}, {2, 300}, {4, 100}}, 4, 500), (Closes{{4, 600, 1200}}));
   // On a tie the first listed goes.
   EXPECT_EQ(Choose(1000, 10, {{1, 500}, {2, 500}, {4, 200}}, 4, 0), (Closes{{1, 500, 1200}}));
   // Links closed or already condemned neither count nor close.
