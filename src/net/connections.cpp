@@ -16,6 +16,7 @@
 #include "core/fault.h"
 #include "core/stats.h"
 #include "core/text.h"
+#include "net/memory_budget.h"
 
 namespace qel {
 namespace {
@@ -565,27 +566,19 @@ size_t Connections::HeldBytes(int32_t index) const {
 
 void Connections::CheckBudget(int32_t index, size_t incoming) {
   const Connection& c = *conns_[index];
-  const int64_t budget = std::max<int64_t>(c.limits.memoryBudget, 0);
-  // Connections below their share of the budget cannot pass it together, so
-  // the whole table is only added up when one grows past its share.
-  const size_t share = static_cast<size_t>(budget / std::max(c.limits.maxConnections, 1));
-  if (HeldBytes(index) + incoming <= share) return;
-  for (;;) {
+  const MemoryBudget budget(c.limits.memoryBudget, c.limits.maxConnections);
+  if (budget.WithinShare(HeldBytes(index) + incoming)) return;
+  std::vector<MemoryBudget::Holding> links;
+  links.reserve(conns_.size());
+  for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
+    const Connection& other = *conns_[i];
     // Connections already on their way out no longer count.
-    size_t total = incoming, most = 0;
-    int32_t largest = 0;
-    for (int32_t i = 1; i < static_cast<int32_t>(conns_.size()); ++i) {
-      const Connection& other = *conns_[i];
-      if (other.sck->State() == SocketState::Closed || other.backlogFull) continue;
-      const size_t held = HeldBytes(i);
-      total += held;
-      if (held + (i == index ? incoming : 0) > most) {
-        most = held + (i == index ? incoming : 0);
-        largest = i;
-      }
-    }
-    if (total <= static_cast<size_t>(budget) || largest == 0) return;
-    Connection& victim = *conns_[largest];
+    links.push_back({.link = i,
+                     .bytes = HeldBytes(i),
+                     .counted = other.sck->State() != SocketState::Closed && !other.backlogFull});
+  }
+  for (const MemoryBudget::Close& close : budget.ToClose(links, index, incoming)) {
+    Connection& victim = *conns_[close.link];
     victim.backlogFull = true;
     TheStats().Refused(Refusal::Memory);
     // It closes on the next turn of the loop; what it holds goes now, or a
@@ -596,10 +589,11 @@ void Connections::CheckBudget(int32_t index, size_t incoming) {
       victim.inbox.Release();
       victim.inboxBytes = 0;
     }
-    CloseLater(largest, "Connection to " + PeerOf(victim) + " closed: it held " +
-                            std::to_string(most) + " of the " + std::to_string(total) +
-                            " bytes the node keeps for its connections, more than memoryBudget (" +
-                            std::to_string(budget) + ")");
+    CloseLater(close.link,
+               "Connection to " + PeerOf(victim) + " closed: it held " +
+                   std::to_string(close.held) + " of the " + std::to_string(close.total) +
+                   " bytes the node keeps for its connections, more than memoryBudget (" +
+                   std::to_string(budget.Limit()) + ")");
   }
 }
 
