@@ -222,6 +222,10 @@ class QEL_API cQEL {
   // Whether one of this node's connections, accepted or made, is up.
   bool isConnected();
 
+  // This node's open links, accepted and made, in connection order: a link
+  // still dialling is left out. Runs no events.
+  std::vector<typLinkInfo> Links();
+
   // Changes the role the node announces from now on; nothing is sent.
   void switchRole(enmRole Role);
 

@@ -37,6 +37,17 @@ struct typNodeInfo {
   std::string activeUser;
 };
 
+// One open link of a node, as cQEL::Links lists it.
+struct typLinkInfo {
+  int32_t Index = 0;        // the connection's number, from 1, kept while the link is open
+  std::string Address;      // "host:port", as ConnectionClosed will name the link
+  std::string nodeID;       // the neighbour, once it announced itself; else empty
+  bool isAccepted = false;  // the neighbour dialled this node; false: this node dialled
+  bool isSecure = false;    // encrypted and authenticated; no link is yet
+  std::string PeerKey;      // the neighbour's key ID on a secure link; else empty
+  int64_t lngAge = 0;       // whole seconds since the link came up
+};
+
 // One answer to a search: the node that answered and what it found.
 struct typSearchResult {
   std::string nodeID;

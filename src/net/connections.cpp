@@ -158,6 +158,7 @@ int32_t Connections::GetFreeSocket(LinkOwner& owner, const LinkLimits& limits) {
   c.Peer.clear();
   c.dialError.clear();
   c.Maintain = false;
+  c.accepted = false;
   c.redial = false;
   ReleaseBuffers(c);
   ++c.generation;
@@ -204,7 +205,7 @@ void Connections::OnConnected(int32_t index) {
   Connection& c = *conns_[index];
   auto owner = Lock(c.Owner);
   if (!owner) return;
-  c.lastByteTick = TickCount();
+  c.lastByteTick = c.upTick = TickCount();
   c.sck->SetKeepAlive(c.limits.keepAliveSec);
   const LinkKind kind = c.redial ? LinkKind::Redialled : LinkKind::Dialled;
   c.redial = false;
@@ -404,7 +405,8 @@ void Connections::OnAccept(size_t listener, std::unique_ptr<Socket> socket) {
   conns_[index]->sck = std::move(socket);
   conns_[index]->Peer =
       conns_[index]->sck->RemoteHost() + ":" + std::to_string(conns_[index]->sck->RemotePort());
-  conns_[index]->lastByteTick = TickCount();
+  conns_[index]->lastByteTick = conns_[index]->upTick = TickCount();
+  conns_[index]->accepted = true;
   conns_[index]->sck->SetKeepAlive(entry.limits.keepAliveSec);
   Attach(index);
   owner->OnLinkUp(index, LinkKind::Accepted, source);
@@ -600,6 +602,22 @@ void Connections::CheckBudget(int32_t index, size_t incoming) {
 bool Connections::HasOpenLink(const LinkOwner& owner) const {
   return std::any_of(owner.Links.begin(), owner.Links.end(),
                      [this](int32_t i) { return IsConnected(i); });
+}
+
+std::vector<typLinkInfo> Connections::OpenLinks(const LinkOwner& owner) const {
+  std::vector<typLinkInfo> links;
+  const int64_t now = TickCount();
+  for (int32_t i : owner.Links) {
+    if (!IsConnected(i)) continue;
+    const Connection& c = *conns_[i];
+    typLinkInfo& link = links.emplace_back();
+    link.Index = i;
+    link.Address = PeerOf(c);
+    link.nodeID = c.NodeID;
+    link.isAccepted = c.accepted;
+    link.lngAge = (now - c.upTick) / 1000;
+  }
+  return links;
 }
 
 int32_t Connections::ConnectionOfNode(const LinkOwner& owner, std::string_view nodeID) const {

@@ -14,6 +14,8 @@
 #include <string_view>
 #include <vector>
 
+#include <qel/types.h>
+
 #include "net/event_loop.h"
 #include "net/link_owner.h"
 #include "net/socket.h"
@@ -51,6 +53,8 @@ struct Connection {
   std::string Peer;
   std::error_code dialError;  // why the last dial failed
   bool Maintain = false;
+  bool accepted = false;  // the peer dialled; else this end did
+  int64_t upTick = 0;     // when the link last came up
   // The dial in progress was started by the table (a maintained link coming
   // back), not by a caller waiting for it.
   bool redial = false;
@@ -130,6 +134,9 @@ class Connections {
 
   // Whether any connection of owner is up.
   bool HasOpenLink(const LinkOwner& owner) const;
+
+  // owner's open connections, in index order, as the host sees them.
+  std::vector<typLinkInfo> OpenLinks(const LinkOwner& owner) const;
 
   // The first of owner's connections whose peer is nodeID, or 0.
   int32_t ConnectionOfNode(const LinkOwner& owner, std::string_view nodeID) const;

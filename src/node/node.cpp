@@ -493,6 +493,16 @@ bool cQEL::isConnected() {
   return Enter(*this)->Connected;
 }
 
+std::vector<typLinkInfo> cQEL::Links() {
+  auto node = Enter(*this);
+  try {
+    return Connections::Get().OpenLinks(*node);
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+  return {};
+}
+
 std::string cQEL::NodeID() {
   return Enter(*this)->NodeID;
 }

@@ -401,6 +401,7 @@ TEST(NodeThreadTest, CallsFromAnotherThreadThrowNamingTheRule) {
   cQELStats stats;
   const std::vector<std::pair<std::string, std::function<void()>>> calls = {
       {"cQEL::NodeID", [&] { here.node.NodeID(); }},
+      {"cQEL::Links", [&] { here.node.Links(); }},
       {"cQEL::Connect", [&] { here.node.Connect("127.0.0.1:1"); }},
       {"cQEL::cQEL", [] { cQEL another; }},
       {"cQELStats", [&] { stats.InPacketCount(); }},

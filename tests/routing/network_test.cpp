@@ -45,6 +45,42 @@ TEST(NetworkTest, TwoNodesExchangeMessagesAndErrors) {
   EXPECT_FALSE(a.node.isConnected() || b.node.isConnected());
 }
 
+// Two nodes linked both ways: each lists the link it dialled and the one it
+// accepted, both named by the other's advertised address once it announced
+// itself, never by the port an accepted connection came from.
+TEST(NetworkTest, LinksNameEachOpenLinkItsNodeAndWhichEndDialled) {
+  Peer a("a", "", true), b("b", "", true);
+  a.ConnectTo(b);
+  ASSERT_TRUE(b.node.Connect(a.Address()));
+  const auto named = [](cQEL& node) {
+    const std::vector<typLinkInfo> links = node.Links();
+    return links.size() == 2 && !links[0].nodeID.empty() && !links[1].nodeID.empty();
+  };
+  ASSERT_TRUE(Eventually([&] { return named(a.node) && named(b.node); }));
+  const auto listed = [](cQEL& node) {
+    std::vector<std::string> lines;
+    int32_t last = 0;
+    for (const typLinkInfo& link : node.Links()) {
+      EXPECT_GT(link.Index, last);
+      last = link.Index;
+      lines.push_back(link.Address + " " + link.nodeID +
+                      (link.isAccepted ? " accepted" : " dialled") +
+                      (link.isSecure ? " secure " : " plain ") + link.PeerKey);
+    }
+    std::sort(lines.begin(), lines.end());
+    return lines;
+  };
+  EXPECT_EQ(listed(a.node),
+            (std::vector<std::string>{b.Address() + " " + b.ID() + " accepted plain ",
+                                      b.Address() + " " + b.ID() + " dialled plain "}));
+  EXPECT_EQ(listed(b.node),
+            (std::vector<std::string>{a.Address() + " " + a.ID() + " accepted plain ",
+                                      a.Address() + " " + a.ID() + " dialled plain "}));
+  EXPECT_TRUE(a.node.DisconnectAll());
+  ASSERT_TRUE(Eventually([&] { return b.closed.size() == 2; }));
+  EXPECT_TRUE(a.node.Links().empty() && b.node.Links().empty());
+}
+
 TEST(NetworkTest, ListenAddressPingOfUnknownNodeAndDisconnectAllOfAcceptedLinks) {
   Peer a("a", "", true), b("b", Settings("announceSelf=False listenAddress=127.0.0.1"), true);
   Peer wrong("wrong", Settings("listenAddress=localhost:1"));

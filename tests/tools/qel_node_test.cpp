@@ -283,14 +283,19 @@ std::string Password(NodeProcess& p, const std::string& user, const std::string&
     EXPECT_EQ(p.Command("ping " + changedAt + " 10000")["ok"], true);
   }
   qel::cSettings list;
-  list.LoadXML(p.Command("users")["value"].get<std::string>());
+  list.LoadXML(p.Command("users show-passwords")["value"].get<std::string>());
   return list.GetSetting("Password", "(none)", user).toString();
 }
 
-TEST(QelNodeTest, UsersSpreadLogInAreRemovedAndMergeByStamp) {
+TEST(QelNodeTest, UsersSpreadLogInAreRemovedMergeByStampAndShowPasswordsOnlyWhenAsked) {
   ThreeInALine n;
   EXPECT_EQ(n.a.Command("user-set alice secret")["ok"], true);
   EXPECT_EQ(Password(n.c, "alice", n.ra.id), "secret");
+  // Unless asked, the console shows that a user has a password, not which.
+  qel::cSettings masked;
+  masked.LoadXML(n.c.Command("users")["value"].get<std::string>());
+  EXPECT_EQ(masked.GetSetting("Password", "(none)", "alice").toString(), "********");
+  EXPECT_EQ(n.c.Command("users passwords")["ok"], false);
 
   // A wrong password fails, and an unknown user whatever the password.
   for (const char* refused : {"alice wrong", "alice", "nobody x", "nobody <unknown>"}) {
@@ -326,6 +331,41 @@ TEST(QelNodeTest, UsersSpreadLogInAreRemovedAndMergeByStamp) {
                            Password(*node, "erin", other)}),
               json::array({"back", "d", "e"}));
   }
+}
+
+// Each end lists its link, named as its close would name it, and says it is
+// not secure, as the event that announced it did.
+TEST(QelNodeTest, PeersListEachLinkWithItsNodeAndDirection) {
+  NodeProcess a({"--name", "a"});
+  const Ready ra = WaitReady(a);
+  NodeProcess b({"--name", "b", "--connect", ra.address});
+  const Ready rb = WaitReady(b);
+  for (NodeProcess* p : {&a, &b}) {
+    const json up = p->WaitEvent("ConnectionEstab");
+    EXPECT_EQ(json::array({up["Secure"], up["PeerKey"]}), json::array({false, ""})) << up;
+  }
+  // B's INFO came before the answer to the ping, so A knows the link's node.
+  ASSERT_EQ(a.Command("ping " + rb.id + " 10000")["ok"], true);
+  const auto peers = [](NodeProcess& p) {
+    json list = p.Command("peers")["value"];
+    for (json& link : list) {
+      EXPECT_GE(link["Age"].get<int64_t>(), 0) << link;
+      link.erase("Age");
+    }
+    return list;
+  };
+  const auto link = [](const Ready& to, const char* direction) {
+    return json({{"Address", to.address},
+                 {"nodeID", to.id},
+                 {"Direction", direction},
+                 {"Secure", false},
+                 {"PeerKey", ""}});
+  };
+  EXPECT_EQ(peers(a), json::array({link(rb, "accepted")}));
+  EXPECT_EQ(peers(b), json::array({link(ra, "dialled")}));
+  EXPECT_EQ(b.Command("disconnect-all")["ok"], true);
+  a.WaitEvent("ConnectionClosed");
+  EXPECT_EQ(peers(a), json::array());
 }
 
 // A calls procedures of C (through B) and of every node.

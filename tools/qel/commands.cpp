@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include <qel/error.h>
+#include <qel/settings.h>
 #include <qel/stats.h>
 
 #include "empty_listing.h"
@@ -300,8 +301,33 @@ CommandResult Cancel(Session& s, const Args& args) {
   return s.downloads.Cancel(args[0], args[1]);
 }
 
-CommandResult Users(Session& s, const Args&) {
-  return {true, s.node.getUserXML(), ""};
+CommandResult Peers(Session& s, const Args&) {
+  Json list = Json::array();
+  for (const qel::typLinkInfo& link : s.node.Links()) {
+    list.push_back({{"Address", link.Address},
+                    {"nodeID", link.nodeID},
+                    {"Direction", link.isAccepted ? "accepted" : "dialled"},
+                    {"Secure", link.isSecure},
+                    {"PeerKey", link.PeerKey},
+                    {"Age", link.lngAge}});
+  }
+  return {true, std::move(list), ""};
+}
+
+CommandResult Users(Session& s, const Args& args) {
+  // The list holds every user's password in clear; a screen or a log of
+  // the console should not, unless asked.
+  if (!args.empty() && args[0] != "show-passwords" && args[0] != "--show-passwords")
+    throw UsageError("expected 'show-passwords', got '" + args[0] + "'");
+  if (!args.empty()) return {true, s.node.getUserXML(), ""};
+  qel::cSettings list;
+  list.LoadXML(s.node.getUserXML());
+  for (const std::string& user : list.ListSections()) {
+    // An empty password (a removed user, a fresh account) is shown as it is.
+    if (!user.empty() && !list.GetSetting("Password", "", user).toString().empty())
+      list.SaveSetting("Password", std::string("********"), user);
+  }
+  return {true, list.getXML(), ""};
 }
 
 CommandResult UserSet(Session& s, const Args& args) {
@@ -368,6 +394,8 @@ const std::array kCommands = {
     Command{"disconnect-all", "", "stop listening and close every connection", 0, 0, false,
             DisconnectAll},
     Command{"listen", "[PORT]", "listen again after disconnect-all", 0, 1, false, Listen},
+    Command{"peers", "", "this node's links: address, node, direction, security, age", 0, 0, false,
+            Peers},
     Command{"send", "NODEID|BROADCAST TEXT", "send a message", 2, 2, true, Send},
     Command{"send-type", "TYPE NODEID|BROADCAST TEXT", "send a message of a type (ERROR: an error)",
             3, 3, true, SendType},
@@ -387,7 +415,8 @@ const std::array kCommands = {
             "stop a download of this console (any unique start of its ID), or with NODEID a "
             "transfer NODEID serves to this node",
             1, 2, false, Cancel},
-    Command{"users", "", "the user list, as settings text", 0, 0, false, Users},
+    Command{"users", "[show-passwords]",
+            "the user list, as settings text; passwords masked unless asked", 0, 1, false, Users},
     Command{"user-set", "NAME PASSWORD", "set a user here and on every node", 2, 2, true, UserSet},
     Command{"user-remove", "NAME", "remove a user (kept here with no password)", 1, 1, false,
             UserRemove},

@@ -41,7 +41,9 @@ void ReportEvents(qel::cQEL& node, Output& out, Downloads& downloads) {
     out.Event("ConnectionReq", {{"SourceIP", SourceIP}});
   };
   node.ConnectionEstab = [&out](std::string& SourceIP) {
-    out.Event("ConnectionEstab", {{"SourceIP", SourceIP}});
+    // Every link is plaintext for now; the fields are there for links that
+    // will not be.
+    out.Event("ConnectionEstab", {{"SourceIP", SourceIP}, {"Secure", false}, {"PeerKey", ""}});
   };
   node.ConnectionClosed = [&out](std::string& SourceIP, std::string& nodeID) {
     out.Event("ConnectionClosed", {{"SourceIP", SourceIP}, {"nodeID", nodeID}});
