@@ -55,7 +55,7 @@ struct TlsEngineAccess {
     unsigned int alpnSize = 0;
     SSL_get0_alpn_selected(ssl, &alpn, &alpnSize);
     if (alpnSize != kAlpnSize - 1 || std::memcmp(alpn, kAlpn + 1, alpnSize) != 0) {
-      engine->Fail("the peer does not speak qel over TLS (no ALPN \"qel\")");
+      engine->Fail("the peer does not speak qel over TLS (no application protocol \"qel\")");
       X509_STORE_CTX_set_error(store, X509_V_ERR_APPLICATION_VERIFICATION);
       return 0;
     }
@@ -156,10 +156,16 @@ TlsEngine::~TlsEngine() {
 void TlsEngine::FeedCiphertext(std::string_view bytes) {
   if (Failed() || bytes.empty()) return;
   // Without this the library would answer a plaintext peer with an alert and a reason about
-  // record versions; the peer gets nothing and the reason says what happened.
-  if (role_ == TlsRole::kServer && !sawInput_ &&
-      !LooksLikeTlsClientHello(static_cast<uint8_t>(bytes[0]))) {
+  // record versions; the peer gets nothing and the reason says what happened. A server's
+  // first record is a handshake or, refusing us, an alert (0x15).
+  const auto first = static_cast<uint8_t>(bytes[0]);
+  if (!sawInput_ && role_ == TlsRole::kServer && !LooksLikeTlsClientHello(first)) {
     Fail("plaintext refused: the peer did not start a TLS handshake");
+    return;
+  }
+  if (!sawInput_ && role_ == TlsRole::kClient && !LooksLikeTlsClientHello(first) &&
+      first != 0x15) {
+    Fail("the peer answered in plaintext, not TLS");
     return;
   }
   sawInput_ = true;

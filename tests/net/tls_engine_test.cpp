@@ -1,6 +1,7 @@
 #include "net/tls_engine.h"
 
 #include <gtest/gtest.h>
+#include <openssl/ssl.h>
 
 #include <cstdint>
 #include <random>
@@ -139,18 +140,51 @@ TEST(TlsEngineTest, PlaintextFailsCleanly) {
   ASSERT_TRUE(server.Failed());
   EXPECT_NE(server.Why().find("plaintext"), std::string::npos) << server.Why();
   EXPECT_EQ(server.TakeCiphertext(), "");  // not even an alert to read
-  // Nothing revives it, not even a real handshake after.
+  // Nothing revives it, not even a real handshake after: the client hears nothing.
   TlsEngine client(a.identity, TlsRole::kClient);
   Pump(client, server);
   EXPECT_FALSE(server.HandshakeDone());
-  EXPECT_TRUE(client.Failed());
+  EXPECT_FALSE(client.HandshakeDone());
 
   // A client answered in plaintext by a classic node fails instead of waiting.
   TlsEngine dialer(a.identity, TlsRole::kClient);
   dialer.TakeCiphertext();
   dialer.FeedCiphertext(plaintext);
-  EXPECT_TRUE(dialer.Failed());
+  EXPECT_NE(dialer.Why().find("plaintext"), std::string::npos) << dialer.Why();
   EXPECT_FALSE(dialer.HandshakeDone());
+}
+
+// A client with the node's certificate that offers other ALPN names (none for empty) and
+// does not judge the server, so only the server's refusal is seen.
+void HandshakeWithAlpn(const TlsIdentity& identity, TlsEngine& server, std::string alpn) {
+  SSL* ssl = SSL_new(identity.Context());
+  ASSERT_NE(ssl, nullptr);
+  SSL_set_bio(ssl, BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
+  SSL_set_verify(ssl, SSL_VERIFY_NONE, nullptr);
+  SSL_set_alpn_protos(ssl, reinterpret_cast<const unsigned char*>(alpn.data()),
+                      static_cast<unsigned>(alpn.size()));
+  SSL_set_connect_state(ssl);
+  for (int round = 0; round < 20 && !server.Failed(); ++round) {
+    SSL_do_handshake(ssl);
+    std::string out(BIO_ctrl_pending(SSL_get_wbio(ssl)), '\0');
+    BIO_read(SSL_get_wbio(ssl), out.data(), static_cast<int>(out.size()));
+    server.FeedCiphertext(out);
+    const std::string back = server.TakeCiphertext();
+    BIO_write(SSL_get_rbio(ssl), back.data(), static_cast<int>(back.size()));
+  }
+  SSL_free(ssl);
+}
+
+TEST(TlsEngineTest, PeerWithoutQelAlpnIsRefused) {
+  TestNode a, b;
+  for (const std::string& alpn : {std::string("\x02h2"), std::string()}) {
+    SCOPED_TRACE(alpn.empty() ? "no ALPN" : "ALPN h2");
+    TlsEngine server(b.identity, TlsRole::kServer);
+    HandshakeWithAlpn(a.identity, server, alpn);
+    EXPECT_TRUE(server.Failed());
+    EXPECT_FALSE(server.HandshakeDone());
+    EXPECT_NE(server.Why().find("application protocol"), std::string::npos) << server.Why();
+  }
 }
 
 TEST(TlsEngineTest, HandshakeSplitAtEveryByteCompletes) {
