@@ -243,8 +243,8 @@ void TlsEngine::Flush() {
 
 void TlsEngine::Fail(std::string why) {
   if (why_.empty()) why_ = std::move(why);
-  pendingPlain_ = {};
-  receivedPlain_ = {};
+  pendingPlain_ = {};  // what came before the failure stays for ReadPlain: a peer may send
+                       // its last messages and close at once
 }
 
 void TlsEngine::FailFromLibrary(int result) {

@@ -24,7 +24,7 @@ inline bool LooksLikeTlsClientHello(uint8_t firstByte) {
 
 // What a node shows its peers: a self-signed certificate for its node key and the TLS settings
 // every link shares (TLS 1.3 only, both ends show a certificate, ALPN "qel"). Made once per
-// node, on the loop's thread; engines keep what they need, so it may go before them.
+// node; engines hold their own reference to what they need, so it may go before them.
 class TlsIdentity {
  public:
   // A certificate and context for key; not Valid(), with the reason in Why(), when the key
@@ -53,8 +53,8 @@ enum class TlsRole { kClient, kServer };
 // TakeCiphertext returns must be sent to the peer, after every call that may produce some
 // (construction of a client, FeedCiphertext, WritePlain). Not thread-safe; no callbacks.
 //
-// Once Failed(), the engine takes no more bytes and gives no plaintext; TakeCiphertext may
-// still hold an alert that tells the peer why. A client finishes its handshake before the
+// Once Failed(), the engine takes no more bytes and seals nothing more; ReadPlain still hands
+// over what arrived before, and TakeCiphertext may hold an alert that tells the peer why. A client finishes its handshake before the
 // server has judged the client's certificate, so a client can fail after HandshakeDone().
 class TlsEngine {
  public:
