@@ -94,8 +94,8 @@ std::string KeyIDOf(EVP_PKEY* key) {
   const int size = key ? i2d_PUBKEY(key, &der) : 0;
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int digestSize = 0;
-  if (size <= 0 || !EVP_Digest(der, static_cast<size_t>(size), digest, &digestSize, EVP_sha256(),
-                               nullptr)) {
+  if (size <= 0 ||
+      !EVP_Digest(der, static_cast<size_t>(size), digest, &digestSize, EVP_sha256(), nullptr)) {
     ERR_clear_error();
   } else {
     static constexpr char kHex[] = "0123456789abcdef";

@@ -46,8 +46,8 @@ struct TlsEngineAccess {
   // the only questions are whether both ends speak qel and whether the key is trusted. That
   // the peer holds the key is proven by the handshake itself (CertificateVerify), after this.
   static int JudgePeer(X509_STORE_CTX* store, void*) {
-    SSL* ssl = static_cast<SSL*>(
-        X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
+    SSL* ssl =
+        static_cast<SSL*>(X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
     TlsEngine* engine = ssl ? Of(ssl) : nullptr;
     if (!engine) return 0;
     // ALPN is settled before certificates arrive, on both ends.
@@ -96,8 +96,7 @@ TlsIdentity::TlsIdentity(const NodeKey& key) {
             X509_gmtime_adj(X509_getm_notBefore(cert), 0) &&
             X509_time_adj_ex(X509_getm_notAfter(cert), 36500, 0, nullptr) &&
             X509_NAME_add_entry_by_txt(X509_get_subject_name(cert), "CN", MBSTRING_ASC,
-                                       reinterpret_cast<const unsigned char*>("qel"), -1, -1,
-                                       0) &&
+                                       reinterpret_cast<const unsigned char*>("qel"), -1, -1, 0) &&
             X509_set_issuer_name(cert, X509_get_subject_name(cert)) &&
             X509_set_pubkey(cert, pkey) && X509_sign(cert, pkey, nullptr) > 0;
   SSL_CTX* context = ok ? SSL_CTX_new(TLS_method()) : nullptr;
@@ -163,8 +162,7 @@ void TlsEngine::FeedCiphertext(std::string_view bytes) {
     Fail("plaintext refused: the peer did not start a TLS handshake");
     return;
   }
-  if (!sawInput_ && role_ == TlsRole::kClient && !LooksLikeTlsClientHello(first) &&
-      first != 0x15) {
+  if (!sawInput_ && role_ == TlsRole::kClient && !LooksLikeTlsClientHello(first) && first != 0x15) {
     Fail("the peer answered in plaintext, not TLS");
     return;
   }
@@ -256,8 +254,8 @@ void TlsEngine::FailFromLibrary(int result) {
   if (error == SSL_ERROR_ZERO_RETURN) {
     Fail("the peer closed the secure session");
   } else if (alertRead_ >= 0 && RefusesCertificate(alertRead_)) {
-    Fail("the peer refused this node's key " + ownKeyId_ + " (TLS alert: " +
-         SSL_alert_desc_string_long(alertRead_) + ")");
+    Fail("the peer refused this node's key " + ownKeyId_ +
+         " (TLS alert: " + SSL_alert_desc_string_long(alertRead_) + ")");
   } else if (alertRead_ >= 0) {
     Fail(std::string("the peer ended the TLS session (alert: ") +
          SSL_alert_desc_string_long(alertRead_) + ")");

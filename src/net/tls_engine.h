@@ -54,8 +54,9 @@ enum class TlsRole { kClient, kServer };
 // (construction of a client, FeedCiphertext, WritePlain). Not thread-safe; no callbacks.
 //
 // Once Failed(), the engine takes no more bytes and seals nothing more; ReadPlain still hands
-// over what arrived before, and TakeCiphertext may hold an alert that tells the peer why. A client finishes its handshake before the
-// server has judged the client's certificate, so a client can fail after HandshakeDone().
+// over what arrived before, and TakeCiphertext may hold an alert that tells the peer why. A client
+// finishes its handshake before the server has judged the client's certificate, so a client can
+// fail after HandshakeDone().
 class TlsEngine {
  public:
   // An engine for identity (which must be Valid()) in the given role. trusted lists the key
