@@ -88,27 +88,32 @@ int CreateKeyFile(const std::string& path, const std::string& pem) {
 
 }  // namespace
 
+std::string KeyIDOf(EVP_PKEY* key) {
+  std::string id;
+  unsigned char* der = nullptr;
+  const int size = key ? i2d_PUBKEY(key, &der) : 0;
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int digestSize = 0;
+  if (size <= 0 ||
+      !EVP_Digest(der, static_cast<size_t>(size), digest, &digestSize, EVP_sha256(), nullptr)) {
+    ERR_clear_error();
+  } else {
+    static constexpr char kHex[] = "0123456789abcdef";
+    for (unsigned int i = 0; i < digestSize; ++i) {
+      id += kHex[digest[i] >> 4];
+      id += kHex[digest[i] & 15];
+    }
+  }
+  OPENSSL_free(der);
+  return id;
+}
+
 void NodeKey::Free::operator()(EVP_PKEY* key) const {
   EVP_PKEY_free(key);
 }
 
-NodeKey::NodeKey(EVP_PKEY* key) : key_(key) {
-  unsigned char* der = nullptr;
-  const int size = i2d_PUBKEY(key, &der);
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int digestSize = 0;
-  if (size <= 0 || !EVP_Digest(der, static_cast<size_t>(size), digest, &digestSize, EVP_sha256(),
-                               nullptr)) {
-    ERR_clear_error();
-    key_.reset();  // a key without an ID is no use to anyone
-  } else {
-    static constexpr char kHex[] = "0123456789abcdef";
-    for (unsigned int i = 0; i < digestSize; ++i) {
-      id_ += kHex[digest[i] >> 4];
-      id_ += kHex[digest[i] & 15];
-    }
-  }
-  OPENSSL_free(der);
+NodeKey::NodeKey(EVP_PKEY* key) : key_(key), id_(KeyIDOf(key)) {
+  if (id_.empty()) key_.reset();  // a key without an ID is no use to anyone
 }
 
 NodeKey NodeKey::Fresh() {

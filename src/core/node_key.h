@@ -10,6 +10,9 @@ typedef struct evp_pkey_st EVP_PKEY;
 
 namespace qel {
 
+// The key ID of any public key (see NodeKey::ID); empty when it cannot be encoded.
+std::string KeyIDOf(EVP_PKEY* key);
+
 class NodeKey {
  public:
   // No key: Valid() is false and ID() empty.
