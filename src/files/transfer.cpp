@@ -83,10 +83,15 @@ void SendPieces(const std::shared_ptr<Serving>& job);
 // Where answers to an asker go when no route to it is known: back on the
 // link its GET came on, while that link lasts. Flooding them instead would
 // let one GET from an unknown name fill every link with file pieces.
+// Whether link (0: none) is still the connection it was at generation.
+bool SameLink(int32_t link, uint64_t generation) {
+  auto& connections = Connections::Get();
+  return connections.IsConnected(link) && connections.At(link).generation == generation;
+}
+
 int32_t ReplyLink(RoutingNode& node, const std::string& asker, int32_t link, uint64_t generation) {
   if (link <= 0 || FindRoute(node, asker) > 0) return 0;
-  auto& connections = Connections::Get();
-  return connections.IsConnected(link) && connections.At(link).generation == generation ? link : 0;
+  return SameLink(link, generation) ? link : 0;
 }
 
 // The link whose queue paces a transfer: the route to the asker, the link
@@ -120,10 +125,7 @@ void SendPieces(const std::shared_ptr<Serving>& job) {
   if (!owner || !owner->Alive() || job->finished) return;
   auto& node = static_cast<RoutingNode&>(*owner);
   auto& connections = Connections::Get();
-  if (job->link > 0 && (!connections.IsConnected(job->link) ||
-                        connections.At(job->link).generation != job->linkGeneration)) {
-    return;
-  }
+  if (job->link > 0 && !SameLink(job->link, job->linkGeneration)) return;
   // Every transfer to an asker waits on the same link, and all wake when it
   // drains: the first to run refills it, the others wait again, so the link
   // holds a few pieces however many transfers share it.
@@ -166,12 +168,8 @@ void Start(RoutingNode& node, FileSharing& files, QueuedGet get) {
   job->packet = get.packet;
   job->link = get.link;
   job->linkGeneration = get.linkGeneration;
-  auto& connections = Connections::Get();
   // An asker gone while its GET waited is left alone: its pieces would flood.
-  if (job->link > 0 && (!connections.IsConnected(job->link) ||
-                        connections.At(job->link).generation != job->linkGeneration)) {
-    return;
-  }
+  if (job->link > 0 && !SameLink(job->link, job->linkGeneration)) return;
   auto cancel = [&] {
     SendFilePiece(node, get.asker, "", "", get.reqID, FS_Canceled, "",
                   ReplyLink(node, get.asker, get.link, get.linkGeneration));
@@ -313,8 +311,9 @@ void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typM
                        GetSingleField(message.Fields, "Metadata"));
   if (hostAnswers || !node.Alive()) return;
 
+  const int32_t route = FindRoute(node, asker);
   auto cancel = [&] {
-    SendFilePiece(node, asker, "", "", reqID, FS_Canceled, "", FindRoute(node, asker) > 0 ? 0 : conn);
+    SendFilePiece(node, asker, "", "", reqID, FS_Canceled, "", route > 0 ? 0 : conn);
   };
   if (!path || !ranges) return cancel();
   QueuedGet get{.asker = asker,
@@ -323,7 +322,6 @@ void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typM
                 .range = ranges->front(),
                 .packet = static_cast<size_t>(std::max(packetBytes, 1)),
                 .cancelled = std::make_shared<bool>(false)};
-  const int32_t route = FindRoute(node, asker);
   if (const int32_t link = route > 0 ? route : conn; link > 0) {
     get.link = link;
     get.linkGeneration = Connections::Get().At(link).generation;

@@ -23,14 +23,18 @@ size_t PendingLimit(const RoutingNode& node) {
   return static_cast<size_t>(std::max<int64_t>(node.memoryBudget, 0) / 4);
 }
 
-void ClosePending(RpcBinding& binding, const std::string& reqID) {
-  if (std::optional<PendingCall> call = binding.Pending.Close(reqID)) {
-    binding.PendingBytes -= PendingCallBytes(reqID, call->NodeID);
-  }
+// The bytes the call held; 0 when there was none.
+size_t ClosePending(RpcBinding& binding, const std::string& reqID) {
+  const std::optional<PendingCall> call = binding.Pending.Close(reqID);
+  if (!call) return 0;
+  const size_t bytes = PendingCallBytes(reqID, call->NodeID);
+  binding.PendingBytes -= bytes;
+  return bytes;
 }
 
-// Drops the oldest pending call of any binding; false when none waits.
-bool DropOldestCall(RpcBindings& bindings) {
+// Drops the oldest pending call of any binding; the bytes it held, 0 when
+// none waits.
+size_t DropOldestCall(RpcBindings& bindings) {
   RpcBinding* oldest = nullptr;
   for (RpcBinding& binding : bindings) {
     const auto* call = binding.Pending.Oldest();
@@ -38,9 +42,8 @@ bool DropOldestCall(RpcBindings& bindings) {
       oldest = &binding;
     }
   }
-  if (!oldest) return false;
-  ClosePending(*oldest, std::string(oldest->Pending.Oldest()->first));
-  return true;
+  if (!oldest) return 0;
+  return ClosePending(*oldest, std::string(oldest->Pending.Oldest()->first));
 }
 
 struct Added {
@@ -63,9 +66,11 @@ Added AddPendingCall(RoutingNode& node, RpcBindings& bindings, const std::string
   size_t held = 0;
   for (const RpcBinding& b : bindings) held += b.PendingBytes;
   size_t dropped = 0;
-  for (; held + bytes > PendingLimit(node) && DropOldestCall(bindings); ++dropped) {
-    held = 0;
-    for (const RpcBinding& b : bindings) held += b.PendingBytes;
+  while (held + bytes > PendingLimit(node)) {
+    const size_t freed = DropOldestCall(bindings);
+    if (freed == 0) break;
+    held -= freed;
+    ++dropped;
   }
   binding.Pending.Open(reqID);
   *binding.Pending.Find(reqID) = {nodeID, NextCallSerial()};
