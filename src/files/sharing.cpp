@@ -270,30 +270,30 @@ size_t PendingHashJobs() {
 
 void RegisterFileHandlers(Dispatcher& handlers, FileSharing& files, FetchTable& fetches,
                           TransferHost& host, const int32_t& packetBytes) {
-  handlers.Register("GETCONTENTS", [&files](RoutingNode& node, typMessage& message,
-                                            const Arrival& from) {
-    OnGetContents(node, files, message, from.source);
-  });
+  handlers.Register("GETCONTENTS",
+                    [&files](RoutingNode& node, typMessage& message, const Arrival& from) {
+                      OnGetContents(node, files, message, from.source);
+                    });
   handlers.Register("CONTENTS", [&files](RoutingNode&, typMessage& message, const Arrival&) {
     OnContents(files, message);
   });
-  handlers.Register("SEARCH", [&files](RoutingNode& node, typMessage& message,
-                                       const Arrival& from) {
-    OnSearch(node, files, message, from.source);
-  });
-  handlers.Register("SEARCHMATCH", [&files](RoutingNode& node, typMessage& message,
-                                            const Arrival& from) {
-    OnSearchMatch(node, files, message, from.source);
-  });
-  handlers.Register("GETFILEINFO", [&files](RoutingNode& node, typMessage& message,
-                                            const Arrival& from) {
-    OnGetFileInfo(node, files, message, from.source);
-  });
+  handlers.Register("SEARCH",
+                    [&files](RoutingNode& node, typMessage& message, const Arrival& from) {
+                      OnSearch(node, files, message, from.source);
+                    });
+  handlers.Register("SEARCHMATCH",
+                    [&files](RoutingNode& node, typMessage& message, const Arrival& from) {
+                      OnSearchMatch(node, files, message, from.source);
+                    });
+  handlers.Register("GETFILEINFO",
+                    [&files](RoutingNode& node, typMessage& message, const Arrival& from) {
+                      OnGetFileInfo(node, files, message, from.source);
+                    });
   // A fetch's answers are the fetch's; any other goes to the question slots.
-  handlers.Register("FILEINFO", [&files, &fetches](RoutingNode&, typMessage& message,
-                                                   const Arrival& from) {
-    if (!fetches.OnInfo(message, from.source)) OnFileInfo(files, message);
-  });
+  handlers.Register("FILEINFO",
+                    [&files, &fetches](RoutingNode&, typMessage& message, const Arrival& from) {
+                      if (!fetches.OnInfo(message, from.source)) OnFileInfo(files, message);
+                    });
   handlers.Register("GET", [&files, &host, &packetBytes](RoutingNode& node, typMessage& message,
                                                          const Arrival& from) {
     OnGet(node, files, host, message, from.source, packetBytes, from.conn);

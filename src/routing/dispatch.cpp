@@ -13,8 +13,7 @@ uint32_t Dispatcher::Key(std::string_view type) {
 
 void Dispatcher::Register(std::string_view type, MessageHandler handler) {
   if (Key(type) == 0 || Find(type)) {
-    throw std::logic_error("message type \"" + std::string(type) + "\" registered twice, or "
-                           "empty or too long");
+    throw std::logic_error("message type \"" + std::string(type) + "\" taken or unusable");
   }
   keys_.push_back(Key(type));
   entries_.push_back({std::string(type), std::move(handler)});

@@ -205,14 +205,14 @@ void ReturnRemoteProc(RoutingNode& node, RpcBindings& bindings, const std::strin
 }
 
 void RegisterRpcHandlers(Dispatcher& handlers, RpcBindings& bindings) {
-  handlers.Register("RPC", [&bindings](RoutingNode& node, typMessage& message,
-                                       const Arrival& from) {
-    OnRpc(node, bindings, message, from.source);
-  });
-  handlers.Register("RPCRETURN", [&bindings](RoutingNode& node, typMessage& message,
-                                             const Arrival& from) {
-    OnRpcReturn(node, bindings, message, from.source);
-  });
+  handlers.Register("RPC",
+                    [&bindings](RoutingNode& node, typMessage& message, const Arrival& from) {
+                      OnRpc(node, bindings, message, from.source);
+                    });
+  handlers.Register("RPCRETURN",
+                    [&bindings](RoutingNode& node, typMessage& message, const Arrival& from) {
+                      OnRpcReturn(node, bindings, message, from.source);
+                    });
 }
 
 typMessage MakeRpc(const std::string& nodeID, const std::string& name, const std::string& reqID,

@@ -85,20 +85,19 @@ void OnLogin(RoutingNode& node, UserState& users, const typMessage& message,
 }  // namespace
 
 void RegisterUserHandlers(Dispatcher& handlers, UserState& users) {
-  handlers.Register("UPDATEUSER", [&users](RoutingNode& node, typMessage& message,
-                                           const Arrival& from) {
-    OnUpdateUser(node, users, message, from.source);
-  });
+  handlers.Register("UPDATEUSER",
+                    [&users](RoutingNode& node, typMessage& message, const Arrival& from) {
+                      OnUpdateUser(node, users, message, from.source);
+                    });
   handlers.Register("SYNCUSERS", [&users](RoutingNode& node, typMessage&, const Arrival& from) {
     typMessage reply = MakeUserList(from.source, users.List);
     SendPacket(node, reply);
   });
-  handlers.Register("USERLIST", [&users](RoutingNode& node, typMessage& message,
-                                         const Arrival& from) {
-    OnUserList(node, users, message, from.source);
-  });
-  handlers.Register("LOGIN", [&users](RoutingNode& node, typMessage& message,
-                                      const Arrival& from) {
+  handlers.Register("USERLIST",
+                    [&users](RoutingNode& node, typMessage& message, const Arrival& from) {
+                      OnUserList(node, users, message, from.source);
+                    });
+  handlers.Register("LOGIN", [&users](RoutingNode& node, typMessage& message, const Arrival& from) {
     OnLogin(node, users, message, from.source);
   });
   handlers.Register("LOGINRESULT", [&users](RoutingNode&, typMessage& message, const Arrival&) {
