@@ -30,9 +30,11 @@ using MessageHandler = std::function<void(RoutingNode& node, typMessage& message
 // shares, users and bindings for its handlers to act on.
 class Dispatcher {
  public:
-  // Makes handler the one for type (matched exactly, case and all). Throws
-  // std::logic_error when type has a handler already: two owners for one
-  // type is a wiring fault, and the later must not silently win.
+  // Makes handler the one for type (matched exactly, case and all). Only
+  // while the node is made: the table may move as it grows, so never from a
+  // handler. Throws std::logic_error when type has a handler already (two
+  // owners for one type is a wiring fault, and the later must not silently
+  // win), or is empty or longer than 65535 bytes.
   void Register(std::string_view type, MessageHandler handler);
 
   // The handler for type, or null. Allocates nothing: it runs for every
