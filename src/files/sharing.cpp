@@ -13,11 +13,14 @@
 #include "core/stats.h"
 #include "core/text.h"
 #include "files/confined_open.h"
+#include "files/fetch.h"
 #include "files/listing.h"
 #include "files/regular_file.h"
+#include "files/transfer.h"
 #include "net/event_loop.h"
 #include "net/worker.h"
 #include "routing/discovery.h"
+#include "routing/dispatch.h"
 #include "routing/outgoing.h"
 #include "routing/report.h"
 #include "routing/routing_node.h"
@@ -265,25 +268,42 @@ size_t PendingHashJobs() {
   return pendingHashJobs;
 }
 
-bool HandleFileMessage(RoutingNode& node, FileSharing& files, const typMessage& message,
-                       const std::string& source) {
-  const std::string& type = message.MsgType;
-  if (type == "GETCONTENTS") {
-    OnGetContents(node, files, message, source);
-  } else if (type == "CONTENTS") {
+void RegisterFileHandlers(Dispatcher& handlers, FileSharing& files, FetchTable& fetches,
+                          TransferHost& host, const int32_t& packetBytes) {
+  handlers.Register("GETCONTENTS",
+                    [&files](RoutingNode& node, typMessage& message, const Arrival& from) {
+                      OnGetContents(node, files, message, from.source);
+                    });
+  handlers.Register("CONTENTS", [&files](RoutingNode&, typMessage& message, const Arrival&) {
     OnContents(files, message);
-  } else if (type == "SEARCH") {
-    OnSearch(node, files, message, source);
-  } else if (type == "SEARCHMATCH") {
-    OnSearchMatch(node, files, message, source);
-  } else if (type == "GETFILEINFO") {
-    OnGetFileInfo(node, files, message, source);
-  } else if (type == "FILEINFO") {
-    OnFileInfo(files, message);
-  } else {
-    return false;
-  }
-  return true;
+  });
+  handlers.Register("SEARCH",
+                    [&files](RoutingNode& node, typMessage& message, const Arrival& from) {
+                      OnSearch(node, files, message, from.source);
+                    });
+  handlers.Register("SEARCHMATCH",
+                    [&files](RoutingNode& node, typMessage& message, const Arrival& from) {
+                      OnSearchMatch(node, files, message, from.source);
+                    });
+  handlers.Register("GETFILEINFO",
+                    [&files](RoutingNode& node, typMessage& message, const Arrival& from) {
+                      OnGetFileInfo(node, files, message, from.source);
+                    });
+  // A fetch's answers are the fetch's; any other goes to the question slots.
+  handlers.Register("FILEINFO",
+                    [&files, &fetches](RoutingNode&, typMessage& message, const Arrival& from) {
+                      if (!fetches.OnInfo(message, from.source)) OnFileInfo(files, message);
+                    });
+  handlers.Register("GET", [&files, &host, &packetBytes](RoutingNode& node, typMessage& message,
+                                                         const Arrival& from) {
+    OnGet(node, files, host, message, from.source, packetBytes, from.conn);
+  });
+  handlers.Register("FILE", [&files, &fetches, &host](RoutingNode& node, typMessage& message,
+                                                      const Arrival& from) {
+    if (fetches.OnPiece(message, from.source, message.Body)) return;
+    OnFilePiece(node, files, host, message, from.source,
+                from.keepBody ? message.Body : std::move(message.Body));
+  });
 }
 
 std::string ServedKey(const std::string& asker, const std::string& reqID) {

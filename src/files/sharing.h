@@ -1,5 +1,5 @@
 // What a node keeps for file sharing, the messages it asks and answers with,
-// and the one entry through which routing's deliveries reach them.
+// and the handlers that take them from routing.
 #pragma once
 
 #include <cstdint>
@@ -19,6 +19,9 @@
 namespace qel {
 
 struct RoutingNode;
+class Dispatcher;
+class FetchTable;
+class TransferHost;
 
 // A listing awaited from GETCONTENTS; done once any CONTENTS came.
 struct ContentsSlot {
@@ -73,17 +76,19 @@ inline constexpr size_t kMaxHashJobs = 16;
 // The hashes asked for by GETFILEINFO that wait or run now.
 size_t PendingHashJobs();
 
-// Handles a message of a file-sharing type (GETCONTENTS, CONTENTS, SEARCH,
-// SEARCHMATCH, GETFILEINFO, FILEINFO) for this node from source; false for
-// any other type. Requests are answered only from inside the shares; an
+// Registers the file types: GETCONTENTS, CONTENTS, SEARCH, SEARCHMATCH,
+// GETFILEINFO and FILEINFO, answered here, and GET and FILE (see OnGet and
+// OnFilePiece); FILE and FILEINFO that answer one of fetches' requests are
+// the fetch's. Every reference must outlive the handlers; packetBytes is
+// read at each GET. Requests are answered only from inside the shares; an
 // answer whose ReqID has no open slot is dropped, and a body that does not
 // load reads as empty. A GETFILEINFO asking for a hash is answered later,
 // from the loop, once a worker thread has read the file (and not at all if
 // the node is gone by then, or the file cannot be read: that fault is
-// reported through the node's Error). Throws when an answer cannot be sent,
-// which the caller reports.
-bool HandleFileMessage(RoutingNode& node, FileSharing& files, const typMessage& message,
-                       const std::string& source);
+// reported through the node's Error). The handlers throw when an answer
+// cannot be sent, which the caller reports.
+void RegisterFileHandlers(Dispatcher& handlers, FileSharing& files, FetchTable& fetches,
+                          TransferHost& host, const int32_t& packetBytes);
 
 // The asking side. Each sends its question and runs the loop until the
 // answer, or for a search until Timeout has passed. A path has its "/"

@@ -9,6 +9,22 @@
 
 namespace qel {
 
+NodeState::NodeState() {
+  RegisterFileHandlers(Handlers, Files, Fetches, *this, FilePacketBytes);
+  RegisterUserHandlers(Handlers, Users);
+  RegisterRpcHandlers(Handlers, Rpc);
+  // Chat goes straight to the host; an ERROR is the sender's fault report.
+  Handlers.Register("MSG", [this](RoutingNode&, typMessage& message, const Arrival& from) {
+    std::string kind = GetSingleField(message.Fields, "Type");
+    std::string body = from.keepBody ? message.Body : std::move(message.Body);
+    if (kind == "ERROR") {
+      ReportError(*this, std::move(body), from.source);
+    } else {
+      RaiseMessageReceived(*this, std::move(body), std::move(kind), from.source);
+    }
+  });
+}
+
 bool NodeState::OnLinkRequest(const std::string& sourceIP) {
   return RaiseConnectionReq(*this, sourceIP);
 }
@@ -37,36 +53,6 @@ void NodeState::OnLinkFault(const std::string& text) {
 
 void NodeState::RaiseError(std::string strMessage, std::string nodeID) {
   RaiseErrorEvent(*this, std::move(strMessage), std::move(nodeID));
-}
-
-void NodeState::Deliver(typMessage& message, int32_t conn, const std::string& source,
-                        bool keepBody) {
-  if (message.MsgType == "MSG") {
-    std::string kind = GetSingleField(message.Fields, "Type");
-    std::string body = keepBody ? message.Body : std::move(message.Body);
-    if (kind == "ERROR") {
-      ReportError(*this, std::move(body), source);
-    } else {
-      RaiseMessageReceived(*this, std::move(body), std::move(kind), source);
-    }
-    return;
-  }
-  if (message.MsgType == "GET") {
-    OnGet(*this, Files, *this, message, source, FilePacketBytes, conn);
-    return;
-  }
-  if (message.MsgType == "FILE") {
-    if (Fetches.OnPiece(message, source, message.Body)) return;
-    OnFilePiece(*this, Files, *this, message, source,
-                keepBody ? message.Body : std::move(message.Body));
-    return;
-  }
-  // A fetch's answers are the fetch's; any other goes to the question slots.
-  if (message.MsgType == "FILEINFO" && Fetches.OnInfo(message, source)) return;
-  if (HandleFileMessage(*this, Files, message, source)) return;
-  if (HandleUserMessage(*this, Users, message, source)) return;
-  if (HandleRpcMessage(*this, Rpc, message, source)) return;
-  // Other types are ignored without a reply.
 }
 
 bool NodeState::FileRequest(std::string resource, std::string fullPath, std::string asker,

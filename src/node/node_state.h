@@ -18,6 +18,9 @@ namespace qel {
 class cQEL;
 
 struct NodeState final : RoutingNode, TransferHost, FetchHost {
+  // Registers the handlers of the subsystems' message types and of MSG.
+  NodeState();
+
   int32_t FilePacketBytes = 0;
 
   // Shares, the answers waited for, transfers.
@@ -46,8 +49,6 @@ struct NodeState final : RoutingNode, TransferHost, FetchHost {
 
   // What routing hands up.
   void RaiseError(std::string strMessage, std::string nodeID) override;
-  void Deliver(typMessage& message, int32_t conn, const std::string& source,
-               bool keepBody) override;
 
   // What file transfer hands up.
   bool FileRequest(std::string resource, std::string fullPath, std::string asker, std::string reqID,

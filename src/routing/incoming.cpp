@@ -5,6 +5,7 @@
 #include "protocol/body.h"
 #include "routing/confirm.h"
 #include "routing/discovery.h"
+#include "routing/dispatch.h"
 #include "routing/outgoing.h"
 #include "routing/report.h"
 #include "routing/routing_node.h"
@@ -19,26 +20,29 @@ bool GarbledSettingsBody(const typMessage& message) {
          !WhyNotSettingsText(message.Body).empty();
 }
 
-// keepBody: the message is relayed afterwards, so its body must stay.
-void Dispatch(RoutingNode& node, typMessage& message, int32_t conn, const std::string& source,
-              bool keepBody) {
-  const std::string& type = message.MsgType;
-  if (type == "CONFIRM") {
-    ConfirmReceived(node, source, GetSingleField(message.Fields, "Source-ID"));
-  } else if (type == "WHOIS") {
+void RegisterRoutingHandlers(Dispatcher& handlers) {
+  handlers.Register("CONFIRM", [](RoutingNode& node, typMessage& message, const Arrival& from) {
+    ConfirmReceived(node, from.source, GetSingleField(message.Fields, "Source-ID"));
+  });
+  handlers.Register("WHOIS", [](RoutingNode& node, typMessage& message, const Arrival&) {
     OnWhois(node, message);
-  } else if (type == "INFO") {
-    OnInfo(node, message, conn);
-  } else if (type == "PING") {
+  });
+  handlers.Register("INFO", [](RoutingNode& node, typMessage& message, const Arrival& from) {
+    OnInfo(node, message, from.conn);
+  });
+  handlers.Register("PING", [](RoutingNode& node, typMessage& message, const Arrival&) {
     OnPing(node, message);
-  } else if (type == "PONG") {
+  });
+  handlers.Register("PONG", [](RoutingNode& node, typMessage& message, const Arrival&) {
     OnPong(node, message);
-  } else {
-    node.Deliver(message, conn, source, keepBody);
-  }
+  });
 }
 
 }  // namespace
+
+RoutingNode::RoutingNode() {
+  RegisterRoutingHandlers(Handlers);
+}
 
 typMessage MakeConfirm(const std::string& destination, const std::string& id) {
   typMessage confirm = NewMessage();
@@ -148,7 +152,9 @@ void ProcessMessage(RoutingNode& node, typMessage&& message, int32_t conn) {
                       source);
         }
       }
-      if (decoded) Dispatch(node, message, conn, source, !exact && !keptRaw && !packed);
+      // Types without a handler are ignored without a reply.
+      const MessageHandler* handler = decoded ? node.Handlers.Find(message.MsgType) : nullptr;
+      if (handler) (*handler)(node, message, {conn, source, !exact && !keptRaw && !packed});
     } catch (...) {
       ReportCurrentFault(node);
     }

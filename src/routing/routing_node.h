@@ -1,6 +1,7 @@
 // What routing knows of a node: its identity and announcement, its settings,
-// the identifiers it saw and the routes it learned, and the hooks through
-// which the node layer above hears what routing has for the host.
+// the identifiers it saw and the routes it learned, the handlers of the
+// message types it takes, and the hook through which the node layer above
+// hears of faults.
 #pragma once
 
 #include <array>
@@ -12,6 +13,7 @@
 #include "core/node_key.h"
 #include "core/stats.h"
 #include "net/link_owner.h"
+#include "routing/dispatch.h"
 #include "routing/dup_window.h"
 #include "routing/node_entry.h"
 #include "routing/packet_cache.h"
@@ -21,6 +23,12 @@
 namespace qel {
 
 struct RoutingNode : LinkOwner {
+  // Registers routing's own message types (CONFIRM, WHOIS, INFO, PING, PONG).
+  RoutingNode();
+  // Handlers may act on state that lives beside their table.
+  RoutingNode(const RoutingNode&) = delete;
+  RoutingNode& operator=(const RoutingNode&) = delete;
+
   // Identity, from Initialise.
   std::string NodeID;
   std::string Name;
@@ -75,6 +83,10 @@ struct RoutingNode : LinkOwner {
   // When each kind of refusal was last reported (TickCount; 0: never).
   std::array<int64_t, static_cast<size_t>(Refusal::kCount)> RefusalSaidAt{};
 
+  // The handler of each message type this node takes; the layers above
+  // register theirs when the node is made.
+  Dispatcher Handlers;
+
   // Connection flags, kept by the node layer from the table's reports.
   bool Listening = false;
   bool Connected = false;
@@ -92,11 +104,6 @@ struct RoutingNode : LinkOwner {
 
   // Raises the node's Error event. May run the loop.
   virtual void RaiseError(std::string strMessage, std::string nodeID) = 0;
-  // A message for this node whose type routing does not handle itself (MSG,
-  // and the types of the subsystems above). keepBody: the message is relayed
-  // afterwards, so its body must stay. May run the loop.
-  virtual void Deliver(typMessage& message, int32_t conn, const std::string& source,
-                       bool keepBody) = 0;
 };
 
 }  // namespace qel

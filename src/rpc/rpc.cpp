@@ -6,6 +6,7 @@
 #include "core/fault.h"
 #include "core/new_id.h"
 #include "core/text.h"
+#include "routing/dispatch.h"
 #include "routing/outgoing.h"
 #include "routing/report.h"
 #include "routing/routing_node.h"
@@ -203,16 +204,15 @@ void ReturnRemoteProc(RoutingNode& node, RpcBindings& bindings, const std::strin
   }
 }
 
-bool HandleRpcMessage(RoutingNode& node, RpcBindings& bindings, const typMessage& message,
-                      const std::string& source) {
-  if (message.MsgType == "RPC") {
-    OnRpc(node, bindings, message, source);
-  } else if (message.MsgType == "RPCRETURN") {
-    OnRpcReturn(node, bindings, message, source);
-  } else {
-    return false;
-  }
-  return true;
+void RegisterRpcHandlers(Dispatcher& handlers, RpcBindings& bindings) {
+  handlers.Register("RPC",
+                    [&bindings](RoutingNode& node, typMessage& message, const Arrival& from) {
+                      OnRpc(node, bindings, message, from.source);
+                    });
+  handlers.Register("RPCRETURN",
+                    [&bindings](RoutingNode& node, typMessage& message, const Arrival& from) {
+                      OnRpcReturn(node, bindings, message, from.source);
+                    });
 }
 
 typMessage MakeRpc(const std::string& nodeID, const std::string& name, const std::string& reqID,

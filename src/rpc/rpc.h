@@ -17,6 +17,7 @@
 namespace qel {
 
 struct RoutingNode;
+class Dispatcher;
 
 // A call waiting for an answer: for an incoming binding the caller, for a
 // return binding the node called (or "BROADCAST"); Serial orders the calls
@@ -69,16 +70,15 @@ std::string CallRemoteProc(RoutingNode& node, RpcBindings& bindings, const std::
 void ReturnRemoteProc(RoutingNode& node, RpcBindings& bindings, const std::string& reqID,
                       const std::string& params);
 
-// Handles RPC and RPCRETURN for this node from source; false for any other
-// type. A call lacking its name or request identifier, and an answer to no
+// Registers RPC and RPCRETURN, acting on bindings, which must outlive the
+// handlers. A call lacking its name or request identifier, and an answer to no
 // pending call, are dropped. A call whose request identifier is longer than
 // kMaxRpcReqID, or that would not fit the pending calls' share of
 // memoryBudget alone, is refused unanswered; to make room for one that fits,
 // the oldest pending calls of any binding are dropped unanswered. Each is a
 // refusal, reported. An answer to a call made to every node names the node
 // that answered.
-bool HandleRpcMessage(RoutingNode& node, RpcBindings& bindings, const typMessage& message,
-                      const std::string& source);
+void RegisterRpcHandlers(Dispatcher& handlers, RpcBindings& bindings);
 
 // The messages, not yet stamped.
 typMessage MakeRpc(const std::string& nodeID, const std::string& name, const std::string& reqID,

@@ -8,6 +8,7 @@
 #include "core/text.h"
 #include "net/event_loop.h"
 #include "routing/discovery.h"
+#include "routing/dispatch.h"
 #include "routing/outgoing.h"
 #include "routing/report.h"
 #include "routing/routing_node.h"
@@ -83,26 +84,27 @@ void OnLogin(RoutingNode& node, UserState& users, const typMessage& message,
 
 }  // namespace
 
-bool HandleUserMessage(RoutingNode& node, UserState& users, const typMessage& message,
-                       const std::string& source) {
-  const std::string& type = message.MsgType;
-  if (type == "UPDATEUSER") {
-    OnUpdateUser(node, users, message, source);
-  } else if (type == "SYNCUSERS") {
-    typMessage reply = MakeUserList(source, users.List);
+void RegisterUserHandlers(Dispatcher& handlers, UserState& users) {
+  handlers.Register("UPDATEUSER",
+                    [&users](RoutingNode& node, typMessage& message, const Arrival& from) {
+                      OnUpdateUser(node, users, message, from.source);
+                    });
+  handlers.Register("SYNCUSERS", [&users](RoutingNode& node, typMessage&, const Arrival& from) {
+    typMessage reply = MakeUserList(from.source, users.List);
     SendPacket(node, reply);
-  } else if (type == "USERLIST") {
-    OnUserList(node, users, message, source);
-  } else if (type == "LOGIN") {
-    OnLogin(node, users, message, source);
-  } else if (type == "LOGINRESULT") {
+  });
+  handlers.Register("USERLIST",
+                    [&users](RoutingNode& node, typMessage& message, const Arrival& from) {
+                      OnUserList(node, users, message, from.source);
+                    });
+  handlers.Register("LOGIN", [&users](RoutingNode& node, typMessage& message, const Arrival& from) {
+    OnLogin(node, users, message, from.source);
+  });
+  handlers.Register("LOGINRESULT", [&users](RoutingNode&, typMessage& message, const Arrival&) {
     // Whichever login it answers: the first to come decides the one waiting.
     users.LoginResult = GetSingleField(message.Fields, "Login-Result");
     if (users.LoginResult.empty()) users.LoginResult = "FAIL";
-  } else {
-    return false;
-  }
-  return true;
+  });
 }
 
 void UpdateUser(RoutingNode& node, UserState& users, const std::string& userName,

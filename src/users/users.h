@@ -11,6 +11,7 @@
 namespace qel {
 
 struct RoutingNode;
+class Dispatcher;
 
 // Each node's users; the active user is RoutingNode's ActiveUser, since INFO
 // announces it.
@@ -21,13 +22,12 @@ struct UserState {
   std::string LoginResult;
 };
 
-// Handles UPDATEUSER, SYNCUSERS, USERLIST, LOGIN and LOGINRESULT for this
-// node from source; false for any other type. Throws on what cannot be
+// Registers UPDATEUSER, SYNCUSERS, USERLIST, LOGIN and LOGINRESULT, acting
+// on users, which must outlive the handlers. They throw on what cannot be
 // taken (a body that does not load or lacks its keys, an update from a node
 // this one has no information on, a login without ":"), which the caller
 // reports; the list keeps what was merged before the fault.
-bool HandleUserMessage(RoutingNode& node, UserState& users, const typMessage& message,
-                       const std::string& source);
+void RegisterUserHandlers(Dispatcher& handlers, UserState& users);
 
 // Writes the user here (with this node's name as authority and a fresh
 // stamp; a removal writes an empty password) and tells every node.
