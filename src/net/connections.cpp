@@ -780,11 +780,8 @@ bool Connections::HasOpenLink(const LinkOwner& owner) const {
 
 std::vector<typLinkInfo> Connections::OpenLinks(const LinkOwner& owner) const {
   std::vector<typLinkInfo> links;
-  const int64_t now = TickCount();
   for (int32_t i : owner.Links) {
-    if (!IsConnected(i)) continue;
-    links.push_back(LinkInfo(i));
-    links.back().lngAge = (now - conns_[i]->upTick) / 1000;
+    if (IsConnected(i)) links.push_back(LinkInfo(i));
   }
   return links;
 }

@@ -54,6 +54,7 @@ struct LinkLimits {
   // not answer is closed about twice that long after it was last heard.
   // 0: the system's default (normally no probes).
   int32_t keepAliveSec = 0;
+  // Plaintext or TLS, and which peer keys are trusted.
   LinkSecurity security;
 };
 
