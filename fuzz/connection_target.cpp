@@ -127,6 +127,7 @@ struct ConnectionFuzzer::Impl {
           c.sck->State() == SocketState::Closed) {
         Link link{.index = i};
         c.sck->ConnectInMemory(link.sent);
+        c.up = true;
         return link;
       }
     }
@@ -138,6 +139,7 @@ struct ConnectionFuzzer::Impl {
   void Reset(Link& link) {
     Connection& c = Connections::Get().At(link.index);
     if (c.sck->State() != SocketState::Connected) c.sck->ConnectInMemory(link.sent);
+    c.up = true;
     c.Partial = MessageFeeder(
         {.maxHeader = 65536, .maxMessage = c.limits.maxMessage, .keepPlainAsBytes = true});
     c.inbox.Release();

@@ -225,6 +225,10 @@ class QEL_API cQEL {
   // This node's open links, accepted and made, in connection order: a link
   // still dialling is left out. Runs no events.
   std::vector<typLinkInfo> Links();
+  // Inside a ConnectionEstab handler: the link that came up, as Links() lists it (whether
+  // it is secure, the neighbour's key ID). Elsewhere, or once that link closed, a
+  // typLinkInfo with Index 0. Runs no events.
+  typLinkInfo EstablishedLink();
 
   // Changes the role the node announces from now on; nothing is sent.
   void switchRole(enmRole Role);

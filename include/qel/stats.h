@@ -35,7 +35,7 @@ class QEL_API cQELStats {
   int32_t IgnoredCancels() const;
   // What the nodes refused because a peer asked for more than their limits
   // allow, by reason: "memory", "connections", "stall", "dup-window", "rpc",
-  // "serving", "search", "node-cache", "users", "future-stamp". An unknown
+  // "serving", "search", "node-cache", "users", "future-stamp", "key-mismatch". An unknown
   // reason counts 0.
   static std::vector<std::string> RefusalReasons();
   int64_t Refused(const std::string& reason) const;

@@ -43,7 +43,7 @@ struct typLinkInfo {
   std::string Address;      // "host:port", as ConnectionClosed will name the link
   std::string nodeID;       // the neighbour, once it announced itself; else empty
   bool isAccepted = false;  // the neighbour dialled this node; false: this node dialled
-  bool isSecure = false;    // encrypted and authenticated; no link is yet
+  bool isSecure = false;    // under TLS: encrypted, and the neighbour's key is known
   std::string PeerKey;      // the neighbour's key ID on a secure link; else empty
   int64_t lngAge = 0;       // whole seconds since the link came up
 };

@@ -17,6 +17,7 @@ std::string_view RefusalName(Refusal reason) {
     case Refusal::NodeCache: return "node-cache";
     case Refusal::UserValues: return "users";
     case Refusal::FutureStamp: return "future-stamp";
+    case Refusal::KeyMismatch: return "key-mismatch";
     case Refusal::kCount: break;
   }
   return "";

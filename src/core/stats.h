@@ -20,6 +20,7 @@ enum class Refusal : uint8_t {
   NodeCache,     // node entries or values past their caps
   UserValues,    // user records too large or too many
   FutureStamp,   // user records stamped too far ahead
+  KeyMismatch,   // a node ID announced with another key than the one it is bound to
   kCount
 };
 std::string_view RefusalName(Refusal reason);

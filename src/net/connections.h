@@ -18,6 +18,7 @@
 
 #include "net/event_loop.h"
 #include "net/link_owner.h"
+#include "net/link_transform.h"
 #include "net/socket.h"
 #include "protocol/feeder.h"
 
@@ -58,6 +59,19 @@ struct Connection {
   // The dial in progress was started by the table (a maintained link coming
   // back), not by a caller waiting for it.
   bool redial = false;
+  // Plaintext, or TLS between the socket and the feeder.
+  LinkTransform stream;
+  // The owner was told the link is up: a plaintext link once it connected (an accepted one
+  // in a secure mode once its first byte said so), a TLS link once its handshake is done.
+  bool up = false;
+  // A prefer dial found no TLS at this address: the redials of this element stay plaintext.
+  bool plainOnly = false;
+  // A ConnectTo waits for this dial, and hears from dialFault why its link closed before
+  // it came up.
+  bool dialWaiting = false;
+  std::string dialFault;
+  // Closed because of its peer's identity: re-dialled by the upkeep tick, never at once.
+  bool holdRedial = false;
   MessageFeeder Partial;
   // Complete messages not yet processed, and their bytes.
   Inbox inbox;
@@ -113,7 +127,12 @@ class Connections {
   // Connection indices run from 1; 0 means "none".
   int32_t Count() const { return static_cast<int32_t>(conns_.size()) - 1; }
   Connection& At(int32_t index) { return *conns_[index]; }
+  // Whether connection index is up: connected, and for a secure link past its handshake.
   bool IsConnected(int32_t index) const;
+  // The key ID of the peer on a secure link that is up; else empty.
+  const std::string& PeerKey(int32_t index) const;
+  // What the host sees of an open link (see OpenLinks).
+  typLinkInfo LinkInfo(int32_t index) const;
 
   // Opens a listening socket for owner on port (0: any free port) at address
   // (empty: every IPv4 interface) and returns the port it listens on, or 0
@@ -131,6 +150,17 @@ class Connections {
   // Closes one connection and tells its owner; a maintained one is dialled
   // again without waiting.
   void CloseConnection(int32_t index, bool stopMaintaining);
+  // Tells the owner text and closes the connection for who its peer is: a maintained one
+  // is dialled again by the upkeep tick, not at once, so a peer refused on sight cannot
+  // keep the node dialling it.
+  void CloseRefused(int32_t index, const std::string& text);
+
+  // Takes socket (connected; in tests, in memory) as a link of owner under limits, accepted
+  // or dialled, and brings it up as a real one: a dialled one starts its handshake, an
+  // accepted one in a secure mode waits for the peer's first byte. peer names it in Errors.
+  // May run the loop (the owner hears of a link that is up at once). Returns its index.
+  int32_t Adopt(LinkOwner& owner, std::unique_ptr<Socket> socket, bool accepted,
+                const LinkLimits& limits, const std::string& peer);
 
   // Whether any connection of owner is up.
   bool HasOpenLink(const LinkOwner& owner) const;
@@ -177,6 +207,8 @@ class Connections {
   // Bytes the table holds for a connection: waiting to be sent, and received
   // but not yet processed.
   size_t HeldBytes(int32_t index) const;
+  // Bytes waiting to be sent, plaintext not yet sealed included.
+  size_t Waiting(const Connection& c) const;
 
   int32_t GetFreeSocket(LinkOwner& owner, const LinkLimits& limits);
   // Gives element index to owner, taking it from the one it had.
@@ -186,7 +218,26 @@ class Connections {
   bool StartDial(int32_t index, bool redial);
   void Redial(int32_t index);
   void OnConnected(int32_t index);
+  // Tells the owner the link is up (it may run the loop); false when the link was closed or
+  // taken again meanwhile.
+  bool LinkUp(int32_t index, uint64_t generation);
   void OnData(int32_t index, uint64_t generation, std::string_view data);
+  // Bytes of a link whose transform must see them first.
+  void OnTransformed(int32_t index, uint64_t generation, std::string_view data);
+  // Plaintext for the feeder.
+  void FeedPlain(int32_t index, uint64_t generation, std::string_view data);
+  // Seals what a TLS link wrote since the last flush, and sends what its session must.
+  void Seal(int32_t index, uint64_t generation);
+  // Queues message pieces on a link that is up.
+  void Send(int32_t index, std::span<const std::string_view> pieces);
+  // The peer closed or the link broke.
+  void OnPeerClosed(int32_t index);
+  // A link that is not up yet ends: dialled again in plaintext when it may fall back and
+  // fallBack is asked; else closed, without the owner hearing of a link, and why (when not
+  // empty) goes to the ConnectTo waiting for it or else to the owner.
+  void EndBeforeUp(int32_t index, std::string why, bool fallBack);
+  // How long a link may take from connected to up.
+  static int32_t HandshakeMs(const LinkLimits& limits);
   // Where the next read of index may put its bytes (see Socket::Handlers).
   std::span<char> ReadRoom(int32_t index, uint64_t generation);
   // n bytes were read into that room.

@@ -11,6 +11,27 @@
 
 namespace qel {
 
+class TlsIdentity;
+
+// Whether a node's links run under TLS: off (plaintext, as classic nodes), prefer (dial with
+// TLS, fall back to plaintext for a peer that does not answer it; accept both), require.
+enum class SecureMode { Off, Prefer, Require };
+
+// How a node protects its links; the same for all of them.
+struct LinkSecurity {
+  SecureMode mode = SecureMode::Off;
+  // The node's certificate and TLS context; null when mode is Off (or the node has no key,
+  // which fails every secure link).
+  std::shared_ptr<const TlsIdentity> identity;
+  // Key IDs a peer may have; empty accepts any key.
+  std::vector<std::string> trusted;
+
+  // Whether a link may run in plaintext: a plaintext peer has no key to trust.
+  bool PlainAllowed() const { return mode != SecureMode::Require && trusted.empty(); }
+  // Whether an accepted link waits for the peer's first byte before it comes up.
+  bool Sniffs() const { return mode != SecureMode::Off || !trusted.empty(); }
+};
+
 // The limits a connection runs under, given by its owner when it listens or
 // dials and kept with the connection.
 struct LinkLimits {
@@ -33,6 +54,8 @@ struct LinkLimits {
   // not answer is closed about twice that long after it was last heard.
   // 0: the system's default (normally no probes).
   int32_t keepAliveSec = 0;
+  // Plaintext or TLS, and which peer keys are trusted.
+  LinkSecurity security;
 };
 
 // How a link came up.

@@ -318,6 +318,11 @@ void FlushPendingWrites() {
   while (!pending.empty()) {
     now->swap(pending);
     for (auto& impl : *now) {
+      // Still listed while it runs: what the hook sends joins this write.
+      if (impl->handlers.onFlush && impl->state == SocketState::Connected) {
+        auto keep = impl->handlers.onFlush;  // the hook may replace the handlers
+        keep();
+      }
       impl->flushListed = false;
       impl->WriteQueued();
     }
@@ -412,6 +417,12 @@ void Socket::SendOwned(std::string&& header, std::string&& body) {
   impl_->queuedBytes += body.size();
   impl_->outgoing.push_back(std::move(body));
   impl_->ScheduleFlush();
+}
+
+void Socket::RequestFlush() {
+  if (impl_->flushListed || impl_->state != SocketState::Connected) return;
+  impl_->flushListed = true;
+  Impl::PendingFlushes().push_back(impl_);
 }
 
 void Socket::DiscardQueued() {

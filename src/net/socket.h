@@ -38,6 +38,9 @@ class Socket {
     // onDirect(n) with n > 0; the span is never kept for a later read.
     std::function<std::span<char>()> onReadRoom;
     std::function<void(size_t)> onDirect;
+    // Runs when the socket's batch of writes is about to leave (see RequestFlush): what it
+    // sends joins the batch. A transform seals what the handlers wrote here, once per batch.
+    std::function<void()> onFlush;
   };
 
   Socket();
@@ -69,6 +72,8 @@ class Socket {
   void SendOwned(std::string&& data);
   // A message in two parts, header and body, written as one without joining them.
   void SendOwned(std::string&& header, std::string&& body);
+  // Has onFlush run at the next FlushPendingWrites, whether or not anything is queued.
+  void RequestFlush();
   // Forgets what is queued and not yet being written, giving its memory back.
   void DiscardQueued();
   // Bytes queued or being written.

@@ -197,6 +197,15 @@ void TlsEngine::WritePlain(std::string_view bytes) {
   if (!Failed()) pendingPlain_.append(bytes);
 }
 
+void TlsEngine::WriteOwned(std::string&& bytes) {
+  if (Failed()) return;
+  if (pendingPlain_.empty()) {
+    pendingPlain_ = std::move(bytes);
+  } else {
+    pendingPlain_.append(bytes);
+  }
+}
+
 std::string TlsEngine::ReadPlain() {
   return std::exchange(receivedPlain_, {});
 }

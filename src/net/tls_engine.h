@@ -75,6 +75,8 @@ class TlsEngine {
   // Queues application bytes; they are sealed by the next TakeCiphertext once the handshake is
   // done. Dropped once Failed().
   void WritePlain(std::string_view bytes);
+  // The same, taking the bytes over: a batch written once is not copied again.
+  void WriteOwned(std::string&& bytes);
   // The application bytes received so far, handed over once.
   std::string ReadPlain();
 

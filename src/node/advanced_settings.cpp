@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstdint>
 #include <stdexcept>
 
@@ -18,11 +19,15 @@ namespace {
 constexpr int64_t kInt32Max = INT32_MAX;
 
 // docs/guide.md describes each key; keep the two in step.
-constexpr std::array<AdvancedSetting, 24> kSettings = {{
+constexpr std::array<AdvancedSetting, 26> kSettings = {{
     // The node's private key (PEM), created when missing; blank: a fresh key
     // each Initialise. First, so that a bad value of a later key, which stops
     // the reading, cannot leave the node under a fresh identity instead.
     {"keyFile", SettingType::Text, ""},
+    // Next for the same reason: a bad later value must not leave the links
+    // unprotected. The trust list first: a bad secureMode still keeps it.
+    {"trustedPeers", SettingType::Text, ""},
+    {"secureMode", SettingType::Text, "off"},
     {"Timeout", SettingType::Integer32, "500", 0, kInt32Max},
     {"TTL", SettingType::Integer32, "20", 0, kInt32Max},
     {"useEnc", SettingType::Boolean, "False"},
@@ -53,6 +58,14 @@ constexpr std::array<AdvancedSetting, 24> kSettings = {{
     {"transferStall", SettingType::Integer32, "30", 1, 86400},
     {"transferRetries", SettingType::Integer32, "3", 0, 1000},
 }};
+
+// Text settings whose value must have a form; throws QelError 13 when it has not.
+void CheckForm(std::string_view key, const Variant& value) {
+  const bool fits = key == "secureMode"     ? ParseSecureMode(value.toString()).has_value()
+                    : key == "trustedPeers" ? ParseKeyList(value.toString()).has_value()
+                                            : true;
+  if (!fits) throw QelError(errors::kTypeMismatch, "Initialise", "Type mismatch");
+}
 
 // The conversion Initialise makes; throws QelError 13 or 6.
 Variant Convert(SettingType type, const Variant& value) {
@@ -88,6 +101,10 @@ std::string Expected(const AdvancedSetting& setting) {
     case SettingType::Boolean:
       return "must be True or False";
     case SettingType::Text:
+      if (setting.key == "secureMode") return "must be off, prefer or require";
+      if (setting.key == "trustedPeers") {
+        return "must be key IDs (64 hex digits each) separated by commas";
+      }
       return "";
     default:
       return "must be an integer from " + std::to_string(setting.min) + " to " +
@@ -142,6 +159,32 @@ std::vector<Entry> CommonEntries(const cSettings& store) {
 
 }  // namespace
 
+std::optional<SecureMode> ParseSecureMode(std::string_view text) {
+  text = Trim(text);
+  if (EqualsNoCase(text, "off")) return SecureMode::Off;
+  if (EqualsNoCase(text, "prefer")) return SecureMode::Prefer;
+  if (EqualsNoCase(text, "require")) return SecureMode::Require;
+  return std::nullopt;
+}
+
+std::optional<std::vector<std::string>> ParseKeyList(std::string_view text) {
+  std::vector<std::string> ids;
+  while (!text.empty()) {
+    const size_t comma = std::min(text.find(','), text.size());
+    const std::string_view item = Trim(text.substr(0, comma));
+    text.remove_prefix(std::min(comma + 1, text.size()));
+    if (item.empty()) continue;
+    if (item.size() != 64 || !std::all_of(item.begin(), item.end(), [](char ch) {
+          return std::isxdigit(static_cast<unsigned char>(ch)) != 0;
+        })) {
+      return std::nullopt;
+    }
+    std::string& id = ids.emplace_back(item);
+    for (char& ch : id) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+  }
+  return ids;
+}
+
 std::span<const AdvancedSetting> AdvancedSettingsTable() {
   return kSettings;
 }
@@ -172,6 +215,7 @@ std::vector<SettingProblem> CheckAdvancedSettings(const std::string& settingsTex
     bool fits = true;
     try {
       const Variant value = Convert(setting->type, Variant(entry.value));
+      CheckForm(setting->key, value);
       if (value.kind() == Variant::Kind::Integer) {
         const int64_t number = value.toInt64();
         fits = number >= setting->min && number <= setting->max;
@@ -211,8 +255,11 @@ AdvancedValues::AdvancedValues(const std::string& settingsText) : given_(kSettin
     }
     try {
       given_[i] = Convert(kSettings[i].type, value);
+      CheckForm(kSettings[i].key, *given_[i]);
     } catch (const QelError& e) {
       // The classic number and text, then which key and what it takes.
+      given_[i].reset();
+      faultKey_ = kSettings[i].key;
       fault_ = std::make_exception_ptr(
           QelError(e.Number, "Initialise",
                    e.Description + ": advanced setting " + std::string(kSettings[i].key) + " = \"" +

@@ -23,6 +23,7 @@
 #include "net/connections.h"
 #include "net/event_loop.h"
 #include "net/local_address.h"
+#include "net/tls_engine.h"
 #include "node/advanced_values.h"
 #include "node/module.h"
 #include "node/node_access.h"
@@ -114,6 +115,17 @@ void ApplySettings(NodeState& node, const std::string& nodeName, int32_t listenP
   node.maxConnections = values.Get("maxConnections").toInt32();
   node.keepAlive = values.Get("keepAlive").toInt32();
   node.listenAddress = Trim(values.Get("listenAddress").toString());
+  node.Security = LinkSecurity();
+  if (auto mode = ParseSecureMode(values.Get("secureMode").toString())) node.Security.mode = *mode;
+  if (auto trusted = ParseKeyList(values.Get("trustedPeers").toString())) {
+    node.Security.trusted = std::move(*trusted);
+  }
+  // A value that does not read must not leave the links open to anyone: the node requires
+  // TLS then, and a trust list that does not read trusts no key.
+  if (values.FaultKey() == "secureMode" || values.FaultKey() == "trustedPeers") {
+    node.Security.mode = SecureMode::Require;
+  }
+  if (values.FaultKey() == "trustedPeers") node.Security.trusted = {"no key"};
   // Out of range values are held to the range: a fetch needs a window and a
   // stall time to work at all.
   FetchSettings& fetch = node.FetchConfig;
@@ -226,7 +238,16 @@ void cQEL::Initialise(const std::string& nodeName, int32_t listenPort, enmRole R
       ReportCurrentFault(*node);
     }
     // A node has its key whatever else the settings got wrong.
-    if (node->Alive()) TakeKey(*node, std::string(Trim(values.Get("keyFile").toString())));
+    if (node->Alive()) {
+      TakeKey(*node, std::string(Trim(values.Get("keyFile").toString())));
+      if (node->Security.mode != SecureMode::Off) {
+        auto identity = std::make_shared<const TlsIdentity>(node->Key);
+        if (!identity->Valid()) {
+          throw std::runtime_error("no TLS certificate for the node key: " + identity->Why());
+        }
+        node->Security.identity = std::move(identity);
+      }
+    }
   } catch (...) {
     ReportCurrentFault(*node);
   }
@@ -501,6 +522,11 @@ std::vector<typLinkInfo> cQEL::Links() {
     ReportCurrentFault(*node);
   }
   return {};
+}
+
+typLinkInfo cQEL::EstablishedLink() {
+  auto node = Enter(*this);
+  return Connections::Get().LinkInfo(node->EstablishingLink);
 }
 
 std::string cQEL::NodeID() {

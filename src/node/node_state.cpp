@@ -1,5 +1,7 @@
 #include "node/node_state.h"
 
+#include <utility>
+
 #include "files/sharing.h"
 #include "net/connections.h"
 #include "node/events.h"
@@ -35,7 +37,10 @@ void NodeState::OnLinkUp(int32_t conn, LinkKind, const std::string& sourceIP) {
   Connected = Connections::Get().HasOpenLink(*this);
   if (announceSelf) SendInfo(*this, "BROADCAST", conn);
   Fetches.OnLinkUp();
-  if (Alive()) RaiseConnectionEstab(*this, sourceIP);
+  if (!Alive()) return;
+  const int32_t outer = std::exchange(EstablishingLink, conn);
+  RaiseConnectionEstab(*this, sourceIP);
+  EstablishingLink = outer;
 }
 
 void NodeState::OnLinkDown(int32_t, const std::string& address, const std::string& nodeID) {

@@ -36,6 +36,9 @@ struct NodeState final : RoutingNode, TransferHost, FetchHost {
   // Remote procedure calls: the host's bindings and their pending calls.
   RpcBindings Rpc;
 
+  // The link whose ConnectionEstab is being raised; 0 outside that handler.
+  int32_t EstablishingLink = 0;
+
   // The node object its events are raised on; null once it has shut down.
   cQEL* Owner = nullptr;
 

@@ -213,9 +213,39 @@ void OnWhois(RoutingNode& node, const typMessage& message) {
   SendInfo(node, GetSingleField(message.Fields, "Source"));
 }
 
+namespace {
+
+// On a secure link a neighbour's node ID is bound to its key: another key announcing the
+// same node ID, on another link or later, would take over the routes and answers meant for
+// the first. Such a link is closed and false returned.
+bool KeyFits(RoutingNode& node, const std::string& sender, int32_t conn) {
+  auto& connections = Connections::Get();
+  if (sender.empty() || conn < 1 || conn > connections.Count()) return true;
+  const std::string key = connections.PeerKey(conn);
+  if (key.empty()) return true;  // plaintext: no key to bind
+  std::string bound;
+  for (int32_t i : node.Links) {
+    const std::string& other = connections.PeerKey(i);
+    if (i != conn && connections.At(i).NodeID == sender && !other.empty() && other != key) {
+      bound = other;
+      break;
+    }
+  }
+  if (bound.empty()) bound = node.BoundKeys.Bind(sender, key);
+  if (bound.empty()) return true;
+  TheStats().Refused(Refusal::KeyMismatch);
+  connections.CloseRefused(conn, "Connection to " + connections.LinkInfo(conn).Address +
+                                     " closed: node " + sender + " announced itself with key " +
+                                     key + ", but that node ID is bound to key " + bound);
+  return false;
+}
+
+}  // namespace
+
 void OnInfo(RoutingNode& node, const typMessage& message, int32_t conn) {
   InfoRoom room;
   const std::string sender = room.Take(GetSingleField(message.Fields, "Source"));
+  if (GetSingleField(message.Fields, "Hops") == "0" && !KeyFits(node, sender, conn)) return;
   const int32_t index = node.NodeCache.FindOrAdd(sender);
   cSettings body;
   try {

@@ -15,6 +15,7 @@
 #include "net/link_owner.h"
 #include "routing/dispatch.h"
 #include "routing/dup_window.h"
+#include "routing/key_bindings.h"
 #include "routing/node_entry.h"
 #include "routing/packet_cache.h"
 #include "routing/resend_window.h"
@@ -67,6 +68,11 @@ struct RoutingNode : LinkOwner {
   int32_t keepAlive = 0;
   // Where Listen listens; empty: every IPv4 interface.
   std::string listenAddress;
+  // secureMode, trustedPeers and the node's TLS identity (made from Key).
+  LinkSecurity Security;
+  // Key IDs of the nodes that announced themselves on secure links, by node ID: a node ID
+  // stays bound to the first key seen with it.
+  KeyBindings BoundKeys;
 
   // Identifiers of messages seen or sent: the last packetCache of them, and
   // those of the last dupWindow seconds (see SeenBefore).
@@ -99,7 +105,8 @@ struct RoutingNode : LinkOwner {
             .stallTimeoutMs = stallTimeout,
             .maxConnections = maxConnections,
             .defaultPort = ListenPort,
-            .keepAliveSec = keepAlive};
+            .keepAliveSec = keepAlive,
+            .security = Security};
   }
 
   // Raises the node's Error event. May run the loop.

@@ -297,13 +297,15 @@ TEST(AdvancedSettingsTest, CheckNamesWrongTypesRangesAndUnknownKeys) {
 
   EXPECT_EQ(Describe(CheckAdvancedSettings(
                 Settings("TTL=many useEnc=maybe Timeout=-1 maxRoutes=40000 filePacket=2097152 "
-                         "Tiemout=900 netPass=any:text"))),
+                         "Tiemout=900 netPass=any:text secureMode=sometimes trustedPeers=ab,"))),
             "error TTL=many: must be an integer from 0 to 2147483647\n"
             "error useEnc=maybe: must be True or False\n"
             "error Timeout=-1: must be an integer from 0 to 2147483647\n"
             "error maxRoutes=40000: must be an integer from 0 to 32767\n"
             "error filePacket=2097152: must be an integer from 1 to 2097151\n"
-            "warning Tiemout=900: not a setting, ignored\n");
+            "warning Tiemout=900: not a setting, ignored\n"
+            "error secureMode=sometimes: must be off, prefer or require\n"
+            "error trustedPeers=ab,: must be key IDs (64 hex digits each) separated by commas\n");
 
   auto corrupt = CheckAdvancedSettings("<Settings><Common><TTL>5");
   ASSERT_EQ(corrupt.size(), 1u);

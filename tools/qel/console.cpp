@@ -40,10 +40,10 @@ void ReportEvents(qel::cQEL& node, Output& out, Downloads& downloads) {
   node.ConnectionReq = [&out](std::string& SourceIP, bool&) {
     out.Event("ConnectionReq", {{"SourceIP", SourceIP}});
   };
-  node.ConnectionEstab = [&out](std::string& SourceIP) {
-    // Every link is plaintext for now; the fields are there for links that
-    // will not be.
-    out.Event("ConnectionEstab", {{"SourceIP", SourceIP}, {"Secure", false}, {"PeerKey", ""}});
+  node.ConnectionEstab = [&out, &node](std::string& SourceIP) {
+    const qel::typLinkInfo link = node.EstablishedLink();
+    out.Event("ConnectionEstab",
+              {{"SourceIP", SourceIP}, {"Secure", link.isSecure}, {"PeerKey", link.PeerKey}});
   };
   node.ConnectionClosed = [&out](std::string& SourceIP, std::string& nodeID) {
     out.Event("ConnectionClosed", {{"SourceIP", SourceIP}, {"nodeID", nodeID}});

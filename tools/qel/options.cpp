@@ -111,6 +111,13 @@ void AddNodeOptions(CLI::App& command, NodeOptions& options) {
       ->check(CheckAddress);
   command.add_option("--key", options.keyFile,
                      "PEM file of the node's key, created when missing (setting keyFile)");
+  command
+      .add_option("--secure", options.secureMode,
+                  "TLS on links: off, prefer or require (setting secureMode)")
+      ->check(CLI::IsMember({"off", "prefer", "require"}, CLI::ignore_case))
+      ->option_text("off|prefer|require");
+  command.add_option("--trust", options.trustedPeers,
+                     "Key IDs a peer may have, comma-separated (setting trustedPeers)");
   command.add_option("--connect", options.connects, "HOST[:PORT] to connect to (repeatable)")
       ->allow_extra_args(false);
   command.add_flag("--maintain", options.maintain, "Re-dial the --connect nodes when they drop");
@@ -121,7 +128,7 @@ void AddNodeOptions(CLI::App& command, NodeOptions& options) {
 
 std::string AdvancedSettings(const NodeOptions& options) {
   if (options.settingsFile.empty() && options.sets.empty() && options.listenAddress.empty() &&
-      options.keyFile.empty()) {
+      options.keyFile.empty() && options.secureMode.empty() && options.trustedPeers.empty()) {
     return "";
   }
   qel::cSettings settings;
@@ -156,6 +163,8 @@ std::string AdvancedSettings(const NodeOptions& options) {
   }
   if (!options.listenAddress.empty()) save("listenAddress", options.listenAddress);
   if (!options.keyFile.empty()) save("keyFile", options.keyFile);
+  if (!options.secureMode.empty()) save("secureMode", options.secureMode);
+  if (!options.trustedPeers.empty()) save("trustedPeers", options.trustedPeers);
   return settings.getXML();
 }
 

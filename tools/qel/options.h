@@ -22,6 +22,8 @@ struct NodeOptions {
   std::vector<std::string> sets;  // KEY=VALUE, section Common
   std::string listenAddress;
   std::string keyFile;
+  std::string secureMode;   // setting secureMode; empty: as the settings say
+  std::string trustedPeers; // setting trustedPeers; empty: as the settings say
   std::vector<std::string> connects;
   bool maintain = false;
   bool json = false;
@@ -37,7 +39,7 @@ struct OptionError : std::runtime_error {
 };
 
 // The advancedSettings text for Initialise: the settings file, every --set
-// applied on top, then --listen-address and --key; "" when none is given. Throws
+// applied on top, then --listen-address, --key, --secure and --trust; "" when none is given. Throws
 // OptionError for a file that does not load or a key the store refuses.
 std::string AdvancedSettings(const NodeOptions& options);
 
