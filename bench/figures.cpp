@@ -3,12 +3,12 @@
 // forked from this one; this process only coordinates and never opens a
 // node, so each child starts clean.
 //
-//   qel_figures [--runs N] [--verbose] [--only TEXT] [--with qel,tcp,zmq]
+//   qel_figures [--runs N] [--verbose] [--only TEXT] [--with qel,qel-tls,tcp,zmq]
 //
 // --only keeps the figures whose name contains TEXT ("direct plain", "relay",
-// "ping", "rpc", "codec", "md5", "file transfer", "file transfer relayed", "scale",
+// "ping", "rpc", "link set-up", "codec", "md5", "file transfer", "file transfer relayed", "scale",
 // "amplification");
-// --with keeps the listed contenders (handy under perf).
+// --with keeps the listed contenders (qel, qel-tls, tcp, zmq; handy under perf).
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -38,7 +38,7 @@ struct Options {
   int runs = 5;
   bool verbose = false;
   std::string only;
-  std::string with = "qel,tcp,zmq";
+  std::string with = "qel,qel-tls,tcp,zmq";
 };
 
 bool WantFigure(const Options& options, const std::string& figure) {
@@ -182,11 +182,16 @@ void ThroughputFigures(bool relay, const Options& options) {
                                (compEnc ? "comp+enc" : "plain");
     if (!WantFigure(options, figure)) continue;
     Note(options, figure);
+    // TLS beside plaintext in the same run: what a secure link costs.
     const std::pair<const char*, Rig (*)(bool, bool)> contenders[] = {
-        {"qel", QelThroughputRig}, {"tcp", TcpThroughputRig}, {"zmq", ZmqThroughputRig}};
+        {"qel", QelThroughputRig},
+        {"qel-tls", QelSecureThroughputRig},
+        {"tcp", TcpThroughputRig},
+        {"zmq", ZmqThroughputRig}};
     std::vector<Entry> entries;
     for (const auto& [name, build] : contenders) {
       if (!WantContender(options, name)) continue;
+      if (compEnc && name == std::string("qel-tls")) continue;
       Entry& entry = entries.emplace_back(Entry{name, build(relay, compEnc)});
       PrepareThroughput(entry);
     }
@@ -231,6 +236,32 @@ void RoundTripFigures(const Options& options, const std::string& figure, Rig (*q
   }
   PrintLine(figure + " median", medians, FormatNs);
   PrintLine(figure + " p99", tails, FormatNs);
+}
+
+// Links brought up and closed again between two nodes, plaintext and TLS:
+// the TCP connect, the handshake, both INFOs and the close.
+void LinkSetupFigures(const Options& options) {
+  const std::string figure = "link set-up";
+  Note(options, figure);
+  std::vector<Entry> entries;
+  for (bool secure : {false, true}) {
+    const char* name = secure ? "qel-tls" : "qel";
+    if (!WantContender(options, name)) continue;
+    Entry& entry = entries.emplace_back(Entry{name, QelLinkSetupRig(secure)});
+    if (!entry.rig.pinger) {
+      entry.failure = entry.rig.failure;
+    } else {
+      RunPing(entry, 20, false);  // warm-up
+    }
+  }
+  TakeTurns(entries, options.runs, [](Entry& entry) { RunPing(entry, 200, true); });
+  std::vector<Outcome> outcomes;
+  for (Entry& entry : entries) {
+    Note(options, entry.name + ":" + entry.detail);
+    outcomes.push_back({entry.name, Summarise(entry.samples), entry.failure});
+  }
+  auto perSecond = [](double ns) { return FormatRate(1e9 / ns) + " links/s"; };
+  PrintLine(figure, outcomes, perSecond);
 }
 
 void CodecFigures(const Options& options) {
@@ -284,7 +315,8 @@ int main(int argc, char** argv) {
     } else if (arg == "--with" && i + 1 < argc) {
       options.with = argv[++i];
     } else {
-      std::fprintf(stderr, "usage: %s [--runs N] [--verbose] [--only TEXT] [--with qel,tcp,zmq]\n",
+      std::fprintf(stderr,
+                   "usage: %s [--runs N] [--verbose] [--only TEXT] [--with qel,qel-tls,tcp,zmq]\n",
                    argv[0]);
       return 2;
     }
@@ -315,6 +347,7 @@ int main(int argc, char** argv) {
   }
   // The callee answers from inside its handler; tcp and zmq echo as for ping.
   if (WantFigure(options, "rpc round trip")) RoundTripFigures(options, "rpc round trip", QelRpcRig);
+  if (WantFigure(options, "link set-up")) LinkSetupFigures(options);
   if (WantFigure(options, "codec")) CodecFigures(options);
   // md5sum, like every other reference, runs on the same file in the same run.
   if (WantFigure(options, "md5")) HashFigure(home, int64_t{1} << 30, options.runs);

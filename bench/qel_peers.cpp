@@ -89,8 +89,9 @@ void Sender(Channel& channel, const std::string& settings, const std::string& co
   UseLoopback();
   qel::cQEL node;
   WatchErrors(node, "sender");
-  // Accepting does not set isConnected, so a listening sender counts its links.
-  bool linked = !connectTo.empty();
+  // Counted from the event, not isConnected: an accepted link does not set
+  // it, and a secure link is up only once its handshake is done.
+  bool linked = false;
   node.ConnectionEstab = [&](std::string&) { linked = true; };
   node.Initialise("sender", 0, qel::role_Peer, "", "", settings);
   if (connectTo.empty() ? !node.Listen(0) : !node.Connect(connectTo)) {
@@ -219,17 +220,21 @@ void RpcCaller(Channel& channel, int64_t port, const std::string& calleeID) {
 
 }  // namespace
 
-std::string QelSettings(bool compEnc) {
-  if (!compEnc) return {};
+std::string QelSettings(bool compEnc, bool secure) {
+  if (!compEnc && !secure) return {};
   qel::cSettings settings;
-  settings.SaveSetting("useComp", true);
-  settings.SaveSetting("useEnc", true);
+  if (compEnc) {
+    settings.SaveSetting("useComp", true);
+    settings.SaveSetting("useEnc", true);
+  }
+  if (secure) settings.SaveSetting("secureMode", "require");
   return settings.getXML();
 }
 
-Rig QelThroughputRig(bool relay, bool compEnc) {
+namespace {
+
+Rig ThroughputRig(bool relay, const std::string& settings) {
   Rig rig;
-  const std::string settings = QelSettings(compEnc);
   Child& receiver = rig.Add(
       std::make_unique<Child>("qel receiver", [settings](Channel& c) { Receiver(c, settings); }));
   std::optional<std::string> ready = receiver.Expect("ready", kReadyTimeoutMs, &rig.failure);
@@ -250,6 +255,66 @@ Rig QelThroughputRig(bool relay, bool compEnc) {
   Child& middle = rig.Add(std::make_unique<Child>(
       "qel relay", [=](Channel& c) { Relay(c, settings, receiverPort, senderPort); }));
   if (!middle.Expect("ready", kReadyTimeoutMs, &rig.failure)) rig.sender = nullptr;
+  return rig;
+}
+
+// Listens, and lets every link come and go.
+void LinkTarget(Channel& channel, const std::string& settings) {
+  UseLoopback();
+  qel::cQEL node;
+  WatchErrors(node, "link target");
+  node.Initialise("target", 0, qel::role_Peer, "", "", settings);
+  if (!node.Listen(0)) return channel.Send("fail cannot listen");
+  channel.Send(ReadyLine(node));
+  for (;;) qel::DoEvents(1000);
+}
+
+// Each round trip is a link brought up (both ends announced, the handshake
+// done when secure) and closed again.
+void LinkDialer(Channel& channel, const std::string& settings, int64_t port) {
+  UseLoopback();
+  qel::cQEL node;
+  WatchErrors(node, "link dialer");
+  bool up = false;
+  bool down = false;
+  node.ConnectionEstab = [&](std::string&) { up = true; };
+  node.ConnectionClosed = [&](std::string&, std::string&) { down = true; };
+  node.Initialise("dialer", 0, qel::role_Peer, "", "", settings);
+  const std::string address = Address(port);
+  channel.Send("ready");
+  ServeRoundTrips(channel, [&] {
+    up = down = false;
+    if (!node.Connect(address)) return false;
+    const int64_t deadline = NowNs() + 3'000'000'000;
+    while (!up && NowNs() < deadline) qel::DoEvents(100);
+    const bool ok = up;
+    node.DisconnectFrom(address);
+    while (!down && NowNs() < deadline) qel::DoEvents(100);
+    return ok && down;
+  });
+}
+
+}  // namespace
+
+Rig QelThroughputRig(bool relay, bool compEnc) {
+  return ThroughputRig(relay, QelSettings(compEnc, false));
+}
+
+Rig QelSecureThroughputRig(bool relay, bool compEnc) {
+  return ThroughputRig(relay, QelSettings(compEnc, true));
+}
+
+Rig QelLinkSetupRig(bool secure) {
+  Rig rig;
+  const std::string settings = QelSettings(false, secure);
+  Child& target = rig.Add(
+      std::make_unique<Child>("qel target", [settings](Channel& c) { LinkTarget(c, settings); }));
+  std::optional<std::string> ready = target.Expect("ready", kReadyTimeoutMs, &rig.failure);
+  if (!ready) return rig;
+  const int64_t port = FieldInt(*ready, "port");
+  Child& dialer = rig.Add(std::make_unique<Child>(
+      "qel dialer", [settings, port](Channel& c) { LinkDialer(c, settings, port); }));
+  if (dialer.Expect("ready", kReadyTimeoutMs, &rig.failure)) rig.pinger = &dialer;
   return rig;
 }
 

@@ -8,12 +8,21 @@
 namespace qelbench {
 
 // The advanced settings text of every node: defaults, or compression and
-// encryption on (netPass stays the default, the same on every node).
-std::string QelSettings(bool compEnc);
+// encryption on (netPass stays the default, the same on every node), and
+// with secure set TLS on every link (secureMode require, fresh keys, any key
+// accepted).
+std::string QelSettings(bool compEnc, bool secure = false);
 
 // A sending node and a receiving node, connected directly or through a relay
 // node that connects to both (so both ends learn its INFO).
 Rig QelThroughputRig(bool relay, bool compEnc);
+// The same over TLS links.
+Rig QelSecureThroughputRig(bool relay, bool compEnc);
+
+// A node dialling a node of another process, waiting for the link to be up
+// (ConnectionEstab), closing it and waiting for ConnectionClosed, once per
+// round trip; secure: over TLS.
+Rig QelLinkSetupRig(bool secure);
 
 // A node pinging a node of another process that it has asked for its INFO.
 Rig QelPingRig();

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <tuple>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -93,30 +94,48 @@ void TcpFileSender(Channel& channel) {
   }
 }
 
-struct Contenders {
-  std::unique_ptr<Child> server, client, receiver, sender;
+// A serving and a fetching `qel node`, linked.
+struct QelPair {
+  std::unique_ptr<Child> server, client;
   std::string serverID;
+};
+
+// extra: more options for both nodes (the secure pair's).
+QelPair StartPair(const std::string& qelBinary, const std::string& share, const std::string& tag,
+                  const std::vector<std::string>& extra, std::string& failure) {
+  QelPair p;
+  std::vector<std::string> args = {qelBinary, "node", "--json", "--port", "0", "--share", share};
+  args.insert(args.end(), extra.begin(), extra.end());
+  p.server = RunProgram(tag + "-server", args, kNodeLifetimeSeconds);
+  std::optional<json> ready = WaitLine(
+      *p.server, [](const json& l) { return l.value("event", "") == "Ready"; }, kReadyTimeoutMs,
+      failure);
+  if (!ready) return p;
+  p.serverID = (*ready)["ID"];
+  const std::string address = (*ready)["Address"];
+  args = {qelBinary, "node", "--json", "--port", "0", "--connect", address};
+  args.insert(args.end(), extra.begin(), extra.end());
+  p.client = RunProgram(tag + "-client", args, kNodeLifetimeSeconds);
+  // A secure link is up once its handshake is done, after connect returned.
+  std::optional<json> linked = WaitLine(
+      *p.client, [](const json& l) { return l.value("event", "") == "ConnectionEstab"; },
+      kReadyTimeoutMs, failure);
+  if (!linked) failure = tag + "-client: no link";
+  return p;
+}
+
+struct Contenders {
+  QelPair qel, secure;
+  std::string qelFailure, secureFailure;
+  std::unique_ptr<Child> receiver, sender;
   int64_t receiverPort = 0;
   std::string failure;
 };
 
 Contenders Start(const std::string& qelBinary, const std::string& share) {
   Contenders c;
-  c.server =
-      RunProgram("qel-server", {qelBinary, "node", "--json", "--port", "0", "--share", share},
-                 kNodeLifetimeSeconds);
-  std::optional<json> ready = WaitLine(
-      *c.server, [](const json& l) { return l.value("event", "") == "Ready"; }, kReadyTimeoutMs,
-      c.failure);
-  if (!ready) return c;
-  c.serverID = (*ready)["ID"];
-  const std::string address = (*ready)["Address"];
-  c.client =
-      RunProgram("qel-client", {qelBinary, "node", "--json", "--port", "0", "--connect", address},
-                 kNodeLifetimeSeconds);
-  std::optional<json> connected = WaitLine(
-      *c.client, [](const json& l) { return IsCommand(l, "connect"); }, kReadyTimeoutMs, c.failure);
-  if (connected && !(*connected)["ok"].get<bool>()) c.failure = "qel-client: cannot connect";
+  c.qel = StartPair(qelBinary, share, "qel", {}, c.qelFailure);
+  c.secure = StartPair(qelBinary, share, "qel-tls", {"--secure", "require"}, c.secureFailure);
   c.receiver = std::make_unique<Child>("tcp-receiver", TcpFileReceiver, kNodeLifetimeSeconds);
   c.sender = std::make_unique<Child>("tcp-sender", TcpFileSender, kNodeLifetimeSeconds);
   std::optional<std::string> line = c.receiver->Expect("ready", kReadyTimeoutMs, &c.failure);
@@ -158,41 +177,44 @@ void TransferFigures(const std::string& qelBinary, const std::string& folder, in
   if (parts.range)
     figures.push_back({"range", {bytes / 2, std::min<int64_t>(bytes / 2, 100 << 20)}});
   for (const auto& [kind, span] : figures) {
-    std::vector<double> qel, tcp;
-    std::string qelFailure = c.failure, tcpFailure = c.failure;
+    std::vector<double> qel, secure, tcp;
+    std::string qelFailure = c.qelFailure, secureFailure = c.secureFailure, tcpFailure = c.failure;
     // A first run of each warms the page cache and the connections.
-    // Both write over the same file in place, as `get` does, and cut it to
+    // All write over the same file in place, as `get` does, and cut it to
     // length at the end.
     for (int run = 0; run <= runs; ++run) {
-      if (qelFailure.empty()) {
+      for (auto [pair, rates, why] : {std::tuple{&c.qel, &qel, &qelFailure},
+                                      std::tuple{&c.secure, &secure, &secureFailure}}) {
+        if (!why->empty()) continue;
         std::optional<double> rate =
-            Fetch(*c.client, c.serverID, span, bytes, source, target, qelFailure);
-        if (rate && run > 0) qel.push_back(*rate);
+            Fetch(*pair->client, pair->serverID, span, bytes, source, target, *why);
+        if (rate && run > 0) rates->push_back(*rate);
         // The serving node prints a line per ranged request: read them, so
         // its pipe never fills and holds it up in the next run.
         std::string ignored;
-        Drain(c.server.get(), ignored);
+        Drain(pair->server.get(), ignored);
       }
       if (tcpFailure.empty()) {
         std::optional<double> rate = TcpRun(c, span, source, target, tcpFailure);
         if (rate && run > 0) tcp.push_back(*rate);
       }
     }
-    std::printf("file transfer %s %lld MiB: %s  %s", kind,
+    std::printf("file transfer %s %lld MiB: %s  %s  %s", kind,
                 static_cast<long long>(span.length >> 20), Show("qel", qel, qelFailure).c_str(),
+                Show("qel-tls", secure, secureFailure).c_str(),
                 Show("tcp", tcp, tcpFailure).c_str());
     if (qelFailure.empty()) {
       // Peaks so far: the whole file was served before the range.
       std::printf("  (qel peak RSS: serving %s, fetching %s)",
-                  Mebibytes(PeakRssKiB(c.server->pid())).c_str(),
-                  Mebibytes(PeakRssKiB(c.client->pid())).c_str());
+                  Mebibytes(PeakRssKiB(c.qel.server->pid())).c_str(),
+                  Mebibytes(PeakRssKiB(c.qel.client->pid())).c_str());
     }
     std::printf("\n");
     std::fflush(stdout);
   }
   if (parts.relayed) {
-    RelayedFigure({c.server.get(), c.client.get(), c.serverID, c.failure}, qelBinary, share, source,
-                  target, bytes, runs);
+    RelayedFigure({c.qel.server.get(), c.qel.client.get(), c.qel.serverID, c.qelFailure}, qelBinary,
+                  share, source, target, bytes, runs);
   }
   c = Contenders{};
   std::filesystem::remove_all(folder);

@@ -15,7 +15,8 @@ struct TransferParts {
   bool relayed = true;
 };
 
-// Prints "file transfer whole <size>: qel … MB/s (±…)  tcp … MB/s (±…)" with
+// Prints "file transfer whole <size>: qel … MB/s (±…)  qel-tls … MB/s (±…)
+// tcp … MB/s (±…)" (qel-tls: both nodes with --secure require) with
 // the nodes' peak resident memory, and the same for a 100 MiB range from the
 // middle of the file. The relayed figure fetches the whole file through a
 // third node, each run taking turns with a direct transfer, and prints a line
