@@ -31,8 +31,8 @@ int32_t ParseNumber(const std::string& text, const char* what, int32_t min, int3
   int64_t number = 0;
   auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), number);
   if (ec != std::errc() || end != text.data() + text.size() || number < min || number > max) {
-    throw UsageError(std::string(what) + " must be a number from " + std::to_string(min) +
-                     " to " + std::to_string(max) + ", got '" + text + "'");
+    throw UsageError(std::string(what) + " must be a number from " + std::to_string(min) + " to " +
+                     std::to_string(max) + ", got '" + text + "'");
   }
   return static_cast<int32_t>(number);
 }
@@ -75,7 +75,8 @@ CommandResult Listen(Session& s, const Args& args) {
   const int32_t advertised = s.node.ListenPort();
   if (!s.node.Listen(port)) {
     return Fail("could not listen on port " + std::to_string(port != 0 ? port : advertised) +
-                "; is it in use?", false);
+                    "; is it in use?",
+                false);
   }
   if (port == 0 || port == s.node.ListenPort()) return {true, s.node.ListenPort(), ""};
   return {true, port, "", "other nodes are still told port " + std::to_string(advertised)};
@@ -149,12 +150,16 @@ CommandResult Role(Session& s, const Args& args) {
   throw UsageError("expected peer, server or router, got '" + args[0] + "'");
 }
 
-CommandResult Stats(Session&, const Args&) {
+CommandResult Stats(Session& s, const Args&) {
   qel::cQELStats stats;
   Json refused = Json::object();
   for (const std::string& reason : qel::cQELStats::RefusalReasons()) {
     refused[reason] = stats.Refused(reason);
   }
+  // This node's links by kind: a prefer node shows how many peers still talk plaintext.
+  const std::vector<qel::typLinkInfo> links = s.node.Links();
+  const auto secure = std::count_if(links.begin(), links.end(),
+                                    [](const qel::typLinkInfo& link) { return link.isSecure; });
   return {true,
           {{"InByteSpeed", stats.InByteSpeed()},
            {"OutByteSpeed", stats.OutByteSpeed()},
@@ -166,7 +171,9 @@ CommandResult Stats(Session&, const Args&) {
            {"AvgCompression", stats.AvgCompression()},
            {"ResendWindowCuts", stats.ResendWindowCuts()},
            {"IgnoredCancels", stats.IgnoredCancels()},
-           {"Refused", refused}},
+           {"Refused", refused},
+           {"Links", links.size()},
+           {"SecureLinks", secure}},
           ""};
 }
 
@@ -431,7 +438,8 @@ const std::array kCommands = {
             3, true, RpcCall},
     Command{"rpc-return", "REQID [PARAMS]", "answer a call that arrived", 1, 2, true, RpcReturn},
     Command{"role", "peer|server|router", "the role announced from now on", 1, 1, false, Role},
-    Command{"stats", "", "traffic figures of this process", 0, 0, false, Stats},
+    Command{"stats", "", "traffic figures of this process; this node's links, secure ones apart", 0,
+            0, false, Stats},
     Command{"help", "", "list the commands", 0, 0, false, Help},
     Command{"quit", "", "shut the node down and exit", 0, 0, false, Quit},
 };
