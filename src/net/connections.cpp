@@ -244,7 +244,7 @@ bool Connections::LinkUp(int32_t index, uint64_t generation) {
                         : c.redial ? LinkKind::Redialled
                                    : LinkKind::Dialled;
   c.redial = false;
-  owner->OnLinkUp(index, kind, c.accepted ? c.sck->RemoteHost() : c.Address);
+  owner->OnLinkUp({index, c.generation}, kind, c.accepted ? c.sck->RemoteHost() : c.Address);
   return c.generation == generation && IsConnected(index);
 }
 
@@ -382,7 +382,7 @@ void Connections::Drain(int32_t index, uint64_t generation) {
       if (c.inbox.empty()) c.sck->ResumeReading();
       DebugLine("** PROCESS ");
       try {
-        owner->OnLinkMessage(index, std::move(message));
+        owner->OnLinkMessage({index, generation}, std::move(message));
       } catch (...) {
         // Nothing a peer sends may unwind the loop: this connection goes,
         // the node and its other connections stay.
@@ -631,7 +631,7 @@ void Connections::CloseConnection(int32_t index, bool stopMaintaining) {
   const std::string nodeID = std::exchange(c.NodeID, {});
   auto owner = Lock(c.Owner);
   if (!owner) return;
-  owner->OnLinkDown(index, address, nodeID);
+  owner->OnLinkDown({index, c.generation}, address, nodeID);
   if (c.Maintain && !c.holdRedial && owner->Alive() && c.sck->State() == SocketState::Closed) {
     Redial(index);
   }
@@ -784,6 +784,27 @@ std::vector<typLinkInfo> Connections::OpenLinks(const LinkOwner& owner) const {
     if (IsConnected(i)) links.push_back(LinkInfo(i));
   }
   return links;
+}
+
+std::vector<LinkId> Connections::UpLinks(const LinkOwner& owner) const {
+  std::vector<LinkId> links;
+  for (int32_t i : owner.Links) {
+    if (IsConnected(i)) links.push_back(Id(i));
+  }
+  return links;
+}
+
+std::string Connections::SetPeerNode(int32_t index, const std::string& nodeID,
+                                     std::string_view port) {
+  Connection& c = *conns_[index];
+  c.NodeID = nodeID;
+  if (!port.empty()) {
+    std::string ip = c.sck->RemoteHost();
+    if (ip.empty()) ip = c.Peer.substr(0, c.Peer.rfind(':'));  // the link broke meanwhile
+    c.Address = ip + ":" + std::string(port);
+    c.Peer = c.Address;
+  }
+  return c.Address;
 }
 
 typLinkInfo Connections::LinkInfo(int32_t index) const {

@@ -18,6 +18,7 @@
 
 #include "net/event_loop.h"
 #include "net/link_owner.h"
+#include "net/links.h"
 #include "net/link_transform.h"
 #include "net/socket.h"
 #include "protocol/feeder.h"
@@ -91,15 +92,6 @@ struct Connection {
   std::vector<DrainWaiter> drainWaiters;
 };
 
-// Why a dial did not bring a link up.
-enum class DialFault { None, Malformed, Unresolvable, Refused, TimedOut, Other };
-
-struct DialResult {
-  DialFault fault = DialFault::None;
-  std::string why;  // for the host, e.g. "connection refused"; empty when up
-  explicit operator bool() const { return fault == DialFault::None; }
-};
-
 // What an address names: host and port, or why it names nothing that can be
 // dialled (fault set to Malformed). "host:port" splits at the last colon;
 // without a port, defaultPort is dialled (0: none).
@@ -127,6 +119,12 @@ class Connections {
   // Connection indices run from 1; 0 means "none".
   int32_t Count() const { return static_cast<int32_t>(conns_.size()) - 1; }
   Connection& At(int32_t index) { return *conns_[index]; }
+  // Whether link names the current use of its element.
+  bool Holds(LinkId link) const {
+    return link.index >= 1 && link.index < static_cast<int32_t>(conns_.size()) &&
+           conns_[link.index]->generation == link.generation;
+  }
+  LinkId Id(int32_t index) const { return {index, conns_[index]->generation}; }
   // Whether connection index is up: connected, and for a secure link past its handshake.
   bool IsConnected(int32_t index) const;
   // The key ID of the peer on a secure link that is up; else empty.
@@ -164,6 +162,11 @@ class Connections {
 
   // Whether any connection of owner is up.
   bool HasOpenLink(const LinkOwner& owner) const;
+
+  // owner's connections that are up, in index order.
+  std::vector<LinkId> UpLinks(const LinkOwner& owner) const;
+  // See links::SetPeerNode.
+  std::string SetPeerNode(int32_t index, const std::string& nodeID, std::string_view port);
 
   // owner's open connections, in index order, as the host sees them.
   std::vector<typLinkInfo> OpenLinks(const LinkOwner& owner) const;

@@ -18,16 +18,16 @@ namespace {
 struct Owner : LinkOwner {
   std::vector<std::string> faults, bodies;
   int ups = 0;
-  std::function<void(int32_t)> onUp;
+  std::function<void(LinkId)> onUp;
   bool Alive() const override { return true; }
   bool OnLinkRequest(const std::string&) override { return false; }
-  void OnLinkUp(int32_t conn, LinkKind, const std::string&) override {
+  void OnLinkUp(LinkId link, LinkKind, const std::string&) override {
     ++ups;
-    if (onUp) onUp(conn);
+    if (onUp) onUp(link);
   }
-  void OnLinkDown(int32_t, const std::string&, const std::string&) override {}
+  void OnLinkDown(LinkId, const std::string&, const std::string&) override {}
   // A plaintext message arrives unparsed: its body is after the header.
-  void OnLinkMessage(int32_t, typMessage&& m) override {
+  void OnLinkMessage(LinkId, typMessage&& m) override {
     bodies.push_back(m.Wire.empty() ? m.Body : m.Wire.substr(m.Wire.find("\r\n\r\n") + 4));
   }
   void OnLinkFault(const std::string& text) override { faults.push_back(text); }
@@ -47,7 +47,7 @@ struct End {
                        .identity = std::make_shared<const TlsIdentity>(key),
                        .trusted = std::move(trusted)};
     if (hello.empty()) return;
-    owner->onUp = [hello](int32_t i) { Connections::Get().Write(i, RawMsg("m", "", hello)); };
+    owner->onUp = [hello](LinkId link) { links::Write(link, RawMsg("m", "", hello)); };
   }
   void Open(bool accepted) {
     auto socket = std::make_unique<Socket>();
