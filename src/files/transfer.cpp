@@ -22,9 +22,9 @@
 #include "files/regular_file.h"
 #include "files/remote_path.h"
 #include "files/sharing.h"
-#include "net/links.h"
 #include "net/event_loop.h"
 #include "protocol/fields.h"
+#include "routing/link_flow.h"
 #include "routing/outgoing.h"
 #include "routing/report.h"
 #include "routing/routing_node.h"
@@ -79,22 +79,6 @@ struct Serving {
 
 void SendPieces(const std::shared_ptr<Serving>& job);
 
-// Where answers to an asker go when no route to it is known: back on the
-// link its GET came on, while that link lasts. Flooding them instead would
-// let one GET from an unknown name fill every link with file pieces.
-LinkId ReplyLink(RoutingNode& node, const std::string& asker, LinkId link) {
-  if (!link || FindRoute(node, asker)) return {};
-  return links::IsUp(link) ? link : LinkId{};
-}
-
-// The link whose queue paces a transfer: the route to the asker, the link
-// its GET came on, or, for a piece that floods every link, the fullest one.
-LinkId PacingLink(RoutingNode& node, const Serving& job) {
-  if (const LinkId route = FindRoute(node, job.asker)) return route;
-  if (job.link) return job.link;
-  return links::Fullest(node);
-}
-
 // Goes on once the asker's link has room for more.
 void Continue(RoutingNode& node, const std::shared_ptr<Serving>& job) {
   if (job->waitingSince == 0) job->waitingSince = std::max<int64_t>(TickCount(), 1);
@@ -109,18 +93,19 @@ void Continue(RoutingNode& node, const std::shared_ptr<Serving>& job) {
     job->stallTimer->SetInterval(node.stallTimeout);
     job->stallTimer->Enable(true);
   }
-  links::WhenDrained(PacingLink(node, *job), 2 * job->packet, [job] { SendPieces(job); });
+  WhenDrained(PacingLink(node, job->asker, job->link), 2 * job->packet,
+              [job] { SendPieces(job); });
 }
 
 void SendPieces(const std::shared_ptr<Serving>& job) {
   auto owner = job->owner.lock();
   if (!owner || !owner->Alive() || job->finished) return;
   auto& node = static_cast<RoutingNode&>(*owner);
-  if (job->link && !links::IsUp(job->link)) return;
+  if (job->link && !LinkLasts(job->link)) return;
   // Every transfer to an asker waits on the same link, and all wake when it
   // drains: the first to run refills it, the others wait again, so the link
   // holds a few pieces however many transfers share it.
-  if (links::QueuedBytes(PacingLink(node, *job)) >= 2 * job->packet) {
+  if (QueuedOn(PacingLink(node, job->asker, job->link)) >= 2 * job->packet) {
     return Continue(node, job);
   }
   job->waitingSince = 0;
@@ -159,7 +144,7 @@ void Start(RoutingNode& node, FileSharing& files, QueuedGet get) {
   job->packet = get.packet;
   job->link = get.link;
   // An asker gone while its GET waited is left alone: its pieces would flood.
-  if (job->link && !links::IsUp(job->link)) return;
+  if (job->link && !LinkLasts(job->link)) return;
   auto cancel = [&] {
     SendFilePiece(node, get.asker, "", "", get.reqID, FS_Canceled, "",
                   ReplyLink(node, get.asker, get.link));
