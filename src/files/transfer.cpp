@@ -93,8 +93,7 @@ void Continue(RoutingNode& node, const std::shared_ptr<Serving>& job) {
     job->stallTimer->SetInterval(node.stallTimeout);
     job->stallTimer->Enable(true);
   }
-  WhenDrained(PacingLink(node, job->asker, job->link), 2 * job->packet,
-              [job] { SendPieces(job); });
+  WhenDrained(PacingLink(node, job->asker, job->link), 2 * job->packet, [job] { SendPieces(job); });
 }
 
 void SendPieces(const std::shared_ptr<Serving>& job) {
@@ -124,8 +123,7 @@ void SendPieces(const std::shared_ptr<Serving>& job) {
     enmFileStatus status = done ? FS_Complete : FS_Transferring;
     if (shrank || *job->cancelled) status = FS_Canceled;
     SendFilePiece(node, job->asker, ContentRangeText(first, first + got - 1, job->size),
-                  std::move(data), job->reqID, status, "",
-                  ReplyLink(node, job->asker, job->link));
+                  std::move(data), job->reqID, status, "", ReplyLink(node, job->asker, job->link));
     if (status == FS_Transferring) Continue(node, job);
   } catch (...) {
     ReportCurrentFault(node);

@@ -1,5 +1,5 @@
-// What the connection table tells the node that owns a connection. The node
-// layer implements it; the table knows nothing else about nodes.
+// What the link table tells the node that owns a link. The node layer
+// implements it; the table knows nothing else about nodes.
 #pragma once
 
 #include <cstdint>
@@ -81,9 +81,8 @@ class LinkOwner : public std::enable_shared_from_this<LinkOwner> {
   // Something about one of the owner's connections the host should hear of.
   virtual void OnLinkFault(const std::string& text) = 0;
 
-
  private:
-  friend class Connections;
+  friend class LinkTable;
   // The table's elements this owner holds, open or not, in index order. Kept
   // by the table, so that what the owner writes to, routes through or closes
   // costs its own connections, not the process's.

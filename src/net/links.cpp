@@ -3,23 +3,29 @@
 #include <algorithm>
 #include <utility>
 
-#include "net/connections.h"
+#include <qel/event_loop.h>
+
+#include "net/link_table.h"
 
 namespace qel::links {
 namespace {
 
-Connections& Table() { return Connections::Get(); }
+LinkTable& Table() {
+  return LinkTable::Get();
+}
 
 // Whether link is up and still the link it named.
 bool Current(LinkId link) {
-  return Table().Holds(link) && Table().IsConnected(link.index);
+  return Table().Holds(link) && Table().IsUp(link.index);
 }
 
 const std::string kNone;
 
 }  // namespace
 
-bool IsUp(LinkId link) { return Current(link); }
+bool IsUp(LinkId link) {
+  return Current(link);
+}
 
 void Write(LinkId link, std::string_view text) {
   if (Current(link)) Table().Write(link.index, text);
@@ -34,7 +40,7 @@ void WriteOwned(LinkId link, std::string&& header, std::string&& body) {
 }
 
 void WriteToAllExcept(const LinkOwner& owner, LinkId except, std::string_view text) {
-  Table().WriteToAllExcept(owner, Table().Holds(except) ? except.index : 0, text);
+  WriteToAllExcept(owner, except, std::span<const std::string_view>(&text, 1));
 }
 
 void WriteToAllExcept(const LinkOwner& owner, LinkId except,
@@ -42,22 +48,27 @@ void WriteToAllExcept(const LinkOwner& owner, LinkId except,
   Table().WriteToAllExcept(owner, Table().Holds(except) ? except.index : 0, pieces);
 }
 
-std::vector<LinkId> UpLinks(const LinkOwner& owner) { return Table().UpLinks(owner); }
+std::vector<LinkId> UpLinks(const LinkOwner& owner) {
+  return Table().UpLinks(owner);
+}
 
-size_t QueuedBytes(LinkId link) { return Current(link) ? Table().QueuedBytes(link.index) : 0; }
+size_t QueuedBytes(LinkId link) {
+  return Current(link) ? Table().QueuedBytes(link.index) : 0;
+}
 
 LinkId Fullest(const LinkOwner& owner) {
-  const int32_t index = Table().FullestConnection(owner);
+  const int32_t index = Table().Fullest(owner);
   return index == 0 ? LinkId{} : Table().Id(index);
 }
 
 void WhenDrained(LinkId link, size_t below, std::function<void()> fn) {
+  if (Table().Holds(link)) return Table().At(link.index).WhenDrained(below, std::move(fn));
   // A link that is gone has nothing left to drain: fn runs from the loop and finds it down.
-  Table().WhenDrained(Current(link) ? link.index : 0, below, std::move(fn));
+  Post(std::move(fn));
 }
 
 LinkId OfNode(const LinkOwner& owner, std::string_view nodeID) {
-  const int32_t index = Table().ConnectionOfNode(owner, nodeID);
+  const int32_t index = Table().LinkOfNode(owner, nodeID);
   return index == 0 ? LinkId{} : Table().Id(index);
 }
 
@@ -82,9 +93,13 @@ void CloseRefused(LinkId link, const std::string& text) {
   if (Current(link)) Table().CloseRefused(link.index, text);
 }
 
-bool HasOpenLink(const LinkOwner& owner) { return Table().HasOpenLink(owner); }
+bool HasOpenLink(const LinkOwner& owner) {
+  return Table().HasOpenLink(owner);
+}
 
-std::vector<typLinkInfo> OpenLinks(const LinkOwner& owner) { return Table().OpenLinks(owner); }
+std::vector<typLinkInfo> OpenLinks(const LinkOwner& owner) {
+  return Table().OpenLinks(owner);
+}
 
 int32_t Listen(LinkOwner& owner, int32_t port, const std::string& address,
                const LinkLimits& limits) {
@@ -100,10 +115,16 @@ bool CloseAddress(LinkOwner& owner, const std::string& address, const std::strin
   return Table().CloseAddress(owner, address, nodeID);
 }
 
-bool CloseListeners(const LinkOwner& owner) { return Table().CloseListeners(owner); }
+bool CloseListeners(const LinkOwner& owner) {
+  return Table().CloseListeners(owner);
+}
 
-void CloseAll(const LinkOwner& owner) { Table().CloseOwnedBy(owner); }
+void CloseAll(const LinkOwner& owner) {
+  Table().CloseOwnedBy(owner);
+}
 
-void Start() { Table(); }
+void Start() {
+  Table();
+}
 
 }  // namespace qel::links

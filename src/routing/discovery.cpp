@@ -225,8 +225,7 @@ bool KeyFits(RoutingNode& node, const std::string& sender, LinkId conn) {
   std::string bound;
   for (LinkId other : links::UpLinks(node)) {
     const std::string& otherKey = links::PeerKey(other);
-    if (other != conn && links::PeerNode(other) == sender && !otherKey.empty() &&
-        otherKey != key) {
+    if (other != conn && links::PeerNode(other) == sender && !otherKey.empty() && otherKey != key) {
       bound = otherKey;
       break;
     }

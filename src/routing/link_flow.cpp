@@ -8,7 +8,9 @@
 
 namespace qel {
 
-bool LinkLasts(LinkId link) { return links::IsUp(link); }
+bool LinkLasts(LinkId link) {
+  return links::IsUp(link);
+}
 
 LinkId ReplyLink(RoutingNode& node, const std::string& destination, LinkId link) {
   if (!link || FindRoute(node, destination)) return {};
@@ -21,7 +23,9 @@ LinkId PacingLink(RoutingNode& node, const std::string& destination, LinkId link
   return links::Fullest(node);
 }
 
-size_t QueuedOn(LinkId link) { return links::QueuedBytes(link); }
+size_t QueuedOn(LinkId link) {
+  return links::QueuedBytes(link);
+}
 
 void WhenDrained(LinkId link, size_t below, std::function<void()> fn) {
   links::WhenDrained(link, below, std::move(fn));

@@ -20,8 +20,8 @@
 #include "../support/peers.h"
 #include "core/stats.h"
 #include "files/ranges.h"
-#include "net/links.h"
 #include "files/sharing.h"
+#include "net/links.h"
 #include "net/worker.h"
 #include "routing/outgoing.h"
 
@@ -269,12 +269,14 @@ TEST(TransferTest, PiecesOfAPacketEachAndACancelStopsTheServer) {
                           "\r\nSource: RAW\r\nReqID: R\r\nID: G1\r\nTTL: 1\r\n\r\n";
   ASSERT_EQ(send(stuck, get.data(), get.size(), 0), static_cast<ssize_t>(get.size()));
   size_t most = 0;
-  RunUntil([&] {
-    for (LinkId link : links::UpLinks(StateOf(server.node))) {
-      most = std::max(most, links::QueuedBytes(link));
-    }
-    return false;
-  }, 300);
+  RunUntil(
+      [&] {
+        for (LinkId link : links::UpLinks(StateOf(server.node))) {
+          most = std::max(most, links::QueuedBytes(link));
+        }
+        return false;
+      },
+      300);
   EXPECT_GT(most, 0u);
   EXPECT_LE(most, 3u * 1024 + 4096) << "the server queued more than a few pieces";
   close(stuck);
