@@ -516,6 +516,8 @@ void LinkTable::CloseLink(int32_t index, bool stopMaintaining) {
   const size_t held = c.Held();
   // An accepted link whose peer never said where it listens is named by its IP.
   const std::string address = c.Name();
+  // What was written before the close leaves with it, sealed, as it would in plaintext.
+  if (c.stream.Secure()) c.Seal();
   c.sck->Close();
   c.up = false;
   c.stream = LinkTransform();
