@@ -6,6 +6,20 @@
 
 namespace qel {
 
+std::pair<LinkId, LinkId> JoinInMemory(LinkOwner& dialler, const LinkLimits& diallerLimits,
+                                       LinkOwner& acceptor, const LinkLimits& acceptorLimits) {
+  auto dialled = std::make_unique<Socket>();
+  auto accepted = std::make_unique<Socket>();
+  Socket::JoinInMemory(*dialled, *accepted);
+  LinkTable& table = LinkTable::Get();
+  // The accepting end first: the dialler may write (a ClientHello, an INFO) as it comes up.
+  const LinkId acceptorEnd =
+      table.Adopt(acceptor, std::move(accepted), true, acceptorLimits, "memory:2");
+  const LinkId diallerEnd =
+      table.Adopt(dialler, std::move(dialled), false, diallerLimits, "memory:1");
+  return {diallerEnd, acceptorEnd};
+}
+
 LinkId OpenInMemory(LinkOwner& owner, const LinkLimits& limits, bool accepted,
                     std::shared_ptr<std::string> sent) {
   auto socket = std::make_unique<Socket>();

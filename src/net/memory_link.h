@@ -1,15 +1,24 @@
 // Links without sockets, for tests and fuzz targets: handshakes, budgets, stalls and cut
-// streams run through the real table without a port.
+// streams run through the real table without a port. A link is joined to another in memory,
+// or its other end is the caller.
 #pragma once
 
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "net/link_id.h"
 #include "net/link_owner.h"
 
 namespace qel {
+
+// A link dialled by dialler and accepted by acceptor, each under its own limits, joined by a
+// pair of pipes: what one end sends reaches the other from the loop, and a close of one end
+// is seen by the other as its peer closing. Returns the dialler's end, then the acceptor's.
+// May run the loop.
+std::pair<LinkId, LinkId> JoinInMemory(LinkOwner& dialler, const LinkLimits& diallerLimits,
+                                       LinkOwner& acceptor, const LinkLimits& acceptorLimits);
 
 // A link of owner under limits whose other end is the caller: what the link sends is
 // appended to *sent as it is queued (a TLS link's once it is sealed, at the flush), and
