@@ -26,16 +26,6 @@
 
 namespace qel {
 
-// What an address names: host and port, or why it names nothing that can be
-// dialled (fault set to Malformed). "host:port" splits at the last colon;
-// without a port, defaultPort is dialled (0: none).
-struct DialTarget {
-  std::string host;
-  uint16_t port = 0;
-  DialResult fault;
-};
-DialTarget ParseDialAddress(std::string_view address, int32_t defaultPort);
-
 class LinkTable {
  public:
   // A handler that waits on a link may see the replies that arrive on it
