@@ -5,7 +5,7 @@
 
 namespace qel {
 
-// A link: its element of the connection table and which use of that element. Elements are
+// A link: its element of the link table and which use of that element. Elements are
 // taken again once a link closes, so an id kept past its link (by a served transfer, a
 // pending reply) finds the link gone instead of writing to whatever took its place.
 struct LinkId {

@@ -62,7 +62,7 @@ void Module::Init() {
   AdvertisedAddress();
   NodeSlots.resize(1);
   // The statistics timer turns the counters into rates twice a second; the
-  // connection table starts its 5-second upkeep timer.
+  // link table starts its 5-second upkeep timer.
   static Timer* statsTimer = new Timer([] { TheStats().Tick(statsTimer->Interval()); });
   statsTimer->SetInterval(500);
   statsTimer->Enable(true);

@@ -42,7 +42,7 @@ struct NodeState final : RoutingNode, TransferHost, FetchHost {
   // The node object its events are raised on; null once it has shut down.
   cQEL* Owner = nullptr;
 
-  // What the connection table reports.
+  // What the link table reports.
   bool Alive() const override { return Owner != nullptr; }
   bool OnLinkRequest(const std::string& sourceIP) override;
   void OnLinkUp(LinkId link, LinkKind kind, const std::string& sourceIP) override;
