@@ -14,7 +14,8 @@
 #include <qel/rpc.h>
 #include <qel/settings.h>
 
-#include "net/connections.h"
+#include "net/links.h"
+#include "net/memory_link.h"
 #include "net/worker.h"
 #include "node/module.h"
 #include "node/node_access.h"
@@ -22,10 +23,6 @@
 
 namespace qel {
 namespace {
-
-// Port 0 refuses at once: the dial only makes the table hand out an element
-// with the node as its owner, which then goes in-memory.
-constexpr const char* kNowhere = "127.0.0.1:0";
 
 // Small enough that inflating bodies stays fast, large enough for any input.
 constexpr int64_t kMaxMessage = 1 << 20;
@@ -89,7 +86,7 @@ struct ShareOnDisk {
 
 struct ConnectionFuzzer::Impl {
   struct Link {
-    int32_t index = 0;
+    LinkId id;
     std::shared_ptr<std::string> sent = std::make_shared<std::string>();
   };
 
@@ -110,43 +107,27 @@ struct ConnectionFuzzer::Impl {
           sendOK = params.empty();
         };
     node.bindRPC(kProcName, RPC_RETURN);
-    in = Open();
-    out = Open();
+    Open();
     // Made with both links up, as a host would; UPDATEUSER then goes out.
     node.updateUser(kUserName, kPassword);
     DoEvents(0);
     users = state->Users.List;
   }
 
-  Link Open() {
-    node.Connect(kNowhere);
-    auto& table = Connections::Get();
-    for (int32_t i = table.Count(); i >= 1; --i) {
-      Connection& c = table.At(i);
-      if (c.Owner.lock().get() == state.get() && c.Address == kNowhere &&
-          c.sck->State() == SocketState::Closed) {
-        Link link{.index = i};
-        c.sck->ConnectInMemory(link.sent);
-        c.up = true;
-        return link;
-      }
-    }
-    throw std::runtime_error("the connection table gave the node no element");
+  // Both links, dialled by the node, up and with nothing sent on them yet.
+  void Open() {
+    in.id = OpenInMemory(*state, state->Limits(), false, in.sent);
+    out.id = OpenInMemory(*state, state->Limits(), false, out.sent);
+    DoEvents(0);
+    in.sent->clear();
+    out.sent->clear();
   }
 
-  // Every input starts from the same state: both links up and empty, no
-  // message seen and no route learned.
-  void Reset(Link& link) {
-    Connection& c = Connections::Get().At(link.index);
-    if (c.sck->State() != SocketState::Connected) c.sck->ConnectInMemory(link.sent);
-    c.up = true;
-    c.Partial = MessageFeeder(
-        {.maxHeader = 65536, .maxMessage = c.limits.maxMessage, .keepPlainAsBytes = true});
-    c.inbox.Release();
-    c.inboxBytes = 0;
-    c.drainPending = false;
-    c.backlogFull = false;
-    link.sent->clear();
+  // Every input starts from the same state: both links new, no message seen
+  // and no route learned.
+  void Reset() {
+    links::CloseAll(*state);
+    Open();
   }
 
   // Tables a peer fills go back to how they were; the node's own questions
@@ -192,14 +173,13 @@ const std::string& ConnectionFuzzer::Answered() const {
 
 void ConnectionFuzzer::Receive(std::string_view data) {
   impl_->out.sent->clear();
-  Connections::Get().At(impl_->in.index).sck->ReceiveInMemory(data);
+  ReceiveInMemory(impl_->in.id, data);
 }
 
 bool ConnectionFuzzer::Run(const uint8_t* data, size_t size) {
   if (size < 2) return true;
   Impl& f = *impl_;
-  f.Reset(f.in);
-  f.Reset(f.out);
+  f.Reset();
   f.state->SeenIDs = PacketCache(f.state->SeenIDs.Capacity());
   f.state->Routes = RouteTable(f.state->maxRoutes);
   f.ResetTables();
@@ -207,9 +187,8 @@ bool ConnectionFuzzer::Run(const uint8_t* data, size_t size) {
   // The first two bytes pick the piece size, so splits are explored too.
   const size_t piece = 1 + ((data[0] << 8 | data[1]) % 4096);
   std::string_view input(reinterpret_cast<const char*>(data + 2), size - 2);
-  Socket& socket = *Connections::Get().At(f.in.index).sck;
   for (size_t at = 0; at < input.size(); at += piece) {
-    socket.ReceiveInMemory(input.substr(at, piece));
+    ReceiveInMemory(f.in.id, input.substr(at, piece));
   }
   // Hashes run beside the loop: their answers belong to this input.
   FinishOffLoopWork();

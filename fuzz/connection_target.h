@@ -14,7 +14,7 @@
 namespace qel {
 
 // A node whose connections live in memory. Create, run and destroy it on
-// the host thread; it uses the process-wide connection table, so only one
+// the host thread; it uses the process-wide link table, so only one
 // should exist at a time.
 class ConnectionFuzzer {
  public:

@@ -15,6 +15,8 @@
 
 #include <qel/types.h>
 
+#include "net/link_id.h"
+
 namespace qel {
 
 // Transfers served at once to one asker, and by one node in all. The node's
@@ -35,9 +37,8 @@ struct QueuedGet {
   typQELRange range;  // isEmpty: the whole file
   size_t packet = 0;
   std::shared_ptr<bool> cancelled;
-  // The link the GET came on (0: none) and its generation then.
-  int32_t link = 0;
-  uint64_t linkGeneration = 0;
+  // The link the GET came on (or the route to its asker then), if any.
+  LinkId link;
 
   // What it holds, counted against the queue's bytes.
   size_t Bytes() const;

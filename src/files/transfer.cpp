@@ -22,9 +22,9 @@
 #include "files/regular_file.h"
 #include "files/remote_path.h"
 #include "files/sharing.h"
-#include "net/connections.h"
 #include "net/event_loop.h"
 #include "protocol/fields.h"
+#include "routing/link_flow.h"
 #include "routing/outgoing.h"
 #include "routing/report.h"
 #include "routing/routing_node.h"
@@ -53,8 +53,7 @@ struct Serving {
   size_t packet = 0;
   // The link the asker's GET came on, if any: once it is gone nobody is left
   // to serve, and what follows would flood.
-  int32_t link = 0;
-  uint64_t linkGeneration = 0;
+  LinkId link;
   // Ends a transfer whose link took no piece for a stall time: a peer that
   // stops reading must not keep its places (and descriptors) for ever.
   std::unique_ptr<Timer> stallTimer;
@@ -80,28 +79,6 @@ struct Serving {
 
 void SendPieces(const std::shared_ptr<Serving>& job);
 
-// Where answers to an asker go when no route to it is known: back on the
-// link its GET came on, while that link lasts. Flooding them instead would
-// let one GET from an unknown name fill every link with file pieces.
-// Whether link (0: none) is still the connection it was at generation.
-bool SameLink(int32_t link, uint64_t generation) {
-  auto& connections = Connections::Get();
-  return connections.IsConnected(link) && connections.At(link).generation == generation;
-}
-
-int32_t ReplyLink(RoutingNode& node, const std::string& asker, int32_t link, uint64_t generation) {
-  if (link <= 0 || FindRoute(node, asker) > 0) return 0;
-  return SameLink(link, generation) ? link : 0;
-}
-
-// The link whose queue paces a transfer: the route to the asker, the link
-// its GET came on, or, for a piece that floods every link, the fullest one.
-int32_t PacingLink(RoutingNode& node, const Serving& job) {
-  if (const int32_t conn = FindRoute(node, job.asker); conn != 0) return conn;
-  if (job.link > 0) return job.link;
-  return Connections::Get().FullestConnection(node);
-}
-
 // Goes on once the asker's link has room for more.
 void Continue(RoutingNode& node, const std::shared_ptr<Serving>& job) {
   if (job->waitingSince == 0) job->waitingSince = std::max<int64_t>(TickCount(), 1);
@@ -116,20 +93,18 @@ void Continue(RoutingNode& node, const std::shared_ptr<Serving>& job) {
     job->stallTimer->SetInterval(node.stallTimeout);
     job->stallTimer->Enable(true);
   }
-  Connections::Get().WhenDrained(PacingLink(node, *job), 2 * job->packet,
-                                 [job] { SendPieces(job); });
+  WhenDrained(PacingLink(node, job->asker, job->link), 2 * job->packet, [job] { SendPieces(job); });
 }
 
 void SendPieces(const std::shared_ptr<Serving>& job) {
   auto owner = job->owner.lock();
   if (!owner || !owner->Alive() || job->finished) return;
   auto& node = static_cast<RoutingNode&>(*owner);
-  auto& connections = Connections::Get();
-  if (job->link > 0 && !SameLink(job->link, job->linkGeneration)) return;
+  if (job->link && !LinkLasts(job->link)) return;
   // Every transfer to an asker waits on the same link, and all wake when it
   // drains: the first to run refills it, the others wait again, so the link
   // holds a few pieces however many transfers share it.
-  if (connections.QueuedBytes(PacingLink(node, *job)) >= 2 * job->packet) {
+  if (QueuedOn(PacingLink(node, job->asker, job->link)) >= 2 * job->packet) {
     return Continue(node, job);
   }
   job->waitingSince = 0;
@@ -148,8 +123,7 @@ void SendPieces(const std::shared_ptr<Serving>& job) {
     enmFileStatus status = done ? FS_Complete : FS_Transferring;
     if (shrank || *job->cancelled) status = FS_Canceled;
     SendFilePiece(node, job->asker, ContentRangeText(first, first + got - 1, job->size),
-                  std::move(data), job->reqID, status, "",
-                  ReplyLink(node, job->asker, job->link, job->linkGeneration));
+                  std::move(data), job->reqID, status, "", ReplyLink(node, job->asker, job->link));
     if (status == FS_Transferring) Continue(node, job);
   } catch (...) {
     ReportCurrentFault(node);
@@ -167,12 +141,11 @@ void Start(RoutingNode& node, FileSharing& files, QueuedGet get) {
   job->cancelled = get.cancelled;
   job->packet = get.packet;
   job->link = get.link;
-  job->linkGeneration = get.linkGeneration;
   // An asker gone while its GET waited is left alone: its pieces would flood.
-  if (job->link > 0 && !SameLink(job->link, job->linkGeneration)) return;
+  if (job->link && !LinkLasts(job->link)) return;
   auto cancel = [&] {
     SendFilePiece(node, get.asker, "", "", get.reqID, FS_Canceled, "",
-                  ReplyLink(node, get.asker, get.link, get.linkGeneration));
+                  ReplyLink(node, get.asker, get.link));
   };
   job->fd = OpenSharedFile(files.Folders, node.SharingFiles, get.resource);
   struct stat info {};
@@ -213,7 +186,7 @@ void StartWaiting(RoutingNode& node, FileSharing& files) {
       if (it != files->Served.end() && it->second == get.cancelled) files->Served.erase(it);
       try {
         SendFilePiece(node, get.asker, "", "", get.reqID, FS_Canceled, "",
-                      ReplyLink(node, get.asker, get.link, get.linkGeneration));
+                      ReplyLink(node, get.asker, get.link));
       } catch (...) {
         ReportCurrentFault(node);
       }
@@ -261,7 +234,7 @@ std::string RequestFile(RoutingNode& node, const std::string& remotePath,
 
 void SendFilePiece(RoutingNode& node, const std::string& destination, const std::string& rangeText,
                    std::string data, std::string reqID, enmFileStatus status,
-                   const std::string& metadata, int32_t viaConn) {
+                   const std::string& metadata, LinkId viaConn) {
   if (reqID.empty()) reqID = NewID();
   typMessage piece = MakeFilePiece(destination, rangeText, std::move(data), reqID, status, metadata);
   SendPacket(node, piece, viaConn);
@@ -298,7 +271,7 @@ void OnFilePiece(RoutingNode& node, FileSharing& files, TransferHost& host,
 }
 
 void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typMessage& message,
-           const std::string& asker, int32_t packetBytes, int32_t conn) {
+           const std::string& asker, int32_t packetBytes, LinkId conn) {
   const std::string rangeText = GetSingleField(message.Fields, "Range");
   std::optional<std::vector<typQELRange>> ranges = ParseRanges(rangeText);
   if (ranges && ranges->empty()) ranges->push_back(MakeRange());
@@ -311,9 +284,9 @@ void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typM
                        GetSingleField(message.Fields, "Metadata"));
   if (hostAnswers || !node.Alive()) return;
 
-  const int32_t route = FindRoute(node, asker);
+  const LinkId route = FindRoute(node, asker);
   auto cancel = [&] {
-    SendFilePiece(node, asker, "", "", reqID, FS_Canceled, "", route > 0 ? 0 : conn);
+    SendFilePiece(node, asker, "", "", reqID, FS_Canceled, "", route ? LinkId{} : conn);
   };
   if (!path || !ranges) return cancel();
   QueuedGet get{.asker = asker,
@@ -322,10 +295,7 @@ void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typM
                 .range = ranges->front(),
                 .packet = static_cast<size_t>(std::max(packetBytes, 1)),
                 .cancelled = std::make_shared<bool>(false)};
-  if (const int32_t link = route > 0 ? route : conn; link > 0) {
-    get.link = link;
-    get.linkGeneration = Connections::Get().At(link).generation;
-  }
+  get.link = route ? route : conn;
   // Waiting requests hold a sixteenth of the budget at most, beside what
   // the links and running transfers hold.
   const size_t maxBytes = static_cast<size_t>(std::max<int64_t>(node.memoryBudget, 0) / 16);

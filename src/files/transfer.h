@@ -8,6 +8,7 @@
 
 #include <qel/types.h>
 
+#include "net/link_id.h"
 #include "protocol/message.h"
 
 namespace qel {
@@ -45,11 +46,11 @@ typMessage MakeFilePiece(const std::string& destination, const std::string& rang
 std::string RequestFile(RoutingNode& node, const std::string& remotePath,
                         const std::string& nodeID, const typQELRange& range,
                         const std::string& metadata);
-// Sends one FILE; an empty reqID gets a new identifier. viaConn > 0 sends
+// Sends one FILE; an empty reqID gets a new identifier. A viaConn given sends
 // it on that link alone instead of by route.
 void SendFilePiece(RoutingNode& node, const std::string& destination, const std::string& rangeText,
                    std::string data, std::string reqID, enmFileStatus status,
-                   const std::string& metadata, int32_t viaConn = 0);
+                   const std::string& metadata, LinkId viaConn = {});
 
 // A GET for this node from asker: FileRequest first; unless the host takes
 // it, the file (or the bytes its first range names) goes back in FILE
@@ -66,7 +67,7 @@ void SendFilePiece(RoutingNode& node, const std::string& destination, const std:
 // it waits). Answers to an asker no route leads to go back on conn, the
 // link the GET came on.
 void OnGet(RoutingNode& node, FileSharing& files, TransferHost& host, const typMessage& message,
-           const std::string& asker, int32_t packetBytes, int32_t conn);
+           const std::string& asker, int32_t packetBytes, LinkId conn);
 
 // A FILE for this node from source: a cancel (FS_Canceled) stops the
 // transfer this node serves to source under that ReqID, within one more

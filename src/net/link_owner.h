@@ -1,5 +1,5 @@
-// What the connection table tells the node that owns a connection. The node
-// layer implements it; the table knows nothing else about nodes.
+// What the link table tells the node that owns a link. The node layer
+// implements it; the table knows nothing else about nodes.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "net/link_id.h"
 #include "protocol/message.h"
 
 namespace qel {
@@ -70,16 +71,18 @@ class LinkOwner : public std::enable_shared_from_this<LinkOwner> {
   virtual bool Alive() const = 0;
   // A host at sourceIP asks to connect; true refuses it.
   virtual bool OnLinkRequest(const std::string& sourceIP) = 0;
-  // Connection conn came up.
-  virtual void OnLinkUp(int32_t conn, LinkKind kind, const std::string& sourceIP) = 0;
-  // Connection conn closed; address and nodeID are what the table knew.
-  virtual void OnLinkDown(int32_t conn, const std::string& address, const std::string& nodeID) = 0;
-  // A complete message arrived on conn. May run the loop; may throw, which
-  // the table reports through OnLinkFault before closing that connection.
-  virtual void OnLinkMessage(int32_t conn, typMessage&& message) = 0;
+  // link came up.
+  virtual void OnLinkUp(LinkId link, LinkKind kind, const std::string& sourceIP) = 0;
+  // link closed; address and nodeID are what the table knew.
+  virtual void OnLinkDown(LinkId link, const std::string& address, const std::string& nodeID) = 0;
+  // A complete message arrived on link. May run the loop; may throw, which
+  // the table reports through OnLinkFault before closing that link.
+  virtual void OnLinkMessage(LinkId link, typMessage&& message) = 0;
   // Something about one of the owner's connections the host should hear of.
   virtual void OnLinkFault(const std::string& text) = 0;
 
+ private:
+  friend class LinkTable;
   // The table's elements this owner holds, open or not, in index order. Kept
   // by the table, so that what the owner writes to, routes through or closes
   // costs its own connections, not the process's.

@@ -1,6 +1,6 @@
 // What lies between a link's socket and its feeder: nothing (plaintext) or a TLS session. It
 // decides what an accepted link's first byte makes of it, runs the handshake, and seals what the
-// link writes once per write batch. Bytes in, bytes out: the connection table moves them to
+// link writes once per write batch. Bytes in, bytes out: the link table moves them to
 // and from the socket and tells the owner, so this knows nothing of sockets or the loop.
 #pragma once
 

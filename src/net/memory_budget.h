@@ -1,6 +1,6 @@
 // Which links to close when the bytes kept for them pass the node's memory
 // budget. It sees numbers only, so the choice is tested without sockets; the
-// connection table gathers the numbers and does the closing.
+// link table gathers the numbers and does the closing.
 #pragma once
 
 #include <cstddef>

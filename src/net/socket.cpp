@@ -174,6 +174,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
       }
       outgoing.clear();
       queuedBytes = 0;
+      if (!memoryPeer.expired()) DeliverLater();
       if (auto h = handlers.onSent) h(n);
       return;
     }
@@ -261,7 +262,42 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
         });
   }
 
+  // Hands what this end of a pair in memory sent to the other end from the loop, as a read
+  // would: never from inside the writer, whose handler may be the reader's too.
+  void DeliverLater() {
+    if (deliveryPosted) return;
+    deliveryPosted = true;
+    // What was sent before a close still arrives: the buffer and the peer are taken now.
+    asio::post(IoContext(), [self = shared_from_this(), sent = inMemory, to = memoryPeer] {
+      self->deliveryPosted = false;
+      const std::string bytes = std::exchange(*sent, {});
+      if (auto peer = to.lock(); peer && !bytes.empty()) peer->ReceiveInMemory(bytes);
+    });
+  }
+
+  void ReceiveInMemory(std::string_view data) {
+    // Kept alive: a handler may destroy the socket, which must then end the loop.
+    const std::shared_ptr<Impl> self = shared_from_this();
+    const uint64_t gen = generation;
+    while (inMemory && generation == gen && !data.empty()) {
+      const std::span<char> room = handlers.onReadRoom ? handlers.onReadRoom() : std::span<char>();
+      if (room.empty()) return OnRead({}, data);
+      const size_t n = std::min(room.size(), data.size());
+      std::copy_n(data.data(), n, room.data());
+      data.remove_prefix(n);
+      OnDirect(n);
+    }
+  }
+
   void CloseNow() {
+    if (auto peer = std::exchange(memoryPeer, {}).lock()) {
+      // The other end hears of the close after what was sent before it, as over TCP.
+      asio::post(IoContext(), [peer, gen = peer->generation] {
+        if (peer->generation != gen || peer->state != SocketState::Connected) return;
+        peer->memoryPeer.reset();
+        peer->OnRead(asio::error::eof, {});
+      });
+    }
     const bool wasWriting = writing;
     ++generation;
     readPending = false;
@@ -306,6 +342,8 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   bool flushListed = false;  // in PendingFlushes
   uint64_t connectAttempt = 0;
   std::shared_ptr<std::string> inMemory;  // set by the test seam: where sent bytes go
+  std::weak_ptr<Impl> memoryPeer;         // the other end, for a pair joined in memory
+  bool deliveryPosted = false;            // a DeliverLater waits to run
 };
 
 void FlushPendingWrites() {
@@ -501,18 +539,14 @@ void Socket::ConnectInMemory(std::shared_ptr<std::string> sent) {
 }
 
 void Socket::ReceiveInMemory(std::string_view data) {
-  // Kept alive: a handler may destroy the socket, which must then end the loop.
-  const std::shared_ptr<Impl> impl = impl_;
-  const uint64_t generation = impl->generation;
-  while (impl->inMemory && impl->generation == generation && !data.empty()) {
-    const std::span<char> room =
-        impl->handlers.onReadRoom ? impl->handlers.onReadRoom() : std::span<char>();
-    if (room.empty()) return impl->OnRead({}, data);
-    const size_t n = std::min(room.size(), data.size());
-    std::copy_n(data.data(), n, room.data());
-    data.remove_prefix(n);
-    impl->OnDirect(n);
-  }
+  impl_->ReceiveInMemory(data);
+}
+
+void Socket::JoinInMemory(Socket& a, Socket& b) {
+  a.ConnectInMemory(nullptr);
+  b.ConnectInMemory(nullptr);
+  a.impl_->memoryPeer = b.impl_;
+  b.impl_->memoryPeer = a.impl_;
 }
 
 struct Listener::Impl : std::enable_shared_from_this<Impl> {

@@ -103,6 +103,10 @@ class Socket {
   // in-memory link.
   void ConnectInMemory(std::shared_ptr<std::string> sent);
   void ReceiveInMemory(std::string_view data);
+  // The same seam for two sockets joined to each other: what one sends reaches the other
+  // from the loop, as reads would (reading is never paused), and closing or destroying one
+  // is seen by the other as its peer closing, after what was sent before.
+  static void JoinInMemory(Socket& a, Socket& b);
 
  private:
   friend class Listener;

@@ -6,8 +6,8 @@
 
 #include "core/debug_log.h"
 #include "core/stats.h"
-#include "net/connections.h"
 #include "net/event_loop.h"
+#include "net/links.h"
 #include "net/local_address.h"
 #include "node/node_access.h"
 #include "routing/confirm.h"
@@ -62,11 +62,11 @@ void Module::Init() {
   AdvertisedAddress();
   NodeSlots.resize(1);
   // The statistics timer turns the counters into rates twice a second; the
-  // connection table starts its 5-second upkeep timer.
+  // link table starts its 5-second upkeep timer.
   static Timer* statsTimer = new Timer([] { TheStats().Tick(statsTimer->Interval()); });
   statsTimer->SetInterval(500);
   statsTimer->Enable(true);
-  Connections::Get();
+  links::Start();
   Initialised = true;
 }
 

@@ -20,8 +20,8 @@
 #include "files/ranges.h"
 #include "files/sharing.h"
 #include "files/transfer.h"
-#include "net/connections.h"
 #include "net/event_loop.h"
+#include "net/links.h"
 #include "net/local_address.h"
 #include "net/tls_engine.h"
 #include "node/advanced_values.h"
@@ -265,8 +265,8 @@ void cQEL::shareFolder(std::string strPath) {
 bool cQEL::Listen(int32_t lngPort) {
   auto node = Enter(*this);
   try {
-    int32_t port = Connections::Get().ListenOnPort(*node, lngPort != 0 ? lngPort : node->ListenPort,
-                                                   node->listenAddress, node->Limits());
+    int32_t port = links::Listen(*node, lngPort != 0 ? lngPort : node->ListenPort,
+                                 node->listenAddress, node->Limits());
     if (port == 0) return false;
     node->Listening = true;
     // A node told to take any free port advertises the one it got.
@@ -289,8 +289,7 @@ bool cQEL::Connect(std::string strServer, bool isNodeID, bool bMaintain) {
       ReportError(*node, "Connect to node " + strServer + " failed: no address is known for it");
       return false;
     }
-    const DialResult result =
-        Connections::Get().ConnectTo(*node, target, bMaintain, node->Limits());
+    const DialResult result = links::Connect(*node, target, bMaintain, node->Limits());
     if (!result && node->Alive())
       ReportError(*node, "Connect to " + target + " failed: " + result.why);
     return static_cast<bool>(result);
@@ -305,7 +304,7 @@ bool cQEL::DisconnectFrom(const std::string& strServer, bool isNodeID) {
   try {
     std::string target = isNodeID ? KnownAddress(*node, strServer) : strServer;
     if (target.empty() && !isNodeID) return false;
-    return Connections::Get().CloseAddress(*node, target, isNodeID ? strServer : std::string());
+    return links::CloseAddress(*node, target, isNodeID ? strServer : std::string());
   } catch (...) {
     ReportCurrentFault(*node);
   }
@@ -315,11 +314,10 @@ bool cQEL::DisconnectFrom(const std::string& strServer, bool isNodeID) {
 bool cQEL::DisconnectAll() {
   auto node = Enter(*this);
   try {
-    auto& connections = Connections::Get();
     // Closing a listener takes effect at once, so there is nothing to wait for.
-    if (node->Listening) connections.CloseListeners(*node);
+    if (node->Listening) links::CloseListeners(*node);
     node->Listening = false;
-    connections.CloseOwnedBy(*node);
+    links::CloseAll(*node);
     return true;
   } catch (...) {
     ReportCurrentFault(*node);
@@ -517,7 +515,7 @@ bool cQEL::isConnected() {
 std::vector<typLinkInfo> cQEL::Links() {
   auto node = Enter(*this);
   try {
-    return Connections::Get().OpenLinks(*node);
+    return links::OpenLinks(*node);
   } catch (...) {
     ReportCurrentFault(*node);
   }
@@ -526,7 +524,7 @@ std::vector<typLinkInfo> cQEL::Links() {
 
 typLinkInfo cQEL::EstablishedLink() {
   auto node = Enter(*this);
-  return Connections::Get().LinkInfo(node->EstablishingLink);
+  return links::Info(node->EstablishingLink);
 }
 
 std::string cQEL::NodeID() {

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "files/sharing.h"
-#include "net/connections.h"
+#include "net/links.h"
 #include "node/events.h"
 #include "routing/discovery.h"
 #include "routing/incoming.h"
@@ -31,25 +31,25 @@ bool NodeState::OnLinkRequest(const std::string& sourceIP) {
   return RaiseConnectionReq(*this, sourceIP);
 }
 
-void NodeState::OnLinkUp(int32_t conn, LinkKind, const std::string& sourceIP) {
+void NodeState::OnLinkUp(LinkId link, LinkKind, const std::string& sourceIP) {
   // Whoever dialled, both ends announce themselves, so each learns the
   // other's identifier and can reach it on this link.
-  Connected = Connections::Get().HasOpenLink(*this);
-  if (announceSelf) SendInfo(*this, "BROADCAST", conn);
+  Connected = links::HasOpenLink(*this);
+  if (announceSelf) SendInfo(*this, "BROADCAST", link);
   Fetches.OnLinkUp();
   if (!Alive()) return;
-  const int32_t outer = std::exchange(EstablishingLink, conn);
+  const LinkId outer = std::exchange(EstablishingLink, link);
   RaiseConnectionEstab(*this, sourceIP);
   EstablishingLink = outer;
 }
 
-void NodeState::OnLinkDown(int32_t, const std::string& address, const std::string& nodeID) {
+void NodeState::OnLinkDown(LinkId, const std::string& address, const std::string& nodeID) {
   RaiseConnectionClosed(*this, address, nodeID);
-  Connected = Connections::Get().HasOpenLink(*this);
+  Connected = links::HasOpenLink(*this);
 }
 
-void NodeState::OnLinkMessage(int32_t conn, typMessage&& message) {
-  ProcessMessage(*this, std::move(message), conn);
+void NodeState::OnLinkMessage(LinkId link, typMessage&& message) {
+  ProcessMessage(*this, std::move(message), link);
 }
 
 void NodeState::OnLinkFault(const std::string& text) {

@@ -37,17 +37,17 @@ struct NodeState final : RoutingNode, TransferHost, FetchHost {
   RpcBindings Rpc;
 
   // The link whose ConnectionEstab is being raised; 0 outside that handler.
-  int32_t EstablishingLink = 0;
+  LinkId EstablishingLink;
 
   // The node object its events are raised on; null once it has shut down.
   cQEL* Owner = nullptr;
 
-  // What the connection table reports.
+  // What the link table reports.
   bool Alive() const override { return Owner != nullptr; }
   bool OnLinkRequest(const std::string& sourceIP) override;
-  void OnLinkUp(int32_t conn, LinkKind kind, const std::string& sourceIP) override;
-  void OnLinkDown(int32_t conn, const std::string& address, const std::string& nodeID) override;
-  void OnLinkMessage(int32_t conn, typMessage&& message) override;
+  void OnLinkUp(LinkId link, LinkKind kind, const std::string& sourceIP) override;
+  void OnLinkDown(LinkId link, const std::string& address, const std::string& nodeID) override;
+  void OnLinkMessage(LinkId link, typMessage&& message) override;
   void OnLinkFault(const std::string& text) override;
 
   // What routing hands up.

@@ -34,7 +34,7 @@ std::shared_ptr<RoutingNode> OwnerOf(const Entry& entry) {
 void Write(Entry& entry, RoutingNode& fallback) {
   auto owner = OwnerOf(entry);
   RoutingNode& node = owner ? *owner : fallback;
-  Transmit(node, entry.packet.Text, -1, entry.packet.ViaConn, entry.packet.Destination);
+  Transmit(node, entry.packet.Text, {}, entry.packet.ViaConn, entry.packet.Destination);
   entry.packet.Sent = true;
   entry.packet.SentTick = TickCount();
   ++entry.packet.SendCount;

@@ -5,13 +5,15 @@
 #include <cstdint>
 #include <string>
 
+#include "net/link_id.h"
+
 namespace qel {
 
 struct RoutingNode;
 
 struct PendingPacket {
   std::string Text;
-  int32_t ViaConn = 0;
+  LinkId ViaConn;
   std::string MsgType;
   std::string Destination;
   std::string ID;

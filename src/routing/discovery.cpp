@@ -6,8 +6,8 @@
 #include <qel/settings.h>
 
 #include "core/new_id.h"
-#include "net/connections.h"
 #include "net/event_loop.h"
+#include "net/links.h"
 #include "net/local_address.h"
 #include "routing/outgoing.h"
 #include "routing/report.h"
@@ -105,7 +105,7 @@ typMessage MakeInfo(const RoutingNode& node, const std::string& destination) {
   return message;
 }
 
-void SendInfo(RoutingNode& node, const std::string& destination, int32_t viaConn) {
+void SendInfo(RoutingNode& node, const std::string& destination, LinkId viaConn) {
   typMessage info = MakeInfo(node, destination);
   SendPacket(node, info, viaConn);
 }
@@ -218,31 +218,30 @@ namespace {
 // On a secure link a neighbour's node ID is bound to its key: another key announcing the
 // same node ID, on another link or later, would take over the routes and answers meant for
 // the first. Such a link is closed and false returned.
-bool KeyFits(RoutingNode& node, const std::string& sender, int32_t conn) {
-  auto& connections = Connections::Get();
-  if (sender.empty() || conn < 1 || conn > connections.Count()) return true;
-  const std::string key = connections.PeerKey(conn);
-  if (key.empty()) return true;  // plaintext: no key to bind
+bool KeyFits(RoutingNode& node, const std::string& sender, LinkId conn) {
+  if (sender.empty()) return true;
+  const std::string key = links::PeerKey(conn);
+  if (key.empty()) return true;  // plaintext (or gone): no key to bind
   std::string bound;
-  for (int32_t i : node.Links) {
-    const std::string& other = connections.PeerKey(i);
-    if (i != conn && connections.At(i).NodeID == sender && !other.empty() && other != key) {
-      bound = other;
+  for (LinkId other : links::UpLinks(node)) {
+    const std::string& otherKey = links::PeerKey(other);
+    if (other != conn && links::PeerNode(other) == sender && !otherKey.empty() && otherKey != key) {
+      bound = otherKey;
       break;
     }
   }
   if (bound.empty()) bound = node.BoundKeys.Bind(sender, key);
   if (bound.empty()) return true;
   TheStats().Refused(Refusal::KeyMismatch);
-  connections.CloseRefused(conn, "Connection to " + connections.LinkInfo(conn).Address +
-                                     " closed: node " + sender + " announced itself with key " +
-                                     key + ", but that node ID is bound to key " + bound);
+  links::CloseRefused(conn, "Connection to " + links::Info(conn).Address + " closed: node " +
+                                sender + " announced itself with key " + key +
+                                ", but that node ID is bound to key " + bound);
   return false;
 }
 
 }  // namespace
 
-void OnInfo(RoutingNode& node, const typMessage& message, int32_t conn) {
+void OnInfo(RoutingNode& node, const typMessage& message, LinkId conn) {
   InfoRoom room;
   const std::string sender = room.Take(GetSingleField(message.Fields, "Source"));
   if (GetSingleField(message.Fields, "Hops") == "0" && !KeyFits(node, sender, conn)) return;
@@ -273,12 +272,9 @@ void OnInfo(RoutingNode& node, const typMessage& message, int32_t conn) {
   }
   entry.directConn = GetSingleField(message.Fields, "Hops") == "0";
   entry.InfoSerial = ++node.InfoCount;
-  auto& connections = Connections::Get();
-  if (entry.directConn && conn >= 1 && conn <= connections.Count()) {
+  if (entry.directConn && conn) {
     // A neighbour is recorded under the address it is actually reached at,
     // with the port it advertises.
-    Connection& c = connections.At(conn);
-    c.NodeID = sender;
     std::string port;
     if (size_t colon = entry.Address.rfind(':'); colon != std::string::npos) {
       port = entry.Address.substr(colon + 1);
@@ -288,13 +284,10 @@ void OnInfo(RoutingNode& node, const typMessage& message, int32_t conn) {
     const bool usable =
         !port.empty() && port.size() <= 5 &&
         std::all_of(port.begin(), port.end(), [](char ch) { return ch >= '0' && ch <= '9'; });
-    if (usable) {
-      std::string ip = c.sck->RemoteHost();
-      if (ip.empty()) ip = c.Peer.substr(0, c.Peer.rfind(':'));  // the link broke meanwhile
-      c.Address = ip + ":" + port;
-      c.Peer = c.Address;
+    if (!usable) port.clear();
+    if (std::string address = links::SetPeerNode(conn, sender, port); !address.empty()) {
+      entry.Address = std::move(address);
     }
-    if (!c.Address.empty()) entry.Address = c.Address;
   }
   RememberKnownNode(entry);
   if (room.cut) {

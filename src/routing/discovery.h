@@ -7,6 +7,7 @@
 
 #include <qel/types.h>
 
+#include "net/link_id.h"
 #include "protocol/message.h"
 #include "routing/node_entry.h"
 
@@ -23,7 +24,7 @@ typMessage MakeRequest(const char* type, const std::string& destination, const s
 typMessage MakeInfo(const RoutingNode& node, const std::string& destination);
 
 // Sends this node's INFO to destination, on viaConn when given.
-void SendInfo(RoutingNode& node, const std::string& destination, int32_t viaConn = 0);
+void SendInfo(RoutingNode& node, const std::string& destination, LinkId viaConn = {});
 
 // Asks every node ("BROADCAST", waiting the full Timeout) or one node.
 std::vector<typNodeInfo> QueryNodes(RoutingNode& node, const std::string& destination,
@@ -48,7 +49,7 @@ int32_t PingNode(RoutingNode& node, const std::string& nodeID, int32_t timeoutMs
 std::string KnownKey(const RoutingNode& node, const std::string& nodeID);
 
 void OnWhois(RoutingNode& node, const typMessage& message);
-void OnInfo(RoutingNode& node, const typMessage& message, int32_t conn);
+void OnInfo(RoutingNode& node, const typMessage& message, LinkId conn);
 void OnPing(RoutingNode& node, const typMessage& message);
 void OnPong(RoutingNode& node, const typMessage& message);
 

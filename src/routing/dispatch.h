@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "net/link_id.h"
 #include "protocol/message.h"
 
 namespace qel {
@@ -17,7 +18,7 @@ struct RoutingNode;
 
 // What a handler knows of a message besides its fields.
 struct Arrival {
-  int32_t conn = 0;           // the link it came on
+  LinkId conn;                // the link it came on
   const std::string& source;  // the node that sent it
   bool keepBody = false;      // it is relayed afterwards, so its body must stay
 };

@@ -52,7 +52,7 @@ typMessage MakeConfirm(const std::string& destination, const std::string& id) {
   return confirm;
 }
 
-void ProcessMessage(RoutingNode& node, typMessage&& message, int32_t conn) {
+void ProcessMessage(RoutingNode& node, typMessage&& message, LinkId conn) {
   if (message.ResourceUndecodable) {
     // The resource is read as "\"; the message itself goes on.
     ReportError(node, "Error 13: Type mismatch");

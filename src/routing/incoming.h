@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "net/link_id.h"
 #include "protocol/message.h"
 
 namespace qel {
@@ -13,7 +14,7 @@ struct RoutingNode;
 // The confirmation of message id, addressed to its sender.
 typMessage MakeConfirm(const std::string& destination, const std::string& id);
 
-// Handles one complete message that arrived on connection conn.
-void ProcessMessage(RoutingNode& node, typMessage&& message, int32_t conn);
+// Handles one complete message that arrived on link conn.
+void ProcessMessage(RoutingNode& node, typMessage&& message, LinkId conn);
 
 }  // namespace qel

@@ -12,8 +12,8 @@
 #include "core/new_id.h"
 #include "core/stats.h"
 #include "core/text.h"
-#include "net/connections.h"
 #include "net/event_loop.h"
+#include "net/links.h"
 #include "protocol/body.h"
 #include "routing/confirm.h"
 #include "routing/discovery.h"
@@ -79,13 +79,12 @@ int64_t NextTTL(const RoutingNode& node, std::optional<std::string_view> text) {
 
 }  // namespace
 
-int32_t FindRoute(RoutingNode& node, const std::string& destination) {
-  if (destination == "BROADCAST" || destination == node.NodeID) return 0;
-  auto& connections = Connections::Get();
-  if (int32_t direct = connections.ConnectionOfNode(node, destination)) return direct;
-  if (!node.Routes.Enabled()) return 0;
+LinkId FindRoute(RoutingNode& node, const std::string& destination) {
+  if (destination == "BROADCAST" || destination == node.NodeID) return {};
+  if (LinkId direct = links::OfNode(node, destination)) return direct;
+  if (!node.Routes.Enabled()) return {};
   std::string hop = node.Routes.NextHop(destination, node.NodeID);
-  return hop.empty() ? 0 : connections.ConnectionOfNode(node, hop);
+  return hop.empty() ? LinkId{} : links::OfNode(node, hop);
 }
 
 namespace {
@@ -100,19 +99,18 @@ void CountSent() {
 }
 
 template <typename Text>
-void TransmitText(RoutingNode& node, Text&& text, int32_t fromConn, int32_t viaConn,
+void TransmitText(RoutingNode& node, Text&& text, LinkId fromConn, LinkId viaConn,
                   const std::string& destination) {
   CountSent();
-  auto& connections = Connections::Get();
-  int32_t target = viaConn >= 1 ? viaConn : FindRoute(node, destination);
-  if (fromConn <= 0 && target > 0) {
+  const LinkId target = viaConn ? viaConn : FindRoute(node, destination);
+  if (!fromConn && target) {
     if constexpr (std::is_same_v<Text, std::string>) {
-      connections.WriteOwned(target, std::move(text));
+      links::WriteOwned(target, std::move(text));
     } else {
-      connections.Write(target, text);
+      links::Write(target, text);
     }
   } else {
-    connections.WriteToAllExcept(node, fromConn, text);
+    links::WriteToAllExcept(node, fromConn, text);
   }
 }
 
@@ -135,12 +133,12 @@ void NoteOwnID(RoutingNode& node, std::string_view id) {
 
 }  // namespace
 
-void Transmit(RoutingNode& node, std::string_view text, int32_t fromConn, int32_t viaConn,
+void Transmit(RoutingNode& node, std::string_view text, LinkId fromConn, LinkId viaConn,
               const std::string& destination) {
   TransmitText(node, text, fromConn, viaConn, destination);
 }
 
-void Transmit(RoutingNode& node, std::string&& text, int32_t fromConn, int32_t viaConn,
+void Transmit(RoutingNode& node, std::string&& text, LinkId fromConn, LinkId viaConn,
               const std::string& destination) {
   TransmitText(node, std::move(text), fromConn, viaConn, destination);
 }
@@ -168,7 +166,7 @@ bool StampMessage(RoutingNode& node, typMessage& message) {
   return confirm;
 }
 
-void SendPacket(RoutingNode& node, typMessage& message, int32_t viaConn) {
+void SendPacket(RoutingNode& node, typMessage& message, LinkId viaConn) {
   // Nodes refuse a header past 64 KiB and close the link it came on; the
   // fields relays add need room too.
   size_t fieldBytes = 0;
@@ -191,16 +189,16 @@ void SendPacket(RoutingNode& node, typMessage& message, int32_t viaConn) {
                             .ID = std::move(id)});
     return;
   }
-  const int32_t target = viaConn >= 1 ? viaConn : FindRoute(node, destination);
-  if (target > 0 && message.Body.size() >= kLargeBody) {
+  const LinkId target = viaConn ? viaConn : FindRoute(node, destination);
+  if (target && message.Body.size() >= kLargeBody) {
     // A large body (a file's piece) goes out behind its header as it is.
     std::string header;
     SerialiseHeader(message, header);
     CountSent();
-    Connections::Get().WriteOwned(target, std::move(header), std::move(message.Body));
+    links::WriteOwned(target, std::move(header), std::move(message.Body));
     return;
   }
-  Transmit(node, SerialiseMessage(message), -1, viaConn, destination);
+  Transmit(node, SerialiseMessage(message), {}, viaConn, destination);
 }
 
 void AppendPlainMsg(const RoutingNode& node, std::string_view type, std::string_view destination,
@@ -236,7 +234,7 @@ bool SendPlainMsg(RoutingNode& node, std::string_view type, std::string_view des
   scratch->clear();
   AppendPlainMsg(node, type, destination, body, id, *scratch);
   if (!node.seeSelf) NoteOwnID(node, id);
-  Transmit(node, std::string_view(*scratch), -1, 0, std::string(destination));
+  Transmit(node, std::string_view(*scratch), {}, {}, std::string(destination));
   return true;
 }
 
@@ -251,7 +249,7 @@ bool SeenBefore(RoutingNode& node, std::string_view id) {
   return seen;
 }
 
-void ForwardPacket(RoutingNode& node, typMessage& message, int32_t fromConn) {
+void ForwardPacket(RoutingNode& node, typMessage& message, LinkId fromConn) {
   if (message.Index.valid) {
     // Spliced from the bytes as they arrived: only TTL, Hops and Route are
     // new, and every link queues the same pieces.
@@ -262,7 +260,7 @@ void ForwardPacket(RoutingNode& node, typMessage& message, int32_t fromConn) {
     const RelayCopy copy(bytes, index, ttl, NextHops(Text(bytes, index.hops)),
                          ExtendsRoute(node, index.route.In(bytes)), node.NodeID);
     CountSent();
-    Connections::Get().WriteToAllExcept(node, fromConn, copy.Pieces());
+    links::WriteToAllExcept(node, fromConn, copy.Pieces());
     return;
   }
   FieldList& fields = message.Fields;
@@ -281,22 +279,22 @@ void ForwardPacket(RoutingNode& node, typMessage& message, int32_t fromConn) {
     std::string header;
     SerialiseHeader(message, header);
     CountSent();
-    auto& connections = Connections::Get();
-    int32_t only = 0, count = 0;
-    for (int32_t link : node.Links) {
-      if (link != fromConn && connections.IsConnected(link)) only = link, ++count;
+    LinkId only;
+    int count = 0;
+    for (LinkId link : links::UpLinks(node)) {
+      if (link != fromConn) only = link, ++count;
     }
     if (count == 1) {
-      connections.WriteOwned(only, std::move(header), std::move(message.Body));
+      links::WriteOwned(only, std::move(header), std::move(message.Body));
     } else if (count > 1) {
       const std::string_view pieces[] = {header, message.Body};
-      connections.WriteToAllExcept(node, fromConn, pieces);
+      links::WriteToAllExcept(node, fromConn, pieces);
     }
     return;
   }
   std::string text = SerialiseMessage(message);
   const std::string* destination = FindField(fields, "Destination");
-  Transmit(node, std::move(text), fromConn, 0, destination ? *destination : std::string());
+  Transmit(node, std::move(text), fromConn, {}, destination ? *destination : std::string());
 }
 
 }  // namespace qel

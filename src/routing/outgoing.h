@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "net/link_id.h"
 #include "protocol/message.h"
 
 namespace qel {
@@ -23,10 +24,10 @@ bool StampMessage(RoutingNode& node, typMessage& message);
 inline constexpr size_t kMaxFieldBytes = 60 * 1024;
 
 // Stamps, serialises and sends a message made on this node: to viaConn when
-// given, else along a known route, else to every connection. A large body
+// given, else along a known route, else to every link. A large body
 // may be taken over, leaving message.Body empty. Throws QelError 6 when the
 // fields hold more than kMaxFieldBytes, sending nothing.
-void SendPacket(RoutingNode& node, typMessage& message, int32_t viaConn = 0);
+void SendPacket(RoutingNode& node, typMessage& message, LinkId viaConn = {});
 
 // The text of a host's MSG as SendPacket stamps and writes it, for a node
 // that neither encrypts, compresses nor asks for a confirmation of it: the
@@ -47,7 +48,7 @@ bool SendPlainMsg(RoutingNode& node, std::string_view type, std::string_view des
 // node's Error event and run the loop.
 bool SeenBefore(RoutingNode& node, std::string_view id);
 
-// Relays a received message to every connection but the one it came in on,
+// Relays a received message to every link but the one it came in on,
 // with TTL one lower (and at most this node's own TTL - 1), Hops one higher
 // (stopping at INT64_MAX; not a number counts as 0) and this node on its
 // Route; every other field, the body, flags and lengths stay as received. A
@@ -55,6 +56,6 @@ bool SeenBefore(RoutingNode& node, std::string_view id);
 // Rewrites the first field of each name in place, so it never throws on what
 // a peer wrote (a name that also arrives as an array included). A large
 // body may be taken over, leaving message.Body empty.
-void ForwardPacket(RoutingNode& node, typMessage& message, int32_t fromConn);
+void ForwardPacket(RoutingNode& node, typMessage& message, LinkId fromConn);
 
 }  // namespace qel

@@ -20,8 +20,8 @@
 #include "../support/peers.h"
 #include "core/stats.h"
 #include "files/ranges.h"
-#include "net/connections.h"
 #include "files/sharing.h"
+#include "net/links.h"
 #include "net/worker.h"
 #include "routing/outgoing.h"
 
@@ -268,12 +268,15 @@ TEST(TransferTest, PiecesOfAPacketEachAndACancelStopsTheServer) {
   const std::string get = "GET \\big QEL/2.1\r\nDestination: " + server.ID() +
                           "\r\nSource: RAW\r\nReqID: R\r\nID: G1\r\nTTL: 1\r\n\r\n";
   ASSERT_EQ(send(stuck, get.data(), get.size(), 0), static_cast<ssize_t>(get.size()));
-  auto& table = Connections::Get();
   size_t most = 0;
-  RunUntil([&] {
-    for (int32_t i = 1; i <= table.Count(); ++i) most = std::max(most, table.QueuedBytes(i));
-    return false;
-  }, 300);
+  RunUntil(
+      [&] {
+        for (LinkId link : links::UpLinks(StateOf(server.node))) {
+          most = std::max(most, links::QueuedBytes(link));
+        }
+        return false;
+      },
+      300);
   EXPECT_GT(most, 0u);
   EXPECT_LE(most, 3u * 1024 + 4096) << "the server queued more than a few pieces";
   close(stuck);

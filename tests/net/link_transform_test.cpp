@@ -9,7 +9,9 @@
 
 #include "../support/peers.h"
 #include "core/node_key.h"
-#include "net/connections.h"
+#include "net/links.h"
+#include "net/memory_link.h"
+#include "net/socket.h"
 
 namespace qel::test {
 namespace {
@@ -18,16 +20,16 @@ namespace {
 struct Owner : LinkOwner {
   std::vector<std::string> faults, bodies;
   int ups = 0;
-  std::function<void(int32_t)> onUp;
+  std::function<void(LinkId)> onUp;
   bool Alive() const override { return true; }
   bool OnLinkRequest(const std::string&) override { return false; }
-  void OnLinkUp(int32_t conn, LinkKind, const std::string&) override {
+  void OnLinkUp(LinkId link, LinkKind, const std::string&) override {
     ++ups;
-    if (onUp) onUp(conn);
+    if (onUp) onUp(link);
   }
-  void OnLinkDown(int32_t, const std::string&, const std::string&) override {}
+  void OnLinkDown(LinkId, const std::string&, const std::string&) override {}
   // A plaintext message arrives unparsed: its body is after the header.
-  void OnLinkMessage(int32_t, typMessage&& m) override {
+  void OnLinkMessage(LinkId, typMessage&& m) override {
     bodies.push_back(m.Wire.empty() ? m.Body : m.Wire.substr(m.Wire.find("\r\n\r\n") + 4));
   }
   void OnLinkFault(const std::string& text) override { faults.push_back(text); }
@@ -40,24 +42,18 @@ struct End {
   std::shared_ptr<std::string> sent = std::make_shared<std::string>();
   std::string wire;
   LinkLimits limits;
-  int32_t index = 0;
+  LinkId link;
 
   explicit End(SecureMode mode, std::vector<std::string> trusted = {}, std::string hello = "") {
     limits.security = {.mode = mode,
                        .identity = std::make_shared<const TlsIdentity>(key),
                        .trusted = std::move(trusted)};
     if (hello.empty()) return;
-    owner->onUp = [hello](int32_t i) { Connections::Get().Write(i, RawMsg("m", "", hello)); };
+    owner->onUp = [hello](LinkId link) { links::Write(link, RawMsg("m", "", hello)); };
   }
-  void Open(bool accepted) {
-    auto socket = std::make_unique<Socket>();
-    socket->ConnectInMemory(sent);
-    index = Connections::Get().Adopt(*owner, std::move(socket), accepted, limits, "peer:1");
-  }
-  bool Open() { return Connections::Get().At(index).sck->State() == SocketState::Connected; }
-  void Receive(std::string_view bytes) {
-    if (Open()) Connections::Get().At(index).sck->ReceiveInMemory(bytes);
-  }
+  void Open(bool accepted) { link = OpenInMemory(*owner, limits, accepted, sent); }
+  bool Open() { return !ClosedInMemory(link); }
+  void Receive(std::string_view bytes) { ReceiveInMemory(link, bytes); }
   // What it sent since the last call, once its writes were flushed (and so sealed).
   std::string Take() {
     FlushPendingWrites();
@@ -91,15 +87,15 @@ TEST(LinkTransformTest, TlsLinkComesUpOnlyAfterTheHandshakeAndSealsEachBatchOnce
   // Neither is up before the handshake; the listener says nothing before the first byte.
   EXPECT_EQ(dialler.owner->ups + listener.owner->ups, 0);
   EXPECT_EQ(listener.Take(), "");
-  EXPECT_FALSE(Connections::Get().IsConnected(dialler.index));
+  EXPECT_FALSE(links::IsUp(dialler.link));
 
   Pump(dialler, listener);
   EXPECT_EQ(listener.owner->bodies, std::vector<std::string>{"from the dialler"});
   EXPECT_EQ(dialler.owner->bodies, std::vector<std::string>{"from the listener"});
-  const typLinkInfo seen = Connections::Get().LinkInfo(dialler.index);
+  const typLinkInfo seen = links::Info(dialler.link);
   EXPECT_TRUE(seen.isSecure);
   EXPECT_EQ(seen.PeerKey, listener.key.ID());
-  EXPECT_EQ(Connections::Get().PeerKey(listener.index), dialler.key.ID());
+  EXPECT_EQ(links::PeerKey(listener.link), dialler.key.ID());
   EXPECT_EQ((dialler.wire + listener.wire).find("from the"), std::string::npos);
 
   // A burst of writes waits as plaintext, counted as queued, and leaves in one record
@@ -107,10 +103,10 @@ TEST(LinkTransformTest, TlsLinkComesUpOnlyAfterTheHandshakeAndSealsEachBatchOnce
   size_t written = 0;
   for (int i = 0; i < 100; ++i) {
     const std::string message = RawMsg(std::to_string(i), "", "burst");
-    Connections::Get().Write(dialler.index, message);
+    links::Write(dialler.link, message);
     written += message.size();
   }
-  EXPECT_GE(Connections::Get().QueuedBytes(dialler.index), written);
+  EXPECT_GE(links::QueuedBytes(dialler.link), written);
   const std::string sealed = dialler.Take();
   EXPECT_EQ(sealed.size(), written + 22);
   listener.Receive(sealed);
@@ -155,13 +151,13 @@ TEST(LinkTransformTest, FirstBytesOfAnAcceptedLinkDecideWhatItIsWhereverTheyAreC
     tls.Receive(hello.substr(cut));
     Pump(dialler, tls);
     EXPECT_EQ(tls.owner->bodies, std::vector<std::string>{"over TLS"});
-    EXPECT_TRUE(Connections::Get().LinkInfo(tls.index).isSecure);
+    EXPECT_TRUE(links::Info(tls.link).isSecure);
 
     open.Open(true);
     open.Receive(plain.substr(0, cut));
     open.Receive(plain.substr(cut));
     EXPECT_EQ(open.owner->bodies, std::vector<std::string>{"in plaintext"});
-    EXPECT_FALSE(Connections::Get().LinkInfo(open.index).isSecure);
+    EXPECT_FALSE(links::Info(open.link).isSecure);
   }
   // require, or any trust list: a plaintext peer is closed and gets nothing back.
   End require(SecureMode::Require, {}, "INFO"), trusting(SecureMode::Prefer, {"0"});

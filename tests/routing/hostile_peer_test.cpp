@@ -7,7 +7,7 @@
 
 #include "../support/peers.h"
 #include "core/stats.h"
-#include "net/connections.h"
+#include "net/links.h"
 #include "protocol/body.h"
 
 namespace qel::test {
@@ -129,15 +129,12 @@ TEST(HostilePeerTest, AWriterWaitingForTheQueueIsWokenWhenThePeerReadsOrTheLinkC
   Peer target("target", "", true);
   const int slow = Dial(target.Port(), 4096);
   ASSERT_TRUE(Eventually([&] { return target.established.size() == 1; }));
-  auto& table = Connections::Get();
-  int32_t conn = 0;
-  for (int32_t i = 1; i <= table.Count(); ++i) {
-    if (table.IsConnected(i) && table.At(i).Owner.lock().get() == &StateOf(target.node)) conn = i;
-  }
-  ASSERT_NE(conn, 0);
-  table.Write(conn, std::string(8 << 20, 'x'));
+  const std::vector<LinkId> up = links::UpLinks(StateOf(target.node));
+  ASSERT_EQ(up.size(), 1u);
+  const LinkId conn = up[0];
+  links::Write(conn, std::string(8 << 20, 'x'));
   int woken = 0;
-  table.WhenDrained(conn, 1 << 20, [&] { ++woken; });
+  links::WhenDrained(conn, 1 << 20, [&] { ++woken; });
   RunUntil([] { return false; }, 100);
   EXPECT_EQ(woken, 0) << "woken while the peer read nothing";
   char buffer[65536];
@@ -146,11 +143,11 @@ TEST(HostilePeerTest, AWriterWaitingForTheQueueIsWokenWhenThePeerReadsOrTheLinkC
     }
     return woken == 1;
   }));
-  table.Write(conn, std::string(8 << 20, 'y'));
-  table.WhenDrained(conn, 1 << 20, [&] { ++woken; });
+  links::Write(conn, std::string(8 << 20, 'y'));
+  links::WhenDrained(conn, 1 << 20, [&] { ++woken; });
   close(slow);
   ASSERT_TRUE(Eventually([&] { return woken == 2; }));
-  EXPECT_FALSE(table.IsConnected(conn));
+  EXPECT_FALSE(links::IsUp(conn));
 }
 
 TEST(HostilePeerTest, StalledSendersAreClosedAndIdlePeersStay) {

@@ -69,7 +69,7 @@ TEST(DiscoveryTest, InfoValuesAreCutToWhatTheCacheKeeps) {
 
   auto node = std::make_shared<NodeState>();
   const int64_t refused = TheStats().Refusals[static_cast<size_t>(Refusal::NodeCache)];
-  OnInfo(*node, info, 0);
+  OnInfo(*node, info, {});
   ASSERT_EQ(node->NodeCache.size(), 2u);
   const NodeEntry& entry = node->NodeCache[1];
   EXPECT_EQ(entry.ID, source);

@@ -1,0 +1,225 @@
+#include "net/link.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <qel/event_loop.h>
+
+#include "core/debug_log.h"
+#include "core/stats.h"
+#include "net/event_loop.h"
+
+namespace qel {
+namespace {
+
+// What a queued message costs: its text, and a little for its record.
+size_t MessageBytes(const typMessage& message) {
+  return message.Header.capacity() + message.Body.capacity() + message.Wire.capacity() + 256;
+}
+
+MessageFeeder FeederFor(const LinkLimits& limits) {
+  return MessageFeeder(
+      {.maxHeader = 65536, .maxMessage = limits.maxMessage, .keepPlainAsBytes = true});
+}
+
+}  // namespace
+
+void Inbox::push_back(typMessage&& message) {
+  if (head_ >= kKeep && 2 * head_ >= items_.size()) {
+    items_.erase(items_.begin(), items_.begin() + static_cast<std::ptrdiff_t>(head_));
+    head_ = 0;
+  }
+  items_.push_back(std::move(message));
+}
+
+typMessage Inbox::take_front() {
+  typMessage message = std::move(items_[head_++]);
+  if (head_ == items_.size()) {
+    if (items_.capacity() > kKeep) {
+      Release();
+    } else {
+      items_.clear();
+      head_ = 0;
+    }
+  }
+  return message;
+}
+
+void Inbox::Release() {
+  std::vector<typMessage>().swap(items_);
+  head_ = 0;
+}
+
+Link::Link() : partial_(FeederFor(limits)) {}
+
+void Link::Reset(const LinkLimits& newLimits) {
+  limits = newLimits;
+  NodeID.clear();
+  Address.clear();
+  Peer.clear();
+  dialError.clear();
+  Maintain = false;
+  accepted = false;
+  redial = false;
+  stream = LinkTransform();
+  up = false;
+  plainOnly = false;
+  dialWaiting = false;
+  dialFault.clear();
+  holdRedial = false;
+  ReleaseBuffers();
+  ++generation;
+}
+
+std::string Link::Name() const {
+  if (!Peer.empty()) return Peer;
+  return Address.empty() ? sck->RemoteHost() : Address;
+}
+
+MessageFeeder::Outcome Link::Feed(std::string_view plain) {
+  if (TheDebugLog().Enabled()) {
+    DebugLine(">> INCOMING >>>>>>>>>>");
+    DebugLine(plain);
+  }
+  return partial_.Feed(plain, [this](typMessage&& message) {
+    inboxBytes_ += MessageBytes(message);
+    inbox_.push_back(std::move(message));
+  });
+}
+
+std::span<char> Link::ReadRoom() {
+  // Bytes a transform must see first are never read past it.
+  if (backlogFull || stream.Transforms()) return {};
+  return partial_.BodyRoom();
+}
+
+void Link::FeedDirect(size_t n) {
+  TheStats().InBytesAcc += static_cast<int64_t>(n);
+  if (TheDebugLog().Enabled()) {
+    // The room starts where these bytes were put until they are counted.
+    DebugLine(">> INCOMING >>>>>>>>>>");
+    DebugLine(std::string_view(partial_.BodyRoom().data(), n));
+  }
+  lastByteTick = TickCount();
+  partial_.FeedDirect(n, [this](typMessage&& message) {
+    inboxBytes_ += MessageBytes(message);
+    inbox_.push_back(std::move(message));
+  });
+}
+
+std::string Link::TooLong(MessageFeeder::Outcome outcome) const {
+  return outcome == MessageFeeder::Outcome::HeaderTooLong
+             ? "Connection to " + Name() + " closed: header longer than 65536 bytes"
+             : "Connection to " + Name() + " closed: message longer than " +
+                   std::to_string(limits.maxMessage) + " bytes";
+}
+
+void Link::PaceReading() {
+  // Messages waiting behind a busy handler are bounded like one more
+  // message: past that the peer waits in TCP's flow control.
+  if (inboxBytes_ > static_cast<size_t>(std::max<int64_t>(limits.maxMessage, 0)) + 65536) {
+    sck->PauseReading();
+  } else {
+    sck->ResumeReading();
+  }
+}
+
+typMessage Link::TakeMessage() {
+  typMessage message = inbox_.take_front();
+  inboxBytes_ -= std::min(inboxBytes_, MessageBytes(message));
+  if (inbox_.empty()) sck->ResumeReading();
+  return message;
+}
+
+void Link::Send(std::span<const std::string_view> pieces) {
+  if (stream.Seals()) {
+    // Sealed at the flush, with everything else written before the handler returns:
+    // one record per 16 KiB of the batch, never one per message.
+    for (std::string_view piece : pieces) stream.Write(piece);
+    sck->RequestFlush();
+  } else {
+    sck->Send(pieces);
+  }
+}
+
+void Link::SendOwned(std::string&& text) {
+  if (stream.Seals()) {
+    stream.WriteOwned(std::move(text));
+    sck->RequestFlush();
+  } else {
+    sck->SendOwned(std::move(text));
+  }
+}
+
+void Link::SendOwned(std::string&& header, std::string&& body) {
+  if (stream.Seals()) {
+    stream.WriteOwned(std::move(header));
+    stream.WriteOwned(std::move(body));
+    sck->RequestFlush();
+  } else {
+    sck->SendOwned(std::move(header), std::move(body));
+  }
+}
+
+void Link::Seal() {
+  if (!stream.Seals()) return;
+  if (std::string out = stream.TakeOutput(); !out.empty()) sck->SendOwned(std::move(out));
+}
+
+size_t Link::OverBacklog() {
+  // A peer that stops reading must not make this process hold everything
+  // the network sends its way. Room for two whole messages of the largest
+  // size plus a header keeps every legitimate burst.
+  const size_t limit = 2 * static_cast<size_t>(std::max<int64_t>(limits.maxMessage, 0)) + 65536;
+  if (Waiting() <= limit) return 0;
+  backlogFull = true;
+  return limit;
+}
+
+size_t Link::Held() const {
+  return sck->BufferBytes() + stream.PendingBytes() + partial_.BufferedBytes() + inboxBytes_;
+}
+
+void Link::WhenDrained(size_t below, std::function<void()> fn) {
+  if (!IsUp() || Waiting() < below) {
+    Post(std::move(fn));
+    return;
+  }
+  drainWaiters_.push_back({below, std::move(fn)});
+}
+
+void Link::WakeDrainWaiters(bool all) {
+  if (drainWaiters_.empty()) return;
+  const size_t queued = Waiting();
+  // Taken out before any runs: a waiter usually queues more and waits again.
+  std::vector<DrainWaiter> ready;
+  std::erase_if(drainWaiters_, [&](DrainWaiter& w) {
+    if (!all && queued >= w.below) return false;
+    ready.push_back(std::move(w));
+    return true;
+  });
+  for (auto& w : ready) Post(std::move(w.fn));
+}
+
+void Link::Discard() {
+  sck->DiscardQueued();
+  stream.DiscardPending();
+  partial_.Reset();
+  if (draining == 0) {
+    inbox_.Release();
+    inboxBytes_ = 0;
+  }
+}
+
+void Link::ReleaseBuffers() {
+  // Swapped, not assigned: assigning an empty message to a long one would
+  // keep the long one's buffers.
+  MessageFeeder fresh = FeederFor(limits);
+  std::swap(partial_, fresh);
+  inbox_.Release();
+  inboxBytes_ = 0;
+  drainPending = false;
+  backlogFull = false;
+}
+
+}  // namespace qel
