@@ -111,6 +111,18 @@ TEST(LinkTransformTest, TlsLinkComesUpOnlyAfterTheHandshakeAndSealsEachBatchOnce
   EXPECT_EQ(sealed.size(), written + 22);
   listener.Receive(sealed);
   EXPECT_EQ(listener.owner->bodies.size(), 101u);
+
+  // A body of many records, its bytes cut anywhere on the way, is decrypted whole into
+  // place, and the message after it still arrives.
+  std::string large(200000, '\0');
+  for (size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>('a' + i % 23);
+  links::WriteOwned(dialler.link, RawMsg("big", "", large));
+  links::Write(dialler.link, RawMsg("after", "", "after"));
+  const std::string bytes = dialler.Take();
+  for (size_t at = 0; at < bytes.size(); at += 999) listener.Receive(bytes.substr(at, 999));
+  ASSERT_EQ(listener.owner->bodies.size(), 103u);
+  EXPECT_TRUE(listener.owner->bodies[101] == large);
+  EXPECT_EQ(listener.owner->bodies[102], "after");
 }
 
 TEST(LinkTransformTest, UntrustedKeyIsRefusedBothWaysNamingIt) {
