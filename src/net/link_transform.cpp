@@ -96,7 +96,7 @@ LinkTransform::Step LinkTransform::FeedEngine(std::string_view bytes, PlainSink*
     plain_ += engine_->ReadPlain();
   }
   if (engine_->Failed()) return Fail(engine_->Why());
-  if (state_ == State::Handshaking && engine_->HandshakeDone()) {
+  if (state_ == State::Handshaking && engine_->PeerAccepted()) {
     state_ = State::Secure;
     return Step::Up;
   }

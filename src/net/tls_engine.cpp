@@ -107,6 +107,13 @@ struct TlsEngineAccess {
   }
   static long BioCtrl(BIO*, int command, long, void*) { return command == BIO_CTRL_FLUSH ? 1 : 0; }
 
+  // A client's proof that the server took its certificate: the server sends its ticket only
+  // after judging it. Nothing is resumed, so the session is not kept.
+  static int NoteTicket(SSL* ssl, SSL_SESSION*) {
+    if (TlsEngine* engine = Of(ssl)) engine->ticketSeen_ = true;
+    return 0;
+  }
+
   // Keeps the fatal alert a peer sends, so the failure it causes can say what the peer meant.
   static void NoteAlert(const SSL* ssl, int where, int value) {
     TlsEngine* engine = Of(ssl);
@@ -173,9 +180,12 @@ TlsIdentity::TlsIdentity(const NodeKey& key) {
   SSL_CTX_set_cert_verify_callback(context, TlsEngineAccess::JudgePeer, nullptr);
   SSL_CTX_set_alpn_select_cb(context, SelectAlpn, nullptr);
   SSL_CTX_set_info_callback(context, TlsEngineAccess::NoteAlert);
-  // Links are long-lived and redials rare: resumption would only cost tickets on the wire.
-  SSL_CTX_set_num_tickets(context, 0);
-  SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+  // One ticket per handshake and no resumption: links are long-lived and redials rare. In
+  // TLS 1.3 a client's handshake ends before the server has judged its certificate; the
+  // ticket, which the server sends only once it has, tells the client it was taken.
+  SSL_CTX_set_num_tickets(context, 1);
+  SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL_STORE);
+  SSL_CTX_sess_set_new_cb(context, TlsEngineAccess::NoteTicket);
   context_ = context;
 }
 

@@ -69,7 +69,7 @@ enum class TlsRole { kClient, kServer };
 // Once Failed(), the engine takes no more bytes and seals nothing more; ReadPlain still hands
 // over what arrived before, and TakeCiphertext may hold an alert that tells the peer why. A client
 // finishes its handshake before the server has judged the client's certificate, so a client can
-// fail after HandshakeDone().
+// fail after HandshakeDone(); once PeerAccepted(), the server has taken it.
 class TlsEngine {
  public:
   // An engine for identity (which must be Valid()) in the given role. trusted lists the key
@@ -100,6 +100,10 @@ class TlsEngine {
   std::string ReadPlain();
 
   bool HandshakeDone() const { return done_; }
+  // Whether the peer took this end: for a server, once its handshake is done; for a client,
+  // once the server's first message after the handshake (its session ticket, sent only after
+  // it judged the client's certificate) arrived.
+  bool PeerAccepted() const { return done_ && (role_ == TlsRole::kServer || ticketSeen_); }
   bool Failed() const { return !why_.empty(); }
   // Why the session failed or ended, for the link's Error; empty while it has not.
   const std::string& Why() const { return why_; }
@@ -130,6 +134,7 @@ class TlsEngine {
   std::string receivedPlain_;
   std::string why_;
   bool done_ = false;
+  bool ticketSeen_ = false;
   bool sawInput_ = false;
   int alertRead_ = -1;  // the fatal alert the peer sent, for the reason text
 };
