@@ -87,6 +87,45 @@ MessageFeeder::Outcome Link::Feed(std::string_view plain) {
   });
 }
 
+Link::Transformed Link::FeedTransformed(std::string_view bytes) {
+  // Offers the body's room while a body is being read, a buffer on the stack otherwise.
+  class Sink final : public PlainSink {
+   public:
+    explicit Sink(Link& link) : link_(link) {}
+    std::span<char> Room() override {
+      if (outcome != MessageFeeder::Outcome::Ok) return {};
+      const std::span<char> body = link_.partial_.BodyRoom();
+      direct_ = !body.empty();
+      return direct_ ? body : std::span<char>(buffer_);
+    }
+    void Put(size_t n) override {
+      fed = true;
+      if (!direct_) {
+        outcome = link_.Feed(std::string_view(buffer_, n));
+        return;
+      }
+      if (TheDebugLog().Enabled()) {
+        DebugLine(">> INCOMING >>>>>>>>>>");
+        DebugLine(std::string_view(link_.partial_.BodyRoom().data(), n));
+      }
+      link_.partial_.FeedDirect(n, [this](typMessage&& message) {
+        link_.inboxBytes_ += MessageBytes(message);
+        link_.inbox_.push_back(std::move(message));
+      });
+    }
+    MessageFeeder::Outcome outcome = MessageFeeder::Outcome::Ok;
+    bool fed = false;
+
+   private:
+    Link& link_;
+    bool direct_ = false;
+    char buffer_[16 * 1024];
+  };
+  Sink sink(*this);
+  const LinkTransform::Step step = stream.Feed(bytes, &sink);
+  return {step, sink.outcome, sink.fed};
+}
+
 std::span<char> Link::ReadRoom() {
   // Bytes a transform must see first are never read past it.
   if (backlogFull || stream.Transforms()) return {};

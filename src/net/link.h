@@ -96,6 +96,15 @@ class Link {
   // Cuts plaintext from the peer into messages for the inbox; anything but Ok means the
   // peer broke a limit and the link must close (see TooLong).
   MessageFeeder::Outcome Feed(std::string_view plain);
+  // Bytes from the peer of a link under a transform. Once the link is secure its plaintext
+  // goes straight to the feeder, the rest of a large body decrypted into its room; outcome
+  // is what the feeder made of it (see TooLong), fed whether anything reached it.
+  struct Transformed {
+    LinkTransform::Step step;
+    MessageFeeder::Outcome outcome = MessageFeeder::Outcome::Ok;
+    bool fed = false;
+  };
+  Transformed FeedTransformed(std::string_view bytes);
   // Where the next read may put a large body's bytes, to save copying them (see
   // Socket::Handlers): none while the transform must see bytes first, or the link closes.
   std::span<char> ReadRoom();

@@ -198,10 +198,13 @@ void LinkTable::OnData(int32_t index, uint64_t generation, std::string_view data
 
 void LinkTable::OnTransformed(int32_t index, uint64_t generation, std::string_view data) {
   Link& c = *links_[index];
-  const LinkTransform::Step step = c.stream.Feed(data);
+  const Link::Transformed fed = c.FeedTransformed(data);
   // Handshake answers and alerts leave with the next flush, as sealed data does.
   if (c.stream.Seals()) c.sck->RequestFlush();
-  switch (step) {
+  if (fed.outcome != MessageFeeder::Outcome::Ok) {
+    return CloseWithFault(index, generation, c.TooLong(fed.outcome));
+  }
+  switch (fed.step) {
     case LinkTransform::Step::Wait:
       return;
     case LinkTransform::Step::Pass:
@@ -217,8 +220,11 @@ void LinkTable::OnTransformed(int32_t index, uint64_t generation, std::string_vi
       return;
     }
     case LinkTransform::Step::Data: {
-      const std::string plain = c.stream.TakePlain();
-      if (!plain.empty()) FeedPlain(index, generation, plain);
+      // What the sink did not take (it stops only on a fault) is fed as usual.
+      if (const std::string plain = c.stream.TakePlain(); !plain.empty()) {
+        return FeedPlain(index, generation, plain);
+      }
+      if (fed.fed) AfterFeed(index, generation);
       return;
     }
     case LinkTransform::Step::Failed:
@@ -228,8 +234,10 @@ void LinkTable::OnTransformed(int32_t index, uint64_t generation, std::string_vi
   // A peer may send its last messages and end the session at once: they are still its.
   if (const std::string plain = c.stream.TakePlain(); !plain.empty()) {
     FeedPlain(index, generation, plain);
-    if (c.generation != generation || !IsUp(index)) return;
+  } else if (fed.fed) {
+    AfterFeed(index, generation);
   }
+  if (c.generation != generation || !IsUp(index)) return;
   if (std::string alert = c.stream.TakeOutput(); !alert.empty()) c.sck->SendOwned(std::move(alert));
   CloseRefused(index, "Connection to " + c.Name() + " closed: " + c.stream.Why());
 }

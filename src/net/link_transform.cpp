@@ -30,7 +30,8 @@ LinkTransform LinkTransform::Dialled(const LinkSecurity& security, bool plain) {
     return link;
   }
   link.identity_ = security.identity;
-  link.engine_ = std::make_unique<TlsEngine>(*security.identity, TlsRole::kClient, security.trusted);
+  link.engine_ =
+      std::make_unique<TlsEngine>(*security.identity, TlsRole::kClient, security.trusted);
   link.state_ = State::Handshaking;
   link.fallback_ = security.mode == SecureMode::Prefer && link.plainAllowed_;
   return link;
@@ -47,7 +48,7 @@ LinkTransform LinkTransform::Accepted(const LinkSecurity& security) {
   return link;
 }
 
-LinkTransform::Step LinkTransform::Feed(std::string_view bytes) {
+LinkTransform::Step LinkTransform::Feed(std::string_view bytes, PlainSink* sink) {
   if (bytes.empty()) return Ready() ? Step::Pass : Step::Wait;
   const auto first = static_cast<uint8_t>(bytes[0]);
   switch (state_) {
@@ -55,7 +56,8 @@ LinkTransform::Step LinkTransform::Feed(std::string_view bytes) {
       return Step::Pass;
     case State::PlainFirst:
       state_ = State::Plain;
-      if (LooksLikeTlsClientHello(first)) return Fail("the peer offered TLS, and secureMode is off");
+      if (LooksLikeTlsClientHello(first))
+        return Fail("the peer offered TLS, and secureMode is off");
       return Step::Pass;
     case State::Sniffing:
       if (!LooksLikeTlsClientHello(first)) {
@@ -70,26 +72,31 @@ LinkTransform::Step LinkTransform::Feed(std::string_view bytes) {
       if (!identity_->Valid()) return Fail("this node has no key to show over TLS");
       engine_ = std::make_unique<TlsEngine>(*identity_, TlsRole::kServer, std::move(trusted_));
       state_ = State::Handshaking;
-      return FeedEngine(bytes);
+      return FeedEngine(bytes, nullptr);
     case State::Handshaking:
       if (!sawByte_) {
         sawByte_ = true;
         answered_ = IsTlsRecord(first);
       }
-      return FeedEngine(bytes);
+      // What follows the handshake in these bytes waits in TakePlain: the link is not up yet.
+      return FeedEngine(bytes, nullptr);
     case State::Secure:
-      return FeedEngine(bytes);
+      return FeedEngine(bytes, sink);
     case State::Failed:
       break;
   }
   return Step::Failed;
 }
 
-LinkTransform::Step LinkTransform::FeedEngine(std::string_view bytes) {
-  engine_->FeedCiphertext(bytes);
-  plain_ += engine_->ReadPlain();
+LinkTransform::Step LinkTransform::FeedEngine(std::string_view bytes, PlainSink* sink) {
+  engine_->FeedCiphertext(bytes, sink);
+  if (plain_.empty()) {
+    plain_ = engine_->ReadPlain();
+  } else {
+    plain_ += engine_->ReadPlain();
+  }
   if (engine_->Failed()) return Fail(engine_->Why());
-  if (state_ == State::Handshaking && engine_->HandshakeDone()) {
+  if (state_ == State::Handshaking && engine_->PeerAccepted()) {
     state_ = State::Secure;
     return Step::Up;
   }
@@ -107,21 +114,15 @@ const std::string& LinkTransform::PeerKey() const {
 }
 
 void LinkTransform::Write(std::string_view bytes) {
-  pending_.append(bytes);
+  engine_->WritePlain(bytes);
 }
 
 void LinkTransform::WriteOwned(std::string&& bytes) {
-  if (pending_.empty()) {
-    pending_ = std::move(bytes);  // a large body alone in its batch is not copied
-  } else {
-    pending_.append(bytes);
-  }
+  engine_->WriteOwned(std::move(bytes));
 }
 
 std::string LinkTransform::TakeOutput() {
-  if (!engine_) return {};
-  if (!pending_.empty()) engine_->WriteOwned(std::exchange(pending_, {}));
-  return engine_->TakeCiphertext();
+  return engine_ ? engine_->TakeCiphertext() : std::string();
 }
 
 LinkTransform::Step LinkTransform::Fail(std::string why) {

@@ -20,12 +20,12 @@ class LinkTransform {
  public:
   // What the bytes fed made of the link.
   enum class Step {
-    Pass,    // plaintext: the bytes fed go to the feeder as they are
-    UpPlain, // an accepted link turned out plaintext: it is up, then the bytes fed go on as Pass
-    Wait,    // the handshake goes on: nothing for the feeder
-    Up,      // the handshake is done: the link is up, then TakePlain() goes to the feeder
-    Data,    // TakePlain() goes to the feeder
-    Failed,  // Why() says why the link must close; TakePlain() still holds what came before
+    Pass,     // plaintext: the bytes fed go to the feeder as they are
+    UpPlain,  // an accepted link turned out plaintext: it is up, then the bytes fed go on as Pass
+    Wait,     // the handshake goes on: nothing for the feeder
+    Up,       // the handshake is done: the link is up, then TakePlain() goes to the feeder
+    Data,     // TakePlain() goes to the feeder
+    Failed,   // Why() says why the link must close; TakePlain() still holds what came before
   };
 
   // A plaintext link with nothing to check: the state of an element not in use.
@@ -39,8 +39,9 @@ class LinkTransform {
   // is off, when it is plaintext at once (and refuses a peer that offers TLS).
   static LinkTransform Accepted(const LinkSecurity& security);
 
-  // Takes bytes from the peer; they may be cut anywhere.
-  Step Feed(std::string_view bytes);
+  // Takes bytes from the peer; they may be cut anywhere. Once the link is secure, the
+  // plaintext goes to sink where it takes it (see PlainSink), else to TakePlain().
+  Step Feed(std::string_view bytes, PlainSink* sink = nullptr);
   // No byte came within the handshake time: an accepted link that may be plaintext comes up
   // as one (a classic dialler that does not announce itself says nothing first). False when
   // it must close instead.
@@ -74,15 +75,17 @@ class LinkTransform {
   // What must be sent to the peer now: handshake bytes, the sealed batch, an alert.
   std::string TakeOutput();
   // Plaintext written and not yet sealed.
-  size_t PendingBytes() const { return pending_.size(); }
+  size_t PendingBytes() const { return engine_ ? engine_->PendingBytes() : 0; }
   // Forgets the plaintext not yet sealed and gives its memory back.
-  void DiscardPending() { std::string().swap(pending_); }
+  void DiscardPending() {
+    if (engine_) engine_->DiscardPending();
+  }
 
  private:
   enum class State { Plain, PlainFirst, Sniffing, Handshaking, Secure, Failed };
 
   Step Fail(std::string why);
-  Step FeedEngine(std::string_view bytes);
+  Step FeedEngine(std::string_view bytes, PlainSink* sink);
 
   State state_ = State::Plain;
   std::shared_ptr<const TlsIdentity> identity_;  // keeps the context the engine was made from
@@ -93,7 +96,6 @@ class LinkTransform {
   bool sawByte_ = false;   // the peer sent something
   bool answered_ = false;  // and its first byte started a TLS record
   std::string plain_;
-  std::string pending_;
   std::string why_;
 };
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,6 +22,18 @@ class NodeKey;
 inline bool LooksLikeTlsClientHello(uint8_t firstByte) {
   return firstByte == 0x16;
 }
+
+// Where an engine puts the plaintext it decrypts, when the caller wants it somewhere of its
+// own: Room() offers space (empty: keep the rest for later), Put(n) says n bytes were
+// written there. Neither may call back into the engine.
+class PlainSink {
+ public:
+  virtual std::span<char> Room() = 0;
+  virtual void Put(size_t n) = 0;
+
+ protected:
+  ~PlainSink() = default;
+};
 
 // What a node shows its peers: a self-signed certificate for its node key and the TLS settings
 // every link shares (TLS 1.3 only, both ends show a certificate, ALPN "qel"). Made once per
@@ -56,7 +69,7 @@ enum class TlsRole { kClient, kServer };
 // Once Failed(), the engine takes no more bytes and seals nothing more; ReadPlain still hands
 // over what arrived before, and TakeCiphertext may hold an alert that tells the peer why. A client
 // finishes its handshake before the server has judged the client's certificate, so a client can
-// fail after HandshakeDone().
+// fail after HandshakeDone(); once PeerAccepted(), the server has taken it.
 class TlsEngine {
  public:
   // An engine for identity (which must be Valid()) in the given role. trusted lists the key
@@ -66,21 +79,31 @@ class TlsEngine {
   TlsEngine(const TlsEngine&) = delete;
   TlsEngine& operator=(const TlsEngine&) = delete;
 
-  // Takes bytes received from the peer; they may be cut anywhere.
-  void FeedCiphertext(std::string_view bytes);
+  // Takes bytes received from the peer; they may be cut anywhere. The plaintext they hold goes
+  // to sink, or, without one (or past the room it offers), waits for ReadPlain. The bytes are
+  // read where they are; only a record cut short is copied, to wait for its rest.
+  void FeedCiphertext(std::string_view bytes, PlainSink* sink = nullptr);
   // The bytes to send to the peer now; plaintext written since the last call goes out in as
   // few records as fit (one per 16 KiB), so callers should write a whole batch first.
   std::string TakeCiphertext();
 
   // Queues application bytes; they are sealed by the next TakeCiphertext once the handshake is
-  // done. Dropped once Failed().
+  // done. Small writes are gathered into full records; a large owned piece is sealed where
+  // it is, not copied first. Dropped once Failed().
   void WritePlain(std::string_view bytes);
-  // The same, taking the bytes over: a batch written once is not copied again.
   void WriteOwned(std::string&& bytes);
+  // Application bytes queued and not yet sealed.
+  size_t PendingBytes() const { return pendingBytes_; }
+  // Forgets them and gives their memory back.
+  void DiscardPending();
   // The application bytes received so far, handed over once.
   std::string ReadPlain();
 
   bool HandshakeDone() const { return done_; }
+  // Whether the peer took this end: for a server, once its handshake is done; for a client,
+  // once the server's first message after the handshake (its session ticket, sent only after
+  // it judged the client's certificate) arrived.
+  bool PeerAccepted() const { return done_ && (role_ == TlsRole::kServer || ticketSeen_); }
   bool Failed() const { return !why_.empty(); }
   // Why the session failed or ended, for the link's Error; empty while it has not.
   const std::string& Why() const { return why_; }
@@ -90,7 +113,7 @@ class TlsEngine {
  private:
   friend struct TlsEngineAccess;
 
-  void Advance();
+  void Advance(PlainSink* sink = nullptr);
   void Flush();
   void Fail(std::string why);
   void FailFromLibrary(int result);
@@ -100,10 +123,18 @@ class TlsEngine {
   std::vector<std::string> trusted_;
   std::string ownKeyId_;
   std::string peerKeyId_;
-  std::string pendingPlain_;
+  std::vector<std::string> pendingPlain_;
+  size_t pendingBytes_ = 0;
+  // Ciphertext not yet taken by the library: the bytes of the FeedCiphertext running, and the
+  // start of a record cut short from earlier ones.
+  std::string_view input_;
+  std::string inputLeft_;
+  size_t inputAt_ = 0;
+  std::string output_;  // sealed bytes and handshake messages for the peer
   std::string receivedPlain_;
   std::string why_;
   bool done_ = false;
+  bool ticketSeen_ = false;
   bool sawInput_ = false;
   int alertRead_ = -1;  // the fatal alert the peer sent, for the reason text
 };
