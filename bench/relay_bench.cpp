@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <qel/node.h>
+#include <qel/settings.h>
 
 #include "connection_target.h"
 #include "core/new_id.h"
@@ -66,7 +67,12 @@ std::string RelayBatch(int count) {
 
 void BM_RelayMessage(benchmark::State& state) {
   constexpr int kBatch = 256;  // more than the duplicate cache holds
-  static auto* relay = new qel::ConnectionFuzzer;  // one node for the process
+  // Without the duplicate window, which would drop the same batch the second time.
+  static auto* relay = [] {
+    qel::cSettings settings;
+    settings.SaveSetting("dupWindow", 0);
+    return new qel::ConnectionFuzzer(settings.getXML());  // one node for the process
+  }();
   const std::string batch = RelayBatch(kBatch);
   relay->Receive(batch);  // warm: buffers reach their working size
   size_t counted = 0;

@@ -90,8 +90,8 @@ struct ConnectionFuzzer::Impl {
     std::shared_ptr<std::string> sent = std::make_shared<std::string>();
   };
 
-  Impl() {
-    node.Initialise("fuzz");
+  explicit Impl(const std::string& advancedSettings) {
+    node.Initialise("fuzz", 0, role_Peer, "", "", advancedSettings);
     state = TheModule().Slot(detail::NodeAccess::SlotIndex(node));
     // Fixed, so that inputs can address the node and decrypt for it.
     state->NodeID = kNodeID;
@@ -159,7 +159,8 @@ struct ConnectionFuzzer::Impl {
   cSettings users;
 };
 
-ConnectionFuzzer::ConnectionFuzzer() : impl_(std::make_unique<Impl>()) {}
+ConnectionFuzzer::ConnectionFuzzer(const std::string& advancedSettings)
+    : impl_(std::make_unique<Impl>(advancedSettings)) {}
 
 ConnectionFuzzer::~ConnectionFuzzer() = default;
 

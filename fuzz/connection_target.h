@@ -36,7 +36,8 @@ class ConnectionFuzzer {
   // information, an RPC call to every node) waiting for this ReqID.
   static constexpr const char* kReqID = "FUZZREQ";
 
-  ConnectionFuzzer();
+  // advancedSettings as Initialise takes them (the fuzzers use the defaults).
+  explicit ConnectionFuzzer(const std::string& advancedSettings = "");
   ~ConnectionFuzzer();
   ConnectionFuzzer(const ConnectionFuzzer&) = delete;
   ConnectionFuzzer& operator=(const ConnectionFuzzer&) = delete;
