@@ -4,6 +4,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <mutex>
 #include <thread>
 
@@ -76,15 +77,20 @@ struct KeyFile {
   }
 };
 
-TEST(SecureProcessTest, LineOfRequiringNodesCarriesAMessageNoRelayCanRead) {
+TEST(SecureProcessTest, LineOfRequiringNodesCarriesWhatNoRelayCanRead) {
   KeyFile ka("a"), kb("b"), kc("c");
+  // C shares a file; A fetches it and logs in as a user C made, through B.
+  const std::filesystem::path dir =
+      std::filesystem::path(testing::TempDir()) / ("qel-secure-line-" + std::to_string(getpid()));
+  std::filesystem::create_directories(dir / "share");
+  std::ofstream(dir / "share" / "secret.txt") << "file bytes for a alone";
   NodeProcess b(kb.Args("b", ka.key.ID() + "," + kc.key.ID()));
   const Ready rb = WaitReady(b);
   ASSERT_FALSE(rb.id.empty());
   Relay relay(static_cast<uint16_t>(std::stoi(rb.address.substr(rb.address.rfind(':') + 1))));
 
   std::vector<std::string> argsC = kc.Args("c", kb.key.ID());
-  argsC.insert(argsC.end(), {"--connect", rb.address});
+  argsC.insert(argsC.end(), {"--connect", rb.address, "--share", (dir / "share").string()});
   NodeProcess c(argsC);
   std::vector<std::string> argsA = ka.Args("a", kb.key.ID());
   argsA.insert(argsA.end(), {"--connect", "127.0.0.1:" + std::to_string(relay.Port())});
@@ -99,13 +105,24 @@ TEST(SecureProcessTest, LineOfRequiringNodesCarriesAMessageNoRelayCanRead) {
 
   EXPECT_EQ(a.Command("send " + rc.id + " words for c alone")["ok"], true);
   EXPECT_EQ(c.WaitEvent("MessageReceived", MessageIs("words for c alone"))["nodeID"], ra.id);
+  const std::string fetched = (dir / "fetched.txt").string();
+  a.Send("get " + rc.id + " \\secret.txt " + fetched);
+  const json got = a.WaitFor([](const json& l) { return l.value("command", "") == "get"; });
+  EXPECT_EQ(got["ok"], true) << got;
+  std::ifstream in(fetched);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "file bytes for a alone");
+  EXPECT_EQ(c.Command("user-set alice pass-for-alice")["ok"], true);
+  EXPECT_EQ(a.Command("login alice pass-for-alice")["value"], true);
 
   const std::string wire = relay.Seen();
   ASSERT_FALSE(wire.empty());
   EXPECT_EQ(wire[0], '\x16');
-  EXPECT_EQ(wire.find("words for c"), std::string::npos);
+  for (const char* text : {"words for c", "file bytes", "secret.txt", "pass-for-alice", "alice"}) {
+    EXPECT_EQ(wire.find(text), std::string::npos) << text;
+  }
   EXPECT_EQ(wire.find("INFO"), std::string::npos);
   EXPECT_EQ(wire.find(ra.id), std::string::npos);
+  std::filesystem::remove_all(dir);
 }
 
 }  // namespace
