@@ -88,6 +88,9 @@ MessageFeeder::Outcome Link::Feed(std::string_view plain) {
 }
 
 Link::Transformed Link::FeedTransformed(std::string_view bytes) {
+  // Only a secure link's plaintext goes to a sink; the first bytes of a plaintext link and
+  // a handshake need none (nor its buffer on the stack).
+  if (!stream.Secure()) return {stream.Feed(bytes)};
   // Offers the body's room while a body is being read, a buffer on the stack otherwise.
   class Sink final : public PlainSink {
    public:
