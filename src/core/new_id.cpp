@@ -29,32 +29,41 @@ class RandomPool {
 
 constexpr char kHex[] = "0123456789ABCDEF";
 
-void AppendPadded(std::string& out, uint32_t value, int width) {
-  for (int shift = (width - 1) * 4; shift >= 0; shift -= 4)
-    out.push_back(kHex[(value >> shift) & 15]);
-}
+// Each byte's two hex digits, looked up instead of computed: an identifier is made for every
+// message sent.
+struct HexPairs {
+  char pair[256][2];
+  constexpr HexPairs() : pair() {
+    for (int b = 0; b < 256; ++b) {
+      pair[b][0] = kHex[b >> 4];
+      pair[b][1] = kHex[b & 15];
+    }
+  }
+};
+constexpr HexPairs kPairs;
 
 }  // namespace
 
 std::string FormatID(const std::array<uint8_t, 16>& g) {
-  std::string id;
-  id.reserve(32);
-  AppendPadded(id, (uint32_t{g[0]} << 24) | (uint32_t{g[1]} << 16) | (uint32_t{g[2]} << 8) | g[3],
-               8);
-  AppendPadded(id, (uint32_t{g[4]} << 8) | g[5], 4);
-  AppendPadded(id, (uint32_t{g[6]} << 8) | g[7], 4);
+  char text[32];
+  size_t n = 0;
+  // Data1 to Data3 padded to 8, 4 and 4 digits: the first eight bytes in full.
+  for (int i = 0; i < 8; ++i) {
+    text[n++] = kPairs.pair[g[i]][0];
+    text[n++] = kPairs.pair[g[i]][1];
+  }
   for (int i = 8; i < 16; ++i) {
-    uint8_t b = g[i];
+    const uint8_t b = g[i];
+    // A lone hex letter is not numeric, so the "00" display format left it unpadded; other
+    // nodes' identifiers have this shape.
     if (b >= 10 && b <= 15) {
-      // A lone hex letter is not numeric, so the "00" display format left it
-      // unpadded; other nodes' identifiers have this shape.
-      id.push_back(kHex[b]);
+      text[n++] = kHex[b];
     } else {
-      id.push_back(kHex[b >> 4]);
-      id.push_back(kHex[b & 15]);
+      text[n++] = kPairs.pair[b][0];
+      text[n++] = kPairs.pair[b][1];
     }
   }
-  return id;
+  return std::string(text, n);
 }
 
 std::string NewID() {

@@ -2,10 +2,9 @@
 
 namespace qel {
 
-bool DupWindow::Note(std::string_view id, int64_t now) {
+bool DupWindow::Note(const IDKey& key, int64_t now) {
   ids_.Expire(now);
   if (!ids_.Holding()) return false;
-  const IDKey key = KeyOf(id);
   if (ids_.Find(key)) return true;
   ids_.Add(key, now);
   return false;

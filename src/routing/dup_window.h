@@ -26,7 +26,9 @@ class DupWindow {
 
   // Whether id was noted within the span before now (ms, non-decreasing
   // between calls); if not, it is held from now on.
-  bool Note(std::string_view id, int64_t now);
+  bool Note(std::string_view id, int64_t now) { return Note(KeyOf(id), now); }
+  // The same with the ID's key already made (KeyOf).
+  bool Note(const IDKey& key, int64_t now);
 
   size_t Size() const { return ids_.Size(); }
   // IDs the cap pushed out before their span had passed.

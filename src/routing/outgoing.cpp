@@ -117,9 +117,10 @@ void TransmitText(RoutingNode& node, Text&& text, LinkId fromConn, LinkId viaCon
 // Both lists, so that a copy still circling is dropped however many others
 // passed meanwhile: the packetCache list alone forgets it after that many.
 bool NoteSeen(RoutingNode& node, std::string_view id) {
-  if (node.SeenIDs.Contains(id)) return true;
-  if (node.RecentIDs.Note(id, TickCount())) return true;
-  node.SeenIDs.Add(id);
+  const IDKey key = KeyOf(id);  // hashed once for both memories
+  if (node.SeenIDs.Contains(id, key)) return true;
+  if (node.RecentIDs.Note(key, TickCount())) return true;
+  node.SeenIDs.Add(key);
   return false;
 }
 

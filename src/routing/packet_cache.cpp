@@ -12,16 +12,15 @@ PacketCache::PacketCache(int32_t capacity) : capacity_(std::max(capacity, 0)) {
   held_.Reserve(reserve);
 }
 
-bool PacketCache::Contains(std::string_view id) const {
+bool PacketCache::Contains(std::string_view id, const IDKey& key) const {
   // Positions not filled yet hold the empty ID, so a message without one
   // counts as seen until the window is full.
   if (id.empty() && ring_.size() < static_cast<size_t>(capacity_)) return true;
-  return held_.Contains(KeyOf(id));
+  return held_.Contains(key);
 }
 
-void PacketCache::Add(std::string_view id) {
+void PacketCache::Add(const IDKey& key) {
   if (capacity_ == 0) return;
-  const IDKey key = KeyOf(id);
   held_.Add(key);
   if (ring_.size() < static_cast<size_t>(capacity_)) {
     ring_.push_back(key);

@@ -26,12 +26,15 @@ class PacketCache {
 
   // Whether id is among the IDs held; the empty ID also while fewer than
   // Capacity() IDs were added, as the unfilled positions hold it.
-  bool Contains(std::string_view id) const;
+  bool Contains(std::string_view id) const { return Contains(id, KeyOf(id)); }
+  // The same with id's key already made (KeyOf), so a message is hashed once.
+  bool Contains(std::string_view id, const IDKey& key) const;
 
   // Adds id as the newest; once more than Capacity() are held the oldest
   // falls out. The same ID may be held more than once; it stays contained
   // until its last copy falls out.
-  void Add(std::string_view id);
+  void Add(std::string_view id) { Add(KeyOf(id)); }
+  void Add(const IDKey& key);
 
   int32_t Capacity() const { return capacity_; }
 
