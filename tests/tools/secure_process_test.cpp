@@ -112,6 +112,8 @@ TEST(SecureProcessTest, LineOfRequiringNodesCarriesWhatNoRelayCanRead) {
   std::ifstream in(fetched);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "file bytes for a alone");
   EXPECT_EQ(c.Command("user-set alice pass-for-alice")["ok"], true);
+  // C's answer comes back the way its update went: B and A know alice by then.
+  EXPECT_EQ(a.Command("ping " + rc.id + " 10000")["ok"], true);
   EXPECT_EQ(a.Command("login alice pass-for-alice")["value"], true);
 
   const std::string wire = relay.Seen();
