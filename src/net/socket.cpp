@@ -38,10 +38,9 @@ ReadBuffer& TheReadBuffer() {
   return *buffer;
 }
 
-// Small messages share output pieces of this capacity; a larger message is a
-// piece of its own. A piece is reserved whole when it is made, so appending
-// never reallocates it.
-constexpr size_t kPieceBytes = 64 * 1024;
+// Small messages share output pieces of up to this capacity; a larger
+// message is a piece of its own.
+constexpr size_t kPieceBytes = 16 * 1024;
 // Pieces written out wait here for the next socket that queues: a busy link
 // reuses the same few instead of growing, freeing and faulting in new ones
 // every write, and a socket holds a piece only while its bytes wait for the
@@ -55,13 +54,8 @@ std::vector<std::string>& FreePieces() {
 
 std::string TakePiece() {
   std::vector<std::string>& free = FreePieces();
-  std::string piece;
-  if (free.empty()) {
-    piece.reserve(kPieceBytes);
-  } else {
-    piece = std::move(free.back());
-    free.pop_back();
-  }
+  std::string piece = std::move(free.back());
+  free.pop_back();
   return piece;
 }
 
@@ -181,14 +175,26 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   }
 
   void Queue(std::string_view data) {
-    if (!outgoing.empty() && outgoing.back().capacity() == kPieceBytes &&
-        outgoing.back().size() + data.size() <= kPieceBytes) {
-      outgoing.back().append(data);
-    } else if (data.size() <= kPieceBytes) {
+    std::string* back = outgoing.empty() ? nullptr : &outgoing.back();
+    if (data.size() > kPieceBytes) {
+      outgoing.emplace_back(data);
+    } else if (back && back->size() + data.size() <= back->capacity()) {
+      back->append(data);  // fits: never reallocates
+    } else if (back && back->capacity() < kPieceBytes && back->size() + data.size() <= kPieceBytes) {
+      // Made while no piece was free: it grows, up to a whole piece, and
+      // once written joins the free list. Built anew, as reserve() would
+      // overshoot the whole piece's size.
+      std::string grown;
+      grown.reserve(std::min(kPieceBytes, std::max(2 * back->capacity(), back->size() + data.size())));
+      grown.append(*back).append(data);
+      *back = std::move(grown);
+    } else if (FreePieces().empty()) {
+      // No piece free: take only the message's size, so that many links
+      // that each send a little do not each make a whole piece.
+      outgoing.emplace_back(data);
+    } else {
       outgoing.push_back(TakePiece());
       outgoing.back().assign(data);
-    } else {
-      outgoing.emplace_back(data);
     }
     queuedBytes += data.size();
   }
