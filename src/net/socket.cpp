@@ -38,6 +38,35 @@ ReadBuffer& TheReadBuffer() {
   return *buffer;
 }
 
+// Small messages share output pieces of up to this capacity; a larger
+// message is a piece of its own.
+constexpr size_t kPieceBytes = 16 * 1024;
+// Pieces written out wait here for the next socket that queues: a busy link
+// reuses the same few instead of growing, freeing and faulting in new ones
+// every write, and a socket holds a piece only while its bytes wait for the
+// kernel. The cap bounds what the process keeps once every link is idle.
+constexpr size_t kFreePieces = 8;
+
+std::vector<std::string>& FreePieces() {
+  static auto* pieces = new std::vector<std::string>;  // sockets outlive static destruction
+  return *pieces;
+}
+
+std::string TakePiece() {
+  std::vector<std::string>& free = FreePieces();
+  std::string piece = std::move(free.back());
+  free.pop_back();
+  return piece;
+}
+
+void GivePiece(std::string&& piece) {
+  std::vector<std::string>& free = FreePieces();
+  // A message that was a piece of its own is freed.
+  if (piece.capacity() != kPieceBytes || free.size() >= kFreePieces) return;
+  piece.clear();
+  free.push_back(std::move(piece));
+}
+
 }  // namespace
 
 struct Socket::Impl : std::enable_shared_from_this<Impl> {
@@ -145,34 +174,42 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     if (state == SocketState::Connected) StartReading();
   }
 
-  // Small messages share pieces of up to this size; a larger one is a piece
-  // of its own. A queue of pieces never reallocates what it holds, so a long
-  // queue costs its bytes and not twice them while it grows.
-  static constexpr size_t kPieceBytes = 256 * 1024;
-
   void Queue(std::string_view data) {
-    if (!outgoing.empty() && outgoing.back().size() + data.size() <= kPieceBytes) {
-      outgoing.back().append(data);
-    } else if (data.size() <= kPieceBytes && spare.capacity() > 0) {
-      // The first piece of the last write, kept so that a stream of small
-      // messages does not allocate and grow a piece every turn.
-      outgoing.push_back(std::exchange(spare, std::string()));
-      outgoing.back().assign(data);
-    } else {
+    std::string* back = outgoing.empty() ? nullptr : &outgoing.back();
+    if (data.size() > kPieceBytes) {
       outgoing.emplace_back(data);
+    } else if (back && back->size() + data.size() <= back->capacity()) {
+      back->append(data);  // fits: never reallocates
+    } else if (back && back->capacity() < kPieceBytes && back->size() + data.size() <= kPieceBytes) {
+      // Made while no piece was free: it grows, up to a whole piece, and
+      // once written joins the free list. Built anew, as reserve() would
+      // overshoot the whole piece's size.
+      std::string grown;
+      grown.reserve(std::min(kPieceBytes, std::max(2 * back->capacity(), back->size() + data.size())));
+      grown.append(*back).append(data);
+      *back = std::move(grown);
+    } else if (FreePieces().empty()) {
+      // No piece free: take only the message's size, so that many links
+      // that each send a little do not each make a whole piece.
+      outgoing.emplace_back(data);
+    } else {
+      outgoing.push_back(TakePiece());
+      outgoing.back().assign(data);
     }
     queuedBytes += data.size();
+  }
+
+  // Gives every piece back; a closed or drained socket holds none.
+  static void GiveBack(std::deque<std::string>& pieces) {
+    for (std::string& piece : pieces) GivePiece(std::move(piece));
+    std::deque<std::string>().swap(pieces);
   }
 
   void ScheduleFlush() {
     if (inMemory && !outgoing.empty()) {
       for (const std::string& piece : outgoing) inMemory->append(piece);
       const size_t n = queuedBytes;
-      if (outgoing.front().capacity() <= 2 * kPieceBytes) {
-        spare = std::move(outgoing.front());
-        spare.clear();
-      }
-      outgoing.clear();
+      GiveBack(outgoing);
       queuedBytes = 0;
       if (!memoryPeer.expired()) DeliverLater();
       if (auto h = handlers.onSent) h(n);
@@ -201,10 +238,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
         return;
       }
       n -= front.size();
-      if (spare.capacity() == 0 && front.capacity() <= 2 * kPieceBytes) {
-        spare = std::move(front);
-        spare.clear();
-      }
+      GivePiece(std::move(front));
       outgoing.pop_front();
     }
   }
@@ -225,7 +259,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
           socket.write_some(std::span<const asio::const_buffer>(pieces.data(), count), ec);
       if (ec && ec != asio::error::would_block && ec != asio::error::try_again) {
         // Reads report the break; what was queued is lost with the link.
-        std::deque<std::string>().swap(outgoing);
+        GiveBack(outgoing);
         queuedBytes = 0;
         return;
       }
@@ -252,11 +286,8 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
           if (gen != self->generation) return;
           self->writing = false;
           self->inflightBytes = 0;
+          GiveBack(*batch);
           if (ec || self->state != SocketState::Connected) return;  // reads report the break
-          if (batch->front().capacity() <= 2 * kPieceBytes) {
-            self->spare = std::move(batch->front());
-            self->spare.clear();
-          }
           if (auto h = self->handlers.onSent) h(n);
           self->WriteQueued();
         });
@@ -315,8 +346,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
       }
     }
     // Released, not cleared: a closed socket holds no memory.
-    std::deque<std::string>().swap(outgoing);
-    std::string().swap(spare);
+    GiveBack(outgoing);
     queuedBytes = 0;
     inMemory.reset();
     socket.shutdown(tcp::socket::shutdown_both, ignored);
@@ -332,8 +362,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   uint64_t lease = 0;   // the shared read buffer's lease of the running data handler
   size_t ownBytes = 0;  // read buffers of its own, held while handlers run
   bool paused = false;
-  std::deque<std::string> outgoing;
-  std::string spare;
+  std::deque<std::string> outgoing;  // pieces, most of them from FreePieces
   size_t queuedBytes = 0;
   size_t inflightBytes = 0;
   bool writing = false;
@@ -444,7 +473,7 @@ void Socket::Send(std::span<const std::string_view> pieces) {
 }
 
 void Socket::SendOwned(std::string&& data) {
-  if (data.size() < Impl::kPieceBytes) return Send(std::string_view(data));
+  if (data.size() < kPieceBytes) return Send(std::string_view(data));
   impl_->queuedBytes += data.size();
   impl_->outgoing.push_back(std::move(data));
   impl_->ScheduleFlush();
@@ -464,7 +493,7 @@ void Socket::RequestFlush() {
 }
 
 void Socket::DiscardQueued() {
-  std::deque<std::string>().swap(impl_->outgoing);
+  Impl::GiveBack(impl_->outgoing);
   impl_->queuedBytes = 0;
 }
 
@@ -473,7 +502,7 @@ size_t Socket::QueuedBytes() const {
 }
 
 size_t Socket::BufferBytes() const {
-  return QueuedBytes() + impl_->spare.capacity() + impl_->ownBytes;
+  return QueuedBytes() + impl_->ownBytes;
 }
 
 void Socket::Close() {
