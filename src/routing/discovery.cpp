@@ -66,7 +66,7 @@ constexpr int32_t kKnownNodeLimit = 20;
 
 void RememberKnownNode(const NodeEntry& entry) {
   auto& list = KnownNodes();
-  if (int32_t found = FindKnownNode(entry.ID); found >= 0) {
+  if (int32_t found = FindKnownNode(entry.ID()); found >= 0) {
     list[found] = entry;
   } else if (static_cast<int32_t>(list.size()) - 1 >= kKnownNodeLimit) {
     list.erase(list.begin());
@@ -118,14 +118,14 @@ int32_t FindKnownNode(const std::string& id) {
   if (id.empty()) return -1;
   const auto& list = KnownNodes();
   for (size_t i = 0; i < list.size(); ++i) {
-    if (list[i].ID == id) return static_cast<int32_t>(i);
+    if (list[i].ID() == id) return static_cast<int32_t>(i);
   }
   return -1;
 }
 
 std::string KnownKey(const RoutingNode& node, const std::string& nodeID) {
   int32_t found = FindCachedNode(node, nodeID);
-  return found >= 0 ? node.NodeCache[found].EncryptionKey : std::string();
+  return found >= 0 ? node.NodeCache[found].EncryptionKey() : std::string();
 }
 
 namespace {
@@ -178,10 +178,10 @@ std::string ResolveAddress(RoutingNode& node, const std::string& nodeID) {
 
 std::string KnownAddress(const RoutingNode& node, const std::string& nodeID) {
   if (int32_t cached = FindCachedNode(node, nodeID); cached >= 0) {
-    return node.NodeCache[cached].Address;
+    return node.NodeCache[cached].Address();
   }
   int32_t known = FindKnownNode(nodeID);
-  return known >= 0 ? KnownNodes()[known].Address : std::string();
+  return known >= 0 ? KnownNodes()[known].Address() : std::string();
 }
 
 int32_t PingNode(RoutingNode& node, const std::string& nodeID, int32_t timeoutMs) {
@@ -193,16 +193,17 @@ int32_t PingNode(RoutingNode& node, const std::string& nodeID, int32_t timeoutMs
     throw QelError(errors::kNotInitialised, "Ping", "Cannot ping unresolved node");
   }
   std::string reqID = NewID();
-  NodeEntry& entry = node.NodeCache[index];
-  entry.PingReqID = reqID;
-  entry.PingStart = TickCount();
-  entry.PingTime = -1;
+  NodeEntry::Ping& ping = node.NodeCache[index].StartPing();
+  ping.ReqID = reqID;
+  ping.Start = TickCount();
+  ping.Time = -1;
   SendWithReqID(node, "PING", nodeID, reqID);
   // The cache may be emptied or grow while the loop runs: look the node up
   // again each time.
   auto answered = [&]() -> int32_t {
     int32_t i = FindCachedNode(node, nodeID);
-    return i >= 0 && node.NodeCache[i].PingReqID == reqID ? node.NodeCache[i].PingTime : -1;
+    const NodeEntry::Ping* ping = i >= 0 ? node.NodeCache[i].LastPing() : nullptr;
+    return ping && ping->ReqID == reqID ? ping->Time : -1;
   };
   const int64_t left = std::max<int64_t>(0, timeoutMs - (TickCount() - start));
   RunUntil([&] { return answered() != -1; }, static_cast<int32_t>(left));
@@ -253,13 +254,14 @@ void OnInfo(RoutingNode& node, const typMessage& message, LinkId conn) {
     // What was read stays; unreadable values come back empty.
   }
   NodeEntry& entry = node.NodeCache[index];
-  entry.ID = sender;
+  NodeStrings strings;
+  strings.ID = sender;
   // What a node needs to reach and read the other first, what it shows last.
-  entry.Address = room.Take(ReadText(body, "Address"));
-  entry.EncryptionKey = room.Take(ReadText(body, "Encryption-Key"));
-  entry.Name = room.Take(ReadText(body, "Name"));
-  entry.activeUser = room.Take(ReadText(body, "Active-User"));
-  entry.Descriptor = room.Take(ReadText(body, "Descriptor"));
+  strings.Address = room.Take(ReadText(body, "Address"));
+  strings.EncryptionKey = room.Take(ReadText(body, "Encryption-Key"));
+  strings.Name = room.Take(ReadText(body, "Name"));
+  strings.activeUser = room.Take(ReadText(body, "Active-User"));
+  strings.Descriptor = room.Take(ReadText(body, "Descriptor"));
   try {
     entry.Role = static_cast<enmRole>(Variant(ReadText(body, "Role")).toInt32());
   } catch (...) {
@@ -276,8 +278,8 @@ void OnInfo(RoutingNode& node, const typMessage& message, LinkId conn) {
     // A neighbour is recorded under the address it is actually reached at,
     // with the port it advertises.
     std::string port;
-    if (size_t colon = entry.Address.rfind(':'); colon != std::string::npos) {
-      port = entry.Address.substr(colon + 1);
+    if (size_t colon = strings.Address.rfind(':'); colon != std::string::npos) {
+      port = strings.Address.substr(colon + 1);
     }
     // A peer that advertises no usable port keeps the name its link had,
     // so its close never names an address without a port.
@@ -286,9 +288,10 @@ void OnInfo(RoutingNode& node, const typMessage& message, LinkId conn) {
         std::all_of(port.begin(), port.end(), [](char ch) { return ch >= '0' && ch <= '9'; });
     if (!usable) port.clear();
     if (std::string address = links::SetPeerNode(conn, sender, port); !address.empty()) {
-      entry.Address = std::move(address);
+      strings.Address = std::move(address);
     }
   }
+  entry.SetStrings(std::move(strings));
   RememberKnownNode(entry);
   if (room.cut) {
     ReportRefusal(node, Refusal::NodeCache,
@@ -306,8 +309,9 @@ void OnPong(RoutingNode& node, const typMessage& message) {
   int32_t index = FindCachedNode(node, GetSingleField(message.Fields, "Source"));
   if (index < 0) return;
   NodeEntry& entry = node.NodeCache[index];
-  if (GetSingleField(message.Fields, "ReqID") == entry.PingReqID) {
-    entry.PingTime = static_cast<int32_t>(TickCount() - entry.PingStart);
+  if (entry.LastPing() && GetSingleField(message.Fields, "ReqID") == entry.LastPing()->ReqID) {
+    NodeEntry::Ping& ping = entry.StartPing();
+    ping.Time = static_cast<int32_t>(TickCount() - ping.Start);
   }
 }
 

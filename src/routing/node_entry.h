@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -12,27 +13,62 @@
 
 namespace qel {
 
-struct NodeEntry {
+// The values a node announces about itself.
+struct NodeStrings {
   std::string ID;
   std::string Name;
-  enmRole Role = role_Peer;
   std::string Descriptor;
-  bool directConn = false;
   std::string Address;
-  bool sharingFiles = false;
   std::string activeUser;
   std::string EncryptionKey;
-  // The last ping sent to the node.
-  std::string PingReqID;
-  int64_t PingStart = 0;
-  int32_t PingTime = -1;
+};
+
+class NodeEntry {
+ public:
+  NodeEntry();
+
+  const std::string& ID() const { return strings_->ID; }
+  const std::string& Name() const { return strings_->Name; }
+  const std::string& Descriptor() const { return strings_->Descriptor; }
+  const std::string& Address() const { return strings_->Address; }
+  const std::string& activeUser() const { return strings_->activeUser; }
+  const std::string& EncryptionKey() const { return strings_->EncryptionKey; }
+  const NodeStrings& Strings() const { return *strings_; }
+  // Every node in a process keeps an entry for each node it heard of, and
+  // those entries hold the same values: one copy of them serves them all.
+  void SetStrings(NodeStrings strings);
+
+  enmRole Role = role_Peer;
+  bool directConn = false;
+  bool sharingFiles = false;
   // Which INFO of the node's (counted by the node that keeps the table) this
   // entry holds, so a question can tell an answer to it from an older one.
   uint64_t InfoSerial = 0;
 
-  typNodeInfo ToNodeInfo() const {
-    return {ID, Name, Role, Descriptor, directConn, Address, sharingFiles, activeUser};
+  // The last ping sent to the node; most entries are never pinged.
+  struct Ping {
+    std::string ReqID;
+    int64_t Start = 0;
+    int32_t Time = -1;
+  };
+  const Ping* LastPing() const { return ping_.get(); }
+  Ping& StartPing() {
+    if (!ping_) ping_ = std::make_unique<Ping>();
+    return *ping_;
   }
+
+  NodeEntry(const NodeEntry& other);
+  NodeEntry& operator=(const NodeEntry& other);
+  NodeEntry(NodeEntry&&) noexcept = default;
+  NodeEntry& operator=(NodeEntry&&) noexcept = default;
+
+  typNodeInfo ToNodeInfo() const {
+    return {ID(), Name(), Role, Descriptor(), directConn, Address(), sharingFiles, activeUser()};
+  }
+
+ private:
+  std::shared_ptr<const NodeStrings> strings_;
+  std::unique_ptr<Ping> ping_;
 };
 
 // A node's answers, in the order they first came; position 0 is unused.
@@ -60,12 +96,12 @@ class NodeTable {
 
  private:
   std::deque<NodeEntry> entries_;
-  // ID -> serial number of its entry; position = serial - dropped_ + 1.
-  // Keys rather than copies of the IDs: a node keeps an entry for every
-  // node whose announcement reached it.
-  KeyTable<uint64_t> index_;
-  uint64_t added_ = 0;
-  uint64_t dropped_ = 0;
+  // ID -> serial number of its entry, modulo 2^32 (the table holds far fewer
+  // entries); position = serial - dropped_ + 1. Keys rather than copies of
+  // the IDs: a node keeps an entry for every node whose announcement reached it.
+  KeyTable<uint32_t> index_;
+  uint32_t added_ = 0;
+  uint32_t dropped_ = 0;
 };
 
 }  // namespace qel

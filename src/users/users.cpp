@@ -36,7 +36,7 @@ void OnUpdateUser(RoutingNode& node, UserState& users, const typMessage& message
     const int32_t at = FindCachedNode(node, source);
     if (at < 0) throw QelError(errors::kSubscriptOutOfRange, "UPDATEUSER", "Subscript out of range");
     try {
-      SetUser(users.List, name, password, node.NodeCache[at].Name);
+      SetUser(users.List, name, password, node.NodeCache[at].Name());
     } catch (const QelError& fault) {
       if (fault.Number != errors::kOverflow) throw;
       ReportRefusal(node, Refusal::UserValues, UserCapsText("UPDATEUSER"), source);

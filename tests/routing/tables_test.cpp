@@ -35,12 +35,12 @@ TEST(NodeTableTest, KeepsOrderDropsTheOldestAndNeverFindsEmptyIds) {
   for (size_t n = 1000; n < total; ++n) {
     const int32_t at = table.Find(Id(n));
     ASSERT_EQ(at, static_cast<int32_t>(n - 1000 + 1));
-    ASSERT_EQ(table[at].ID, Id(n));
+    ASSERT_EQ(table[at].ID(), Id(n));
   }
   // A known ID keeps its place; an entry found again is the same one.
-  table[table.Find(Id(2000))].Name = "kept";
+  table[table.Find(Id(2000))].SetStrings({.ID = Id(2000), .Name = "kept"});
   EXPECT_EQ(table.FindOrAdd(Id(2000)), 1001);
-  EXPECT_EQ(table[1001].Name, "kept");
+  EXPECT_EQ(table[1001].Name(), "kept");
 
   table.Clear();
   EXPECT_EQ(table.size(), 1u);
@@ -72,12 +72,12 @@ TEST(DiscoveryTest, InfoValuesAreCutToWhatTheCacheKeeps) {
   OnInfo(*node, info, {});
   ASSERT_EQ(node->NodeCache.size(), 2u);
   const NodeEntry& entry = node->NodeCache[1];
-  EXPECT_EQ(entry.ID, source);
-  EXPECT_EQ(node->NodeCache.Find(entry.ID), 1);
+  EXPECT_EQ(entry.ID(), source);
+  EXPECT_EQ(node->NodeCache.Find(entry.ID()), 1);
   // The address comes first; the cut gives the memory back.
-  EXPECT_EQ(entry.Address.size(), kCap - source.size());
-  EXPECT_LT(entry.Address.capacity(), 2 * kCap);
-  EXPECT_EQ(entry.EncryptionKey + entry.Name + entry.activeUser + entry.Descriptor, "");
+  EXPECT_EQ(entry.Address().size(), kCap - source.size());
+  EXPECT_LT(entry.Address().capacity(), 2 * kCap);
+  EXPECT_EQ(entry.EncryptionKey() + entry.Name() + entry.activeUser() + entry.Descriptor(), "");
   EXPECT_EQ(TheStats().Refusals[static_cast<size_t>(Refusal::NodeCache)], refused + 1);
 }
 

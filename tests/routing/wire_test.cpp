@@ -118,7 +118,8 @@ TEST(WireTest, BodiesAreEncryptedThenCompressedAndResourcesEscaped) {
 
   // A destination whose key is known gets the body encrypted with that key.
   node->useComp = node->confirmMode = false;
-  node->NodeCache[node->NodeCache.FindOrAdd(kPeer)].EncryptionKey = "PEERKEY";
+  node->NodeCache[node->NodeCache.FindOrAdd(kPeer)].SetStrings(
+      {.ID = kPeer, .EncryptionKey = "PEERKEY"});
   typMessage keyed = Chat("hello");
   text = Stamped(*node, keyed);
   EXPECT_EQ(text, Header("MSG ", kPeer, "", "Flags: KE,\r\nContent-Length: 5\r\n") + keyed.Body);
