@@ -270,25 +270,13 @@ size_t PendingHashJobs() {
 
 void RegisterFileHandlers(Dispatcher& handlers, FileSharing& files, FetchTable& fetches,
                           TransferHost& host, const int32_t& packetBytes) {
-  handlers.Register("GETCONTENTS",
-                    [&files](RoutingNode& node, typMessage& message, const Arrival& from) {
-                      OnGetContents(node, files, message, from.source);
-                    });
+  handlers.Register("GETCONTENTS", files, OnGetContents);
   handlers.Register("CONTENTS", [&files](RoutingNode&, typMessage& message, const Arrival&) {
     OnContents(files, message);
   });
-  handlers.Register("SEARCH",
-                    [&files](RoutingNode& node, typMessage& message, const Arrival& from) {
-                      OnSearch(node, files, message, from.source);
-                    });
-  handlers.Register("SEARCHMATCH",
-                    [&files](RoutingNode& node, typMessage& message, const Arrival& from) {
-                      OnSearchMatch(node, files, message, from.source);
-                    });
-  handlers.Register("GETFILEINFO",
-                    [&files](RoutingNode& node, typMessage& message, const Arrival& from) {
-                      OnGetFileInfo(node, files, message, from.source);
-                    });
+  handlers.Register("SEARCH", files, OnSearch);
+  handlers.Register("SEARCHMATCH", files, OnSearchMatch);
+  handlers.Register("GETFILEINFO", files, OnGetFileInfo);
   // A fetch's answers are the fetch's; any other goes to the question slots.
   handlers.Register("FILEINFO",
                     [&files, &fetches](RoutingNode&, typMessage& message, const Arrival& from) {

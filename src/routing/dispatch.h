@@ -37,6 +37,14 @@ class Dispatcher {
   // owners for one type is a wiring fault, and the later must not silently
   // win), or is empty or longer than 65535 bytes.
   void Register(std::string_view type, MessageHandler handler);
+  // The same for the form most subsystems' handlers take: fn(node, state, message, source),
+  // state being what the subsystem keeps for this node.
+  template <typename State, typename Fn>
+  void Register(std::string_view type, State& state, Fn fn) {
+    Register(type, [&state, fn](RoutingNode& node, typMessage& message, const Arrival& from) {
+      fn(node, state, message, from.source);
+    });
+  }
 
   // The handler for type, or null. Allocates nothing: it runs for every
   // message this node takes.

@@ -55,7 +55,7 @@ struct Added {
 // Older calls of any binding make room for the call; the caller reports
 // them once it no longer needs the bindings, as reporting may run the loop.
 Added AddPendingCall(RoutingNode& node, RpcBindings& bindings, const std::string& name,
-                       const std::string& nodeID, const std::string& reqID, enmRPCType type) {
+                     const std::string& nodeID, const std::string& reqID, enmRPCType type) {
   const int32_t at = FindBinding(bindings, name, type);
   if (at < 0) return {};
   RpcBinding& binding = bindings[at];
@@ -158,8 +158,7 @@ int32_t FindBinding(const RpcBindings& bindings, const std::string& name, enmRPC
   return -1;
 }
 
-std::shared_ptr<cQELRPC> BindRpc(RpcBindings& bindings, const std::string& name,
-                                 enmRPCType type) {
+std::shared_ptr<cQELRPC> BindRpc(RpcBindings& bindings, const std::string& name, enmRPCType type) {
   auto handle = std::make_shared<cQELRPC>();
   bindings.push_back({name, type, handle, {}, 0});
   return handle;
@@ -205,14 +204,8 @@ void ReturnRemoteProc(RoutingNode& node, RpcBindings& bindings, const std::strin
 }
 
 void RegisterRpcHandlers(Dispatcher& handlers, RpcBindings& bindings) {
-  handlers.Register("RPC",
-                    [&bindings](RoutingNode& node, typMessage& message, const Arrival& from) {
-                      OnRpc(node, bindings, message, from.source);
-                    });
-  handlers.Register("RPCRETURN",
-                    [&bindings](RoutingNode& node, typMessage& message, const Arrival& from) {
-                      OnRpcReturn(node, bindings, message, from.source);
-                    });
+  handlers.Register("RPC", bindings, OnRpc);
+  handlers.Register("RPCRETURN", bindings, OnRpcReturn);
 }
 
 typMessage MakeRpc(const std::string& nodeID, const std::string& name, const std::string& reqID,

@@ -34,7 +34,8 @@ void OnUpdateUser(RoutingNode& node, UserState& users, const typMessage& message
     // The record names the node that set it, so only a node this one has
     // information on may set a user here.
     const int32_t at = FindCachedNode(node, source);
-    if (at < 0) throw QelError(errors::kSubscriptOutOfRange, "UPDATEUSER", "Subscript out of range");
+    if (at < 0)
+      throw QelError(errors::kSubscriptOutOfRange, "UPDATEUSER", "Subscript out of range");
     try {
       SetUser(users.List, name, password, node.NodeCache[at].Name());
     } catch (const QelError& fault) {
@@ -85,21 +86,13 @@ void OnLogin(RoutingNode& node, UserState& users, const typMessage& message,
 }  // namespace
 
 void RegisterUserHandlers(Dispatcher& handlers, UserState& users) {
-  handlers.Register("UPDATEUSER",
-                    [&users](RoutingNode& node, typMessage& message, const Arrival& from) {
-                      OnUpdateUser(node, users, message, from.source);
-                    });
+  handlers.Register("UPDATEUSER", users, OnUpdateUser);
   handlers.Register("SYNCUSERS", [&users](RoutingNode& node, typMessage&, const Arrival& from) {
     typMessage reply = MakeUserList(from.source, users.List);
     SendPacket(node, reply);
   });
-  handlers.Register("USERLIST",
-                    [&users](RoutingNode& node, typMessage& message, const Arrival& from) {
-                      OnUserList(node, users, message, from.source);
-                    });
-  handlers.Register("LOGIN", [&users](RoutingNode& node, typMessage& message, const Arrival& from) {
-    OnLogin(node, users, message, from.source);
-  });
+  handlers.Register("USERLIST", users, OnUserList);
+  handlers.Register("LOGIN", users, OnLogin);
   handlers.Register("LOGINRESULT", [&users](RoutingNode&, typMessage& message, const Arrival&) {
     // Whichever login it answers: the first to come decides the one waiting.
     users.LoginResult = GetSingleField(message.Fields, "Login-Result");
