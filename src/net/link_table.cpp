@@ -199,8 +199,9 @@ void LinkTable::OnData(int32_t index, uint64_t generation, std::string_view data
 void LinkTable::OnTransformed(int32_t index, uint64_t generation, std::string_view data) {
   Link& c = *links_[index];
   const Link::Transformed fed = c.FeedTransformed(data);
-  // Handshake answers and alerts leave with the next flush, as sealed data does.
-  if (c.stream.Seals()) c.sck->RequestFlush();
+  // Handshake answers and alerts leave with the next flush, as sealed data does; a read
+  // that only brought data asks for none.
+  if (c.stream.HasOutput()) c.sck->RequestFlush();
   if (fed.outcome != MessageFeeder::Outcome::Ok) {
     return CloseWithFault(index, generation, c.TooLong(fed.outcome));
   }

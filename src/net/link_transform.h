@@ -74,6 +74,8 @@ class LinkTransform {
   void WriteOwned(std::string&& bytes);
   // What must be sent to the peer now: handshake bytes, the sealed batch, an alert.
   std::string TakeOutput();
+  // Whether handshake messages or an alert wait to be sent.
+  bool HasOutput() const { return engine_ && engine_->HasOutput(); }
   // Plaintext written and not yet sealed.
   size_t PendingBytes() const { return engine_ ? engine_->PendingBytes() : 0; }
   // Forgets the plaintext not yet sealed and gives its memory back.

@@ -92,6 +92,8 @@ class TlsEngine {
   // it is, not copied first. Dropped once Failed().
   void WritePlain(std::string_view bytes);
   void WriteOwned(std::string&& bytes);
+  // Whether handshake messages or an alert wait for TakeCiphertext.
+  bool HasOutput() const { return !output_.empty(); }
   // Application bytes queued and not yet sealed.
   size_t PendingBytes() const { return pendingBytes_; }
   // Forgets them and gives their memory back.
