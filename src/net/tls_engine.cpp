@@ -117,7 +117,8 @@ struct TlsEngineAccess {
   // Keeps the fatal alert a peer sends, so the failure it causes can say what the peer meant.
   static void NoteAlert(const SSL* ssl, int where, int value) {
     TlsEngine* engine = Of(ssl);
-    if (engine && (where & SSL_CB_READ_ALERT) && (value >> 8) == SSL3_AL_FATAL) {
+    if (engine && (where & SSL_CB_READ_ALERT) == SSL_CB_READ_ALERT &&
+        (value >> 8) == SSL3_AL_FATAL) {
       engine->alertRead_ = value & 0xff;
     }
   }
