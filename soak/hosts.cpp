@@ -199,9 +199,9 @@ class Hosts {
     std::printf(
         "soak-hosts: %zu hosts in network namespaces, %zu links (degree 3-4), seed %u; "
         "%zu talkers (%s), %d directed messages/s each, a broadcast every %d ms each; "
-        "%.0f s of faults, each %d ms down; keepAlive=%d\n",
+        "%.0f s of faults, each %d ms down; keepAlive=%d, secure %s\n",
         hosts_.size(), edges_.size(), o_.seed, talkers_.size(), TalkerNames().c_str(), o_.rate,
-        o_.broadcastEveryMs, o_.seconds, o_.downMs, o_.keepAlive);
+        o_.broadcastEveryMs, o_.seconds, o_.downMs, o_.keepAlive, o_.secure.c_str());
     std::fflush(stdout);
     bool started = StartAll();
     if (started) {
@@ -271,7 +271,9 @@ class Hosts {
                                      "--name",
                                      h.name,
                                      "--port",
-                                     std::to_string(kPort)};
+                                     std::to_string(kPort),
+                                     "--secure",
+                                     o_.secure};
     const std::vector<std::string> settings = {
         "Timeout=2000", "keepAlive=" + std::to_string(o_.keepAlive), "confirmMode=True",
         "confirmTimeout=" + std::to_string(kConfirmTimeoutMs),

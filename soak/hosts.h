@@ -18,6 +18,7 @@ struct HostsOptions {
   int downMs = 6000;              // a link stays down, a killed node stays dead, this long
   int gapMs = 1000;               // between one fault's recovery and the next fault
   double reconvergeSeconds = 20;  // a pair must talk again this long after the repair
+  std::string secure = "off";     // the nodes' --secure
   long maxRssMiB = 64;            // 0: not checked
   unsigned seed = 0;
 };

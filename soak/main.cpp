@@ -69,6 +69,9 @@ int main(int argc, char** argv) {
                  "--netns: bound on a pair's silence after a repair")
       ->check(CLI::Range(1.0, 3600.0))
       ->capture_default_str();
+  app.add_option("--secure", hosts.secure, "--netns: the nodes' --secure")
+      ->check(CLI::IsMember({"off", "prefer", "require"}))
+      ->capture_default_str();
   app.add_option("--keepalive", hosts.keepAlive, "--netns: the nodes' keepAlive, seconds")
       ->check(CLI::Range(1, 3600))
       ->capture_default_str();
