@@ -197,11 +197,12 @@ class Hosts {
     }
     MakeNetwork();
     std::printf(
-        "soak-hosts: %zu hosts in network namespaces, %zu links (degree 3-4), seed %u; "
+        "soak-hosts: %zu hosts in network namespaces, %zu links (degree %zu-%zu), seed %u; "
         "%zu talkers (%s), %d directed messages/s each, a broadcast every %d ms each; "
         "%.0f s of faults, each %d ms down; keepAlive=%d, secure %s\n",
-        hosts_.size(), edges_.size(), o_.seed, talkers_.size(), TalkerNames().c_str(), o_.rate,
-        o_.broadcastEveryMs, o_.seconds, o_.downMs, o_.keepAlive, o_.secure.c_str());
+        hosts_.size(), edges_.size(), Degree().first, Degree().second, o_.seed, talkers_.size(),
+        TalkerNames().c_str(), o_.rate, o_.broadcastEveryMs, o_.seconds, o_.downMs, o_.keepAlive,
+        o_.secure.c_str());
     std::fflush(stdout);
     bool started = StartAll();
     if (started) {
@@ -213,6 +214,13 @@ class Hosts {
   }
 
  private:
+  std::pair<size_t, size_t> Degree() const {
+    const auto [low, high] = std::minmax_element(
+        hosts_.begin(), hosts_.end(),
+        [](const Host& a, const Host& b) { return a.edges.size() < b.edges.size(); });
+    return {low->edges.size(), high->edges.size()};
+  }
+
   std::string TalkerNames() const {
     std::string names;
     for (size_t t : talkers_) names += (names.empty() ? "" : " ") + hosts_[t].name;
@@ -670,9 +678,10 @@ class Hosts {
     if (foreign_) std::printf("foreign    %zu messages no one sent\n", foreign_);
 
     auto spread = [](const std::vector<double>& v) {
+      if (v.empty()) return std::string("-");
       char text[64];
       std::snprintf(text, sizeof text, "median %.2f s, max %.2f s", Median(v),
-                    v.empty() ? 0 : *std::max_element(v.begin(), v.end()));
+                    *std::max_element(v.begin(), v.end()));
       return std::string(text);
     };
     std::printf(
