@@ -311,10 +311,7 @@ class Hosts {
             return address == ip + ":" + std::to_string(kPort);
           }))
         foreignAddresses_.push_back(h.name + " advertises " + address);
-      for (size_t e : h.edges) {
-        if (edges_[e].a == k)
-          h.child->Send("connect " + edges_[e].ipB + ":" + std::to_string(kPort) + " maintain");
-      }
+      if (linking_) Dial(k);
     } else if (event == "ConnectionEstab" || event == "ConnectionClosed") {
       h.links += event == "ConnectionEstab" ? 1 : -1;
       if (h.ready && h.links >= int(h.edges.size()) && lives_[h.life].joinedAt == kNever)
@@ -391,9 +388,28 @@ class Hosts {
     return true;
   }
 
+  // The lower-numbered end of each link keeps it up.
+  void Dial(size_t k) {
+    for (size_t e : hosts_[k].edges) {
+      if (edges_[e].a == k)
+        hosts_[k].child->Send("connect " + edges_[e].ipB + ":" + std::to_string(kPort) +
+                              " maintain");
+    }
+  }
+
   bool StartAll() {
     const auto start = Clock::now();
     for (size_t k = 0; k < hosts_.size(); ++k) Start(k);
+    // Dialled before its peer listens, a maintained link would wait for the
+    // next redial, seconds later.
+    StepUntil(
+        [&] {
+          return std::all_of(hosts_.begin(), hosts_.end(), [](const Host& h) { return h.ready; });
+        },
+        start + kStartDeadline);
+    linking_ = true;
+    for (size_t k = 0; k < hosts_.size(); ++k)
+      if (hosts_[k].ready) Dial(k);
     const bool up = StepUntil(
         [&] {
           return std::all_of(hosts_.begin(), hosts_.end(), [&](const Host& h) {
@@ -748,7 +764,7 @@ class Hosts {
   size_t undeliverable_ = 0, refused_ = 0, foreign_ = 0;
   std::vector<std::string> foreignAddresses_;
   std::vector<Crash> crashes_;
-  bool quitting_ = false;
+  bool linking_ = false, quitting_ = false;
   double trafficSeconds_ = 0, drainSeconds_ = 0;
 };
 

@@ -38,7 +38,7 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   app.add_option("--down-ms", ring.downMs,
                  "a killed node is restarted this long after (--netns: also how long a link stays "
-                 "down, default 3000)")
+                 "down, default 6000)")
       ->check(CLI::Range(0, 3600000))
       ->capture_default_str();
   app.add_option("--confirm-timeout-ms", ring.confirmTimeoutMs, "confirmTimeout of the nodes")
