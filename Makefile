@@ -53,7 +53,8 @@ soak: setup
 	cmake --build $(BUILD) -j $(JOBS) --target qel_soak
 	$(BUILD)/bin/qel_soak --seconds $(SOAK_SECONDS) $(SOAK_ARGS)
 
-# One node per network namespace, linked in a line (root; skipped otherwise).
+# One node per network namespace, 24 linked as a random graph, under link faults and
+# kills (root; skipped otherwise). SOAK_ARGS as for soak (--hosts, --seed, ...).
 soak-hosts: setup
 	@bash scripts/setup.sh hosts
 	$(CONFIGURE)

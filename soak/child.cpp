@@ -152,6 +152,7 @@ long Child::SamplePeakKiB() {
   long kib = 0;
   for (std::string line; std::getline(status, line);) {
     if (line.starts_with("VmHWM:")) kib = std::atol(line.c_str() + 6);
+    if (line.starts_with("VmRSS:")) rssKiB_ = std::atol(line.c_str() + 6);
   }
   peakKiB_ = std::max(peakKiB_, kib);
   return kib;

@@ -51,9 +51,11 @@ class Child {
   void Kill();
 
   // The peak resident set (VmHWM) of the running process in KiB, also kept
-  // as the largest seen; 0 once it is gone.
+  // as the largest seen (with the current one, VmRSS); 0 once it is gone.
   long SamplePeakKiB();
   long PeakKiB() const { return peakKiB_; }
+  // The resident set (VmRSS) at the last sample.
+  long RssKiB() const { return rssKiB_; }
 
   bool Running() const { return pid_ > 0; }
   // Once exited: empty when the exit was one the driver asked for (SIGKILL
@@ -81,7 +83,7 @@ class Child {
   int stdin_ = -1, stdout_ = -1, stderr_ = -1;
   std::string pendingInput_, partialLine_;
   bool outputClosed_ = false, expectKill_ = false, expectQuit_ = false;
-  long peakKiB_ = 0;
+  long peakKiB_ = 0, rssKiB_ = 0;
   std::string fault_;
 };
 
