@@ -280,15 +280,4 @@ void Unpack(typMessage& message) {
   message.Body.assign(bytes.substr(message.Index.headerSize));
 }
 
-void UnpackTypeAndBody(typMessage& message) {
-  if (!message.Index.valid || !message.Fields.empty()) return;
-  const std::string_view bytes = message.Wire;
-  message.Fields.reserve(2);
-  message.Fields.emplace_back();
-  if (message.Index.type.found) {
-    message.Fields.push_back({"Type", std::string(message.Index.type.In(bytes))});
-  }
-  message.Body.assign(bytes.substr(message.Index.headerSize));
-}
-
 }  // namespace qel

@@ -75,8 +75,4 @@ class RelayCopy {
 // nothing for a message without them.
 void Unpack(typMessage& message);
 
-// Gives a message kept as bytes only its body and its Type field: all that
-// delivering a chat message without flags reads.
-void UnpackTypeAndBody(typMessage& message);
-
 }  // namespace qel
