@@ -186,7 +186,11 @@ bool IndexHeader(std::string_view bytes, size_t maxHeader, WireIndex& index, std
   // others, compared in full only when their bit was taken before.
   uint32_t known = 0;
   uint64_t others = 0;
-  std::array<std::string_view, kMaxIndexedFields> names;
+  // Left uninitialised: only the first otherCount are read.
+  struct Name {
+    const char* data;
+    size_t size;
+  } names[kMaxIndexedFields];
   size_t count = 0;
   size_t otherCount = 0;
   size_t at = end + kCrLf.size();
@@ -210,11 +214,11 @@ bool IndexHeader(std::string_view bytes, size_t maxHeader, WireIndex& index, std
       const uint64_t hashed = name.empty() ? 1 : OtherNameBit(name);
       if (others & hashed) {
         for (size_t i = 0; i < otherCount; ++i) {
-          if (EqualsNoCase(names[i], name)) return false;
+          if (EqualsNoCase(std::string_view(names[i].data, names[i].size), name)) return false;
         }
       }
       others |= hashed;
-      names[otherCount++] = name;
+      names[otherCount++] = {name.data(), name.size()};
     }
     at = end + kCrLf.size();
   }
