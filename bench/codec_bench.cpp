@@ -62,6 +62,23 @@ void BM_FeedBatch(benchmark::State& state) {
 }
 BENCHMARK(BM_FeedBatch)->Arg(100);
 
+// The same batch cut as a link cuts it: messages that arrive whole in the
+// plain form nodes write are found and indexed, not parsed.
+void BM_FeedPlainBatch(benchmark::State& state) {
+  const std::string one = qel::SerialiseMessage(StampedMessage(StampingNode()));
+  std::string wire;
+  for (int i = 0; i < state.range(0); ++i) wire += one;
+  qel::MessageFeeder feeder({.keepPlainAsBytes = true});
+  size_t indexed = 0;
+  for (auto _ : state) {
+    feeder.Feed(wire, [&](qel::typMessage&& message) { indexed += message.Index.valid; });
+  }
+  if (indexed != static_cast<size_t>(state.iterations() * state.range(0)))
+    state.SkipWithError("messages were parsed, not indexed");
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_FeedPlainBatch)->Arg(100);
+
 void BM_EncodeDecodeBody(benchmark::State& state) {
   const qel::typMessage stamped = StampedMessage(StampingNode());
   const bool comp = state.range(0) != 0;

@@ -51,12 +51,13 @@ void operator delete[](void* p, size_t) noexcept {
 namespace qelbench {
 namespace {
 
-// One read's worth of 100-byte messages for some other node, each with an ID
-// of its own: the node relays every one of them.
-std::string RelayBatch(int count) {
+// One read's worth of 100-byte messages for destination (some other node
+// when empty), each with an ID of its own.
+std::string MessageBatch(int count, const std::string& destination = "") {
   qel::cQEL origin;
   origin.Initialise("origin");
   qel::typMessage message = StampedMessage(origin);
+  if (!destination.empty()) qel::SetField(message.Fields, "Destination", qel::Variant(destination));
   std::string wire;
   for (int i = 0; i < count; ++i) {
     qel::SetField(message.Fields, "ID", qel::Variant(qel::NewID()));
@@ -65,15 +66,21 @@ std::string RelayBatch(int count) {
   return wire;
 }
 
-void BM_RelayMessage(benchmark::State& state) {
-  constexpr int kBatch = 256;  // more than the duplicate cache holds
-  // Without the duplicate window, which would drop the same batch the second time.
-  static auto* relay = [] {
+// One node for the process, without the duplicate window, which would drop
+// the same batch the second time.
+qel::ConnectionFuzzer& TheNode() {
+  static auto* node = [] {
     qel::cSettings settings;
     settings.SaveSetting("dupWindow", 0);
-    return new qel::ConnectionFuzzer(settings.getXML());  // one node for the process
+    return new qel::ConnectionFuzzer(settings.getXML());
   }();
-  const std::string batch = RelayBatch(kBatch);
+  return *node;
+}
+
+void BM_RelayMessage(benchmark::State& state) {
+  constexpr int kBatch = 256;  // more than the duplicate cache holds
+  qel::ConnectionFuzzer* relay = &TheNode();
+  const std::string batch = MessageBatch(kBatch);
   relay->Receive(batch);  // warm: buffers reach their working size
   size_t counted = 0;
   for (auto _ : state) {
@@ -87,6 +94,25 @@ void BM_RelayMessage(benchmark::State& state) {
   state.SetItemsProcessed(static_cast<int64_t>(messages));
 }
 BENCHMARK(BM_RelayMessage);
+
+// The same for chat messages to the node itself, each handed to the host.
+void BM_DeliverMessage(benchmark::State& state) {
+  constexpr int kBatch = 256;
+  qel::ConnectionFuzzer* node = &TheNode();
+  const std::string batch = MessageBatch(kBatch, qel::ConnectionFuzzer::kNodeID);
+  node->Receive(batch);
+  size_t counted = 0;
+  for (auto _ : state) {
+    const size_t before = allocations;
+    node->Receive(batch);
+    counted += allocations - before;
+    if (!node->Relayed().empty()) state.SkipWithError("messages were relayed, not delivered");
+  }
+  const double messages = static_cast<double>(state.iterations()) * kBatch;
+  state.counters["allocs/msg"] = static_cast<double>(counted) / messages;
+  state.SetItemsProcessed(static_cast<int64_t>(messages));
+}
+BENCHMARK(BM_DeliverMessage);
 
 }  // namespace
 }  // namespace qelbench

@@ -15,15 +15,9 @@ NodeState::NodeState() {
   RegisterFileHandlers(Handlers, Files, Fetches, *this, FilePacketBytes);
   RegisterUserHandlers(Handlers, Users);
   RegisterRpcHandlers(Handlers, Rpc);
-  // Chat goes straight to the host; an ERROR is the sender's fault report.
   Handlers.Register("MSG", [this](RoutingNode&, typMessage& message, const Arrival& from) {
-    std::string kind = GetSingleField(message.Fields, "Type");
-    std::string body = from.keepBody ? message.Body : std::move(message.Body);
-    if (kind == "ERROR") {
-      ReportError(*this, std::move(body), from.source);
-    } else {
-      RaiseMessageReceived(*this, std::move(body), std::move(kind), from.source);
-    }
+    ChatReceived(from.keepBody ? message.Body : std::move(message.Body),
+                 GetSingleField(message.Fields, "Type"), from.source);
   });
 }
 
@@ -54,6 +48,15 @@ void NodeState::OnLinkMessage(LinkId link, typMessage&& message) {
 
 void NodeState::OnLinkFault(const std::string& text) {
   ReportError(*this, text);
+}
+
+void NodeState::ChatReceived(std::string body, std::string type, std::string source) {
+  // Chat goes straight to the host; an ERROR is the sender's fault report.
+  if (type == "ERROR") {
+    ReportError(*this, std::move(body), std::move(source));
+  } else {
+    RaiseMessageReceived(*this, std::move(body), std::move(type), std::move(source));
+  }
 }
 
 void NodeState::RaiseError(std::string strMessage, std::string nodeID) {

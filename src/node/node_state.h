@@ -52,6 +52,7 @@ struct NodeState final : RoutingNode, TransferHost, FetchHost {
 
   // What routing hands up.
   void RaiseError(std::string strMessage, std::string nodeID) override;
+  void ChatReceived(std::string body, std::string type, std::string source) override;
 
   // What file transfer hands up.
   bool FileRequest(std::string resource, std::string fullPath, std::string asker, std::string reqID,

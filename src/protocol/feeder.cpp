@@ -30,21 +30,17 @@ size_t EndOfHeader(std::string_view before, std::string_view data) {
 
 }  // namespace
 
-bool MessageFeeder::TakeWhole(std::string_view& data, size_t headerSize) {
+bool MessageFeeder::TakeWhole(std::string_view& data) {
   std::string_view type;
   WireIndex index;
-  if (!IndexHeader(data.substr(0, headerSize), index, type)) return false;
   int64_t length = 0;
-  if (index.contentLength.found) {
-    std::optional<int64_t> claimed = ParseLength(index.contentLength.In(data));
-    if (claimed && *claimed > 0) length = *claimed;
-  }
+  if (!IndexHeader(data, limits_.maxHeader, index, type, length)) return false;
   // Over the limit, or not all here yet: the full path decides.
   if (length > limits_.maxMessage || length > INT32_MAX ||
-      static_cast<uint64_t>(length) > data.size() - headerSize) {
+      static_cast<uint64_t>(length) > data.size() - index.headerSize) {
     return false;
   }
-  current_.Wire.assign(data.substr(0, headerSize + static_cast<size_t>(length)));
+  current_.Wire.assign(data.substr(0, index.headerSize + static_cast<size_t>(length)));
   current_.MsgType.assign(type);
   current_.Index = index;
   current_.HeaderDone = true;
@@ -66,7 +62,6 @@ MessageFeeder::StepResult MessageFeeder::TakeHeader(std::string_view& data) {
     data.remove_prefix(take);
     return StepResult::NeedMore;
   }
-  if (limits_.keepPlainAsBytes && current_.Header.empty() && TakeWhole(data, take)) return StepResult::Complete;
   // A header that arrived in one piece is parsed where it lies, uncopied.
   const std::string_view whole =
       current_.Header.empty() ? data.substr(0, take) : current_.Header.append(data.substr(0, take));
@@ -97,6 +92,10 @@ MessageFeeder::StepResult MessageFeeder::TakeHeader(std::string_view& data) {
 
 MessageFeeder::StepResult MessageFeeder::Step(std::string_view& data) {
   if (!current_.HeaderDone) {
+    // A message that starts in data and ends there too, in the plain form,
+    // is found and indexed in one pass, and kept as it came.
+    if (limits_.keepPlainAsBytes && current_.Header.empty() && TakeWhole(data))
+      return StepResult::Complete;
     StepResult header = TakeHeader(data);
     if (header != StepResult::Complete) return header;
   }

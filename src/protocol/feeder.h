@@ -114,9 +114,9 @@ class MessageFeeder {
   // Consumes data until the current message is complete or data runs out.
   StepResult Step(std::string_view& data);
   StepResult TakeHeader(std::string_view& data);
-  // Takes a message whose header (headerSize bytes) and body are both in
-  // data, when its header is in the plain form: kept as bytes, not parsed.
-  bool TakeWhole(std::string_view& data, size_t headerSize);
+  // Takes a message that opens data and ends in it, when its header is in
+  // the plain form: kept as bytes, not parsed.
+  bool TakeWhole(std::string_view& data);
   // Makes room for size bytes of the body (at most its announced length).
   void Reserve(size_t size);
   // Counts n bytes read into the room; true when the body is complete.

@@ -32,14 +32,18 @@ struct WireIndex {
   WireSpan id, destination, source, type, flags, ttl, hops, route, contentLength;
 };
 
-// Indexes a complete header when parsing it and writing the result out again
-// would give back exactly these bytes: an upper-case type, no resource, this
-// node's version token, at most kMaxIndexedFields "Name: Value" lines, no
-// name twice (ignoring case) and none ending in "-Max". Anything else returns
-// false and goes through the full parser. type receives the start line's
-// type word.
+// Finds the header at the start of bytes (which may go on past it: a body,
+// more messages) and indexes it in one pass, when parsing it and writing the
+// result out again would give back exactly its bytes: an upper-case type, no
+// resource, this node's version token, at most kMaxIndexedFields "Name: Value"
+// lines, no name twice (ignoring case) and none ending in "-Max". Looks at no
+// more than maxHeader bytes. Returns false for anything else, or when the
+// empty line is not there: the full parser decides then. On success type is
+// the start line's type word and bodyLength the Content-Length as the full
+// parser reads it (0 when absent or not a positive number).
 inline constexpr size_t kMaxIndexedFields = 32;
-bool IndexHeader(std::string_view header, WireIndex& index, std::string_view& type);
+bool IndexHeader(std::string_view bytes, size_t maxHeader, WireIndex& index, std::string_view& type,
+                 int64_t& bodyLength);
 
 // The bytes of a relayed copy: the message with the TTL and Hops values
 // replaced and, when extendRoute, routeItem plus "," added to Route's value,
@@ -70,9 +74,5 @@ class RelayCopy {
 // would have; the bytes stay, so it can still be relayed as it arrived. Does
 // nothing for a message without them.
 void Unpack(typMessage& message);
-
-// Gives a message kept as bytes only its body and its Type field: all that
-// delivering a chat message without flags reads.
-void UnpackTypeAndBody(typMessage& message);
 
 }  // namespace qel

@@ -102,13 +102,24 @@ void ProcessMessage(RoutingNode& node, typMessage&& message, LinkId conn) {
 
   const bool forMe = destination == "BROADCAST" ||
                      (!node.NodeID.empty() && destination.find(node.NodeID) != std::string::npos);
-  // Only what is delivered here needs its fields and body apart; a chat
-  // message without flags needs just its type and body.
   if (forMe && packed && message.MsgType == "MSG" && !message.Index.flags.found) {
-    UnpackTypeAndBody(message);
-  } else if (forMe) {
-    Unpack(message);
+    // Chat without flags, the bulk of traffic: nothing to confirm or decode,
+    // and the strings the host is handed are the only copies made.
+    const std::string_view bytes = message.Wire;
+    try {
+      node.ChatReceived(std::string(bytes.substr(message.Index.headerSize)),
+                        std::string(message.Index.type.In(bytes)),
+                        std::string(message.Index.source.In(bytes)));
+    } catch (...) {
+      ReportCurrentFault(node);
+    }
+    if (!node.Alive()) return;
+    node.Routes.Learn(message.Index.route.In(bytes), node.NodeID);
+    if (!exact) ForwardPacket(node, message, conn);
+    return;
   }
+  // Only what is delivered here needs its fields and body apart.
+  if (forMe) Unpack(message);
   const std::string source =
       !forMe ? std::string() : std::string(field(&WireIndex::source, "Source"));
   // Relays carry the body as it arrived, so keep it when it is decoded here

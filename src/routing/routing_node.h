@@ -111,6 +111,9 @@ struct RoutingNode : LinkOwner {
 
   // Raises the node's Error event. May run the loop.
   virtual void RaiseError(std::string strMessage, std::string nodeID) = 0;
+  // Hands a chat message (MSG) to the host: its body, its Type and the node
+  // that sent it. May run the loop.
+  virtual void ChatReceived(std::string body, std::string type, std::string source) = 0;
 };
 
 }  // namespace qel
