@@ -3,12 +3,13 @@
 // forked from this one; this process only coordinates and never opens a
 // node, so each child starts clean.
 //
-//   qel_figures [--runs N] [--verbose] [--only TEXT] [--with qel,qel-tls,tcp,zmq]
+//   qel_figures [--runs N] [--verbose] [--only TEXT] [--with qel,qel-tls,qel-busy,tcp,zmq]
 //
 // --only keeps the figures whose name contains TEXT ("direct plain", "relay",
 // "ping", "rpc", "link set-up", "codec", "md5", "file transfer", "file transfer relayed", "scale",
 // "amplification");
 // --with keeps the listed contenders (qel, qel-tls, tcp, zmq; handy under perf).
+#include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -38,7 +39,7 @@ struct Options {
   int runs = 5;
   bool verbose = false;
   std::string only;
-  std::string with = "qel,qel-tls,tcp,zmq";
+  std::string with = "qel,qel-tls,qel-busy,tcp,zmq";
 };
 
 bool WantFigure(const Options& options, const std::string& figure) {
@@ -48,6 +49,30 @@ bool WantFigure(const Options& options, const std::string& figure) {
 bool WantContender(const Options& options, const std::string& name) {
   return ("," + options.with + ",").find("," + name + ",") != std::string::npos;
 }
+
+// Holds this process (and the children it forks meanwhile) on its first
+// allowed CPU while alive.
+class OneCpu {
+ public:
+  OneCpu() {
+    sched_getaffinity(0, sizeof before_, &before_);
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+      if (CPU_ISSET(cpu, &before_)) {
+        CPU_SET(cpu, &one);
+        break;
+      }
+    }
+    sched_setaffinity(0, sizeof one, &one);
+  }
+  ~OneCpu() { sched_setaffinity(0, sizeof before_, &before_); }
+  OneCpu(const OneCpu&) = delete;
+  OneCpu& operator=(const OneCpu&) = delete;
+
+ private:
+  cpu_set_t before_;
+};
 
 // Messages per timed run: enough for about kRunSeconds at the rate the
 // warm-up showed, within these bounds.
@@ -210,12 +235,13 @@ void ThroughputFigures(bool relay, const Options& options) {
   }
 }
 
-// Round trips of 100 bytes and back: the QEL contender's way (a ping, a
+// Round trips of 100 bytes and back: the QEL contenders' way (a ping, a
 // remote procedure call) beside the references' echo.
-void RoundTripFigures(const Options& options, const std::string& figure, Rig (*qel)()) {
+using Contender = std::pair<const char*, Rig (*)()>;
+void RoundTripFigures(const Options& options, const std::string& figure,
+                      std::vector<Contender> contenders) {
   Note(options, figure);
-  const std::pair<const char*, Rig (*)()> contenders[] = {
-      {"qel", qel}, {"tcp", TcpPingRig}, {"zmq", ZmqPingRig}};
+  contenders.insert(contenders.end(), {{"tcp", TcpPingRig}, {"zmq", ZmqPingRig}});
   std::vector<Entry> entries;
   for (const auto& [name, build] : contenders) {
     if (!WantContender(options, name)) continue;
@@ -316,7 +342,7 @@ int main(int argc, char** argv) {
       options.with = argv[++i];
     } else {
       std::fprintf(stderr,
-                   "usage: %s [--runs N] [--verbose] [--only TEXT] [--with qel,qel-tls,tcp,zmq]\n",
+                   "usage: %s [--runs N] [--verbose] [--only TEXT] [--with qel,qel-tls,qel-busy,tcp,zmq]\n",
                    argv[0]);
       return 2;
     }
@@ -342,11 +368,16 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
   ThroughputFigures(false, options);
   ThroughputFigures(true, options);
-  if (WantFigure(options, "ping round trip")) {
-    RoundTripFigures(options, "ping round trip", QelPingRig);
+  const std::vector<Contender> pings = {{"qel", QelPingRig}, {"qel-busy", QelBusyPingRig}};
+  if (WantFigure(options, "ping round trip")) RoundTripFigures(options, "ping round trip", pings);
+  if (WantFigure(options, "ping round trip pinned")) {
+    // Every process of the figure on one CPU: the peer's wake-up then never
+    // waits for another CPU, and busy polling competes with the peer.
+    const OneCpu pinned;
+    RoundTripFigures(options, "ping round trip pinned", pings);
   }
   // The callee answers from inside its handler; tcp and zmq echo as for ping.
-  if (WantFigure(options, "rpc round trip")) RoundTripFigures(options, "rpc round trip", QelRpcRig);
+  if (WantFigure(options, "rpc round trip")) RoundTripFigures(options, "rpc round trip", {{"qel", QelRpcRig}});
   if (WantFigure(options, "link set-up")) LinkSetupFigures(options);
   if (WantFigure(options, "codec")) CodecFigures(options);
   // md5sum, like every other reference, runs on the same file in the same run.

@@ -156,8 +156,12 @@ void ServeRoundTrips(Channel& channel, const std::function<bool()>& roundTrip) {
   }
 }
 
-void PingTarget(Channel& channel) {
+// How long the busy contender's loops poll before they block.
+constexpr int32_t kBusyPollUs = 50;
+
+void PingTarget(Channel& channel, int32_t busyPollUs) {
   UseLoopback();
+  qel::SetBusyPoll(busyPollUs);
   qel::cQEL node;
   WatchErrors(node, "ping target");
   node.Initialise("target");
@@ -166,8 +170,9 @@ void PingTarget(Channel& channel) {
   for (;;) qel::DoEvents(1000);
 }
 
-void Pinger(Channel& channel, int64_t port, const std::string& targetID) {
+void Pinger(Channel& channel, int64_t port, const std::string& targetID, int32_t busyPollUs) {
   UseLoopback();
+  qel::SetBusyPoll(busyPollUs);
   qel::cQEL node;
   WatchErrors(node, "pinger");
   node.Initialise("pinger");
@@ -318,17 +323,30 @@ Rig QelLinkSetupRig(bool secure) {
   return rig;
 }
 
-Rig QelPingRig() {
+namespace {
+
+Rig PingRig(int32_t busyPollUs) {
   Rig rig;
-  Child& target = rig.Add(std::make_unique<Child>("qel target", PingTarget));
+  Child& target = rig.Add(std::make_unique<Child>(
+      "qel target", [busyPollUs](Channel& c) { PingTarget(c, busyPollUs); }));
   std::optional<std::string> ready = target.Expect("ready", kReadyTimeoutMs, &rig.failure);
   if (!ready) return rig;
   const std::string id = Field(*ready, "id");
   const int64_t port = FieldInt(*ready, "port");
-  Child& pinger =
-      rig.Add(std::make_unique<Child>("qel pinger", [=](Channel& c) { Pinger(c, port, id); }));
+  Child& pinger = rig.Add(std::make_unique<Child>(
+      "qel pinger", [=](Channel& c) { Pinger(c, port, id, busyPollUs); }));
   if (pinger.Expect("ready", kReadyTimeoutMs, &rig.failure)) rig.pinger = &pinger;
   return rig;
+}
+
+}  // namespace
+
+Rig QelPingRig() {
+  return PingRig(0);
+}
+
+Rig QelBusyPingRig() {
+  return PingRig(kBusyPollUs);
 }
 
 Rig QelRpcRig() {

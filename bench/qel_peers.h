@@ -26,6 +26,8 @@ Rig QelLinkSetupRig(bool secure);
 
 // A node pinging a node of another process that it has asked for its INFO.
 Rig QelPingRig();
+// The same with both processes polling for 50 µs before they block.
+Rig QelBusyPingRig();
 
 // A node calling a procedure of a node of another process, which answers
 // each call from inside its handler with the call's own parameters; the

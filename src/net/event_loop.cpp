@@ -1,7 +1,9 @@
 #include "net/event_loop.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -21,6 +23,7 @@ struct Loop {
   asio::io_context io;
   asio::executor_work_guard<asio::io_context::executor_type> keepAlive{io.get_executor()};
   bool stopRequested = false;
+  std::chrono::microseconds busyPoll{0};
 };
 
 Loop& TheLoop() {
@@ -31,6 +34,22 @@ Loop& TheLoop() {
 // The first thread to use the loop owns it for the process's life. Written
 // once, read on every call: a relaxed load and a compare in the common case.
 std::atomic<std::thread::id> loopThread;
+
+using Deadline = std::optional<std::chrono::steady_clock::time_point>;
+
+// Runs one handler, waiting until deadline at most (none: for ever): first
+// polling for the busy-poll span, then blocking.
+size_t RunOne(Loop& loop, Deadline deadline) {
+  if (loop.busyPoll.count() > 0) {
+    auto until = std::chrono::steady_clock::now() + loop.busyPoll;
+    if (deadline) until = std::min(until, *deadline);
+    do {
+      if (const size_t ran = loop.io.poll_one()) return ran;
+      if (loop.io.stopped()) loop.io.restart();
+    } while (std::chrono::steady_clock::now() < until);
+  }
+  return deadline ? loop.io.run_one_until(*deadline) : loop.io.run_one();
+}
 
 }  // namespace
 
@@ -59,13 +78,14 @@ int64_t TickCount() {
 }
 
 bool RunUntil(const std::function<bool()>& done, int64_t timeoutMs) {
-  auto& io = IoContext();
+  auto& loop = TheLoop();
+  auto& io = loop.io;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   while (!done()) {
     FlushPendingWrites();
     auto now = std::chrono::steady_clock::now();
     if (now >= deadline) return done();
-    io.run_one_until(deadline);
+    RunOne(loop, deadline);
     if (io.stopped()) io.restart();
   }
   FlushPendingWrites();
@@ -74,16 +94,17 @@ bool RunUntil(const std::function<bool()>& done, int64_t timeoutMs) {
 
 void DoEvents(int32_t lngWaitMs) {
   if (!OnLoopThread()) ThrowWrongThread("DoEvents");
-  auto& io = IoContext();
+  auto& loop = TheLoop();
+  auto& io = loop.io;
   FlushPendingWrites();
-  size_t ran = io.poll();
-  FlushPendingWrites();
-  if (ran == 0 && lngWaitMs > 0) {
-    ran = io.run_one_for(std::chrono::milliseconds(lngWaitMs));
-    FlushPendingWrites();
-    if (ran) io.poll();
+  // One event first, waited for if need be, then whatever else is ready: a
+  // poll before the wait would ask the kernel twice when nothing is ready.
+  if (lngWaitMs > 0) {
+    RunOne(loop, std::chrono::steady_clock::now() + std::chrono::milliseconds(lngWaitMs));
     FlushPendingWrites();
   }
+  io.poll();
+  FlushPendingWrites();
   if (io.stopped()) io.restart();
 }
 
@@ -93,7 +114,7 @@ void RunEventLoop() {
   loop.stopRequested = false;
   while (!loop.stopRequested) {
     FlushPendingWrites();
-    loop.io.run_one();
+    RunOne(loop, std::nullopt);
     if (loop.io.stopped()) loop.io.restart();
   }
   FlushPendingWrites();
@@ -102,6 +123,11 @@ void RunEventLoop() {
 
 void StopEventLoop() {
   asio::post(IoContext(), [] { TheLoop().stopRequested = true; });
+}
+
+void SetBusyPoll(int32_t microseconds) {
+  if (!OnLoopThread()) ThrowWrongThread("SetBusyPoll");
+  TheLoop().busyPoll = std::chrono::microseconds(std::clamp(microseconds, 0, 1000000));
 }
 
 void Post(std::function<void()> fn) {

@@ -12,6 +12,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "net/asio_context.h"
 
@@ -72,18 +73,73 @@ void GivePiece(std::string&& piece) {
 struct Socket::Impl : std::enable_shared_from_this<Impl> {
   // Large reads keep a fast sender's bytes moving in few system calls.
   static constexpr size_t kReadSize = 65536;
+  // Most messages fit a small read of this size.
+  static constexpr size_t kFirstRead = 2048;
 
   Impl() : socket(IoContext()), resolver(IoContext()), connectTimer(IoContext()) {}
 
   void StartReading() {
-    if (readPending || paused || inMemory) return;
+    if (readPending || paused || inMemory || state != SocketState::Connected) return;
     readPending = true;
-    socket.async_wait(tcp::socket::wait_read,
-                      [self = shared_from_this(), gen = generation](const std::error_code& ec) {
-                        if (gen != self->generation) return;
-                        self->readPending = false;
-                        if (!ec) self->ReadNow();
-                      });
+    // Armed once the handler returns to the loop and its writes are out:
+    // arming may cost a system call, and a reply must not wait behind it.
+    PendingReads().push_back({shared_from_this(), generation});
+  }
+
+  static std::vector<std::pair<std::shared_ptr<Impl>, uint64_t>>& PendingReads() {
+    static auto* pending = new std::vector<std::pair<std::shared_ptr<Impl>, uint64_t>>;
+    return *pending;
+  }
+
+  void ArmRead() {
+    if (paused || state != SocketState::Connected) {
+      readPending = false;  // ResumeReading asks again
+      return;
+    }
+    // Bytes read while reading was paused go first, from the loop.
+    if (firstHeld > 0) {
+      asio::post(IoContext(), [self = shared_from_this(), gen = generation] {
+        if (gen != self->generation) return;
+        self->readPending = false;
+        self->DeliverFirst();
+      });
+      return;
+    }
+    // A read of its own, not a wait for readable bytes: Asio re-registers
+    // the descriptor with epoll on every wait, and keeps a read's
+    // registration. Small messages (a ping, a reply) take one system call.
+    if (!first) first = std::make_unique_for_overwrite<char[]>(kFirstRead);
+    socket.async_read_some(asio::buffer(first.get(), kFirstRead),
+                           [self = shared_from_this(), gen = generation](const std::error_code& ec,
+                                                                         size_t n) {
+                             if (gen != self->generation) return;
+                             self->readPending = false;
+                             if (self->state != SocketState::Connected) return;
+                             if (ec) return self->OnRead(ec, {});
+                             self->firstHeld = n;
+                             self->DeliverFirst();
+                           });
+  }
+
+  // Hands the bytes of the small read to the owner; a read that filled it
+  // goes on at once into the large buffer.
+  void DeliverFirst() {
+    // Paused meanwhile: kept until reading resumes.
+    if (paused || state != SocketState::Connected || firstHeld == 0) return;
+    const size_t n = std::exchange(firstHeld, 0);
+    // The handler may read this socket again in a loop it runs: that read
+    // gets a buffer of its own, and the one it left is taken back after.
+    std::unique_ptr<char[]> mine = std::move(first);
+    const uint64_t gen = generation;
+    if (auto& h = handlers.onData) {
+      auto keep = h;  // the handler may replace the handlers or destroy the socket
+      keep(std::string_view(mine.get(), n));
+    }
+    if (gen != generation) return;
+    if (!first) first = std::move(mine);
+    if (state != SocketState::Connected) return;
+    if (n == kFirstRead && !paused && !readPending) return ReadNow();
+    StartReading();
   }
 
   void ReadNow() {
@@ -332,6 +388,8 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     const bool wasWriting = writing;
     ++generation;
     readPending = false;
+    firstHeld = 0;
+    first.reset();
     paused = false;
     writing = false;
     inflightBytes = 0;
@@ -359,6 +417,10 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   SocketState state = SocketState::Closed;
   Handlers handlers;
   asio::steady_timer connectTimer;
+  // The small read's buffer, held while a read waits, and what it read
+  // while reading was paused.
+  std::unique_ptr<char[]> first;
+  size_t firstHeld = 0;
   uint64_t lease = 0;   // the shared read buffer's lease of the running data handler
   size_t ownBytes = 0;  // read buffers of its own, held while handlers run
   bool paused = false;
@@ -395,6 +457,15 @@ void FlushPendingWrites() {
     }
     now->clear();
   }
+  // Then the reads the handlers asked for; arming one may complete nothing
+  // at once, so nothing is queued meanwhile.
+  auto& reads = Socket::Impl::PendingReads();
+  static auto* arming = new std::vector<std::pair<std::shared_ptr<Socket::Impl>, uint64_t>>;
+  arming->swap(reads);
+  for (auto& [impl, generation] : *arming) {
+    if (impl->generation == generation && impl->readPending) impl->ArmRead();
+  }
+  arming->clear();
   flushing = false;
 }
 
@@ -441,6 +512,17 @@ void Socket::Connect(const std::string& host, uint16_t port, int32_t timeoutMs) 
               if (ec) return fail(self, ec);
               self->connectTimer.cancel();
               std::error_code ignored;
+              // Connecting left the descriptor registered for writability,
+              // which Asio never takes back: every acknowledgement would then
+              // wake the loop for nothing. Registered anew, it waits for
+              // reads only (and for writes only while one waits).
+              if (const auto fd = self->socket.release(ignored); !ignored) {
+                self->socket.assign(tcp::v4(), fd, ignored);
+                if (ignored) {
+                  ::close(fd);
+                  return fail(self, ignored);
+                }
+              }
               self->socket.set_option(tcp::no_delay(true), ignored);
               // Reads and writes are tried at once: neither may block the loop.
               self->socket.non_blocking(true, ignored);

@@ -119,8 +119,9 @@ class Socket {
 enum class ConnectFailure { Lookup, Refused, TimedOut, Other };
 ConnectFailure ClassifyConnectError(const std::error_code& ec);
 
-// Writes what every socket queued since the last call. The event loop calls
-// it whenever a handler returns and before it waits.
+// Writes what every socket queued since the last call, then starts the
+// reads handlers asked for. The event loop calls it whenever a handler
+// returns and before it waits.
 void FlushPendingWrites();
 
 // A listening socket. Each incoming connection is accepted and offered to

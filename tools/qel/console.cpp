@@ -158,6 +158,7 @@ int RunNode(const NodeOptions& options) {
     return 2;
   }
   if (!CheckSettings(settings, std::cerr)) return 2;
+  qel::SetBusyPoll(options.busyPollUs);
 
   // A person at a terminal gets line editing; pipes and services do not.
   const bool interactive = !options.json && !options.noConsole && isatty(0) && isatty(1);

@@ -120,6 +120,11 @@ void AddNodeOptions(CLI::App& command, NodeOptions& options) {
                      "Key IDs a peer may have, comma-separated (setting trustedPeers)");
   command.add_option("--connect", options.connects, "HOST[:PORT] to connect to (repeatable)")
       ->allow_extra_args(false);
+  command
+      .add_option("--busy-poll", options.busyPollUs,
+                  "Microseconds the loop polls before it blocks: shorter round trips, a busy CPU")
+      ->check(CLI::Range(0, 1000000))
+      ->option_text("US");
   command.add_flag("--maintain", options.maintain, "Re-dial the --connect nodes when they drop");
   command.add_flag("--json", options.json, "One JSON object per line, no prompt");
   command.add_flag("--no-console", options.noConsole,

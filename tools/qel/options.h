@@ -25,6 +25,7 @@ struct NodeOptions {
   std::string secureMode;   // setting secureMode; empty: as the settings say
   std::string trustedPeers; // setting trustedPeers; empty: as the settings say
   std::vector<std::string> connects;
+  int32_t busyPollUs = 0;  // qel::SetBusyPoll
   bool maintain = false;
   bool json = false;
   bool noConsole = false;
