@@ -229,7 +229,8 @@ bool SendPlainMsg(RoutingNode& node, std::string_view type, std::string_view des
       destination.find("\r\n") != std::string_view::npos) {
     return false;
   }
-  const std::string id = NewID();
+  char idText[32];
+  const std::string_view id(idText, NewID(idText));
   // One buffer for every message: the text is copied into the socket queues.
   static std::string* scratch = new std::string;
   scratch->clear();
