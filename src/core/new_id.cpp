@@ -42,10 +42,7 @@ struct HexPairs {
 };
 constexpr HexPairs kPairs;
 
-}  // namespace
-
-std::string FormatID(const std::array<uint8_t, 16>& g) {
-  char text[32];
+size_t FormatInto(const std::array<uint8_t, 16>& g, char (&text)[32]) {
   size_t n = 0;
   // Data1 to Data3 padded to 8, 4 and 4 digits: the first eight bytes in full.
   for (int i = 0; i < 8; ++i) {
@@ -63,17 +60,29 @@ std::string FormatID(const std::array<uint8_t, 16>& g) {
       text[n++] = kPairs.pair[b][1];
     }
   }
-  return std::string(text, n);
+  return n;
 }
 
-std::string NewID() {
+}  // namespace
+
+std::string FormatID(const std::array<uint8_t, 16>& guid) {
+  char text[32];
+  return std::string(text, FormatInto(guid, text));
+}
+
+size_t NewID(char (&out)[32]) {
   thread_local RandomPool pool;
   std::array<uint8_t, 16> guid;
-  if (!pool.Take(guid.data(), guid.size())) return {};
+  if (!pool.Take(guid.data(), guid.size())) return 0;
   // A version 4 GUID, as the OS generators make them.
   guid[6] = static_cast<uint8_t>((guid[6] & 0x0F) | 0x40);
   guid[8] = static_cast<uint8_t>((guid[8] & 0x3F) | 0x80);
-  return FormatID(guid);
+  return FormatInto(guid, out);
+}
+
+std::string NewID() {
+  char text[32];
+  return std::string(text, NewID(text));
 }
 
 }  // namespace qel

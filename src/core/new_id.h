@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -13,6 +14,9 @@ namespace qel {
 // other nodes do), so identifiers are 24 to 32 characters long. Empty when no
 // random bytes can be had.
 std::string NewID();
+// The same written into out, for a caller that needs it only for a while:
+// no allocation. Its length; 0 when no random bytes can be had.
+size_t NewID(char (&out)[32]);
 
 // The text form of given GUID bytes (Data1..Data3 big-endian, then Data4).
 std::string FormatID(const std::array<uint8_t, 16>& guid);

@@ -61,9 +61,18 @@ void Module::UpdateConfirmTimer() {
 void Module::Init() {
   AdvertisedAddress();
   NodeSlots.resize(1);
-  // The statistics timer turns the counters into rates twice a second; the
-  // link table starts its 5-second upkeep timer.
-  static Timer* statsTimer = new Timer([] { TheStats().Tick(statsTimer->Interval()); });
+  // The statistics timer turns the counters into rates twice a second and
+  // lets each node's duplicate window give back the IDs whose time is over,
+  // which an idle node would otherwise hold; the link table starts its
+  // 5-second upkeep timer.
+  static Timer* statsTimer = new Timer([] {
+    TheStats().Tick(statsTimer->Interval());
+    Module& module = TheModule();
+    const int64_t now = TickCount();
+    for (int32_t slot = 1; slot <= module.SlotCount(); ++slot) {
+      module.Slot(slot)->RecentIDs.Expire(now);
+    }
+  });
   statsTimer->SetInterval(500);
   statsTimer->Enable(true);
   links::Start();

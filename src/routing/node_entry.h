@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <qel/types.h>
 
@@ -95,11 +96,22 @@ class NodeTable {
   void Clear();
 
  private:
+  // The index slot that holds serial, or of id when serial is kNoSerial.
+  size_t Locate(std::string_view id, uint32_t tag, uint64_t serial) const;
+  void Index(uint32_t tag, uint32_t serial);
+  void Unindex(size_t at);
+  static constexpr uint64_t kNoSerial = UINT64_MAX;
+
   std::deque<NodeEntry> entries_;
   // ID -> serial number of its entry, modulo 2^32 (the table holds far fewer
-  // entries); position = serial - dropped_ + 1. Keys rather than copies of
-  // the IDs: a node keeps an entry for every node whose announcement reached it.
-  KeyTable<uint32_t> index_;
+  // entries); position = serial - dropped_ + 1. Each slot is 32 bits of the
+  // ID's seeded hash (never 0; its low bits are the home slot) over the
+  // serial, 0 when free; a hit is confirmed against the entry's ID. Linear
+  // probing, at most half full, backward-shift deletion: 8 bytes a node
+  // where a copy of the ID or its 16-byte key would take 24 or more, and a
+  // node keeps an entry for every node whose announcement reached it.
+  std::vector<uint64_t> index_;
+  size_t indexed_ = 0;
   uint32_t added_ = 0;
   uint32_t dropped_ = 0;
 };

@@ -79,7 +79,7 @@ int64_t NextTTL(const RoutingNode& node, std::optional<std::string_view> text) {
 
 }  // namespace
 
-LinkId FindRoute(RoutingNode& node, const std::string& destination) {
+LinkId FindRoute(RoutingNode& node, std::string_view destination) {
   if (destination == "BROADCAST" || destination == node.NodeID) return {};
   if (LinkId direct = links::OfNode(node, destination)) return direct;
   if (!node.Routes.Enabled()) return {};
@@ -100,7 +100,7 @@ void CountSent() {
 
 template <typename Text>
 void TransmitText(RoutingNode& node, Text&& text, LinkId fromConn, LinkId viaConn,
-                  const std::string& destination) {
+                  std::string_view destination) {
   CountSent();
   const LinkId target = viaConn ? viaConn : FindRoute(node, destination);
   if (!fromConn && target) {
@@ -135,12 +135,12 @@ void NoteOwnID(RoutingNode& node, std::string_view id) {
 }  // namespace
 
 void Transmit(RoutingNode& node, std::string_view text, LinkId fromConn, LinkId viaConn,
-              const std::string& destination) {
+              std::string_view destination) {
   TransmitText(node, text, fromConn, viaConn, destination);
 }
 
 void Transmit(RoutingNode& node, std::string&& text, LinkId fromConn, LinkId viaConn,
-              const std::string& destination) {
+              std::string_view destination) {
   TransmitText(node, std::move(text), fromConn, viaConn, destination);
 }
 
@@ -229,13 +229,14 @@ bool SendPlainMsg(RoutingNode& node, std::string_view type, std::string_view des
       destination.find("\r\n") != std::string_view::npos) {
     return false;
   }
-  const std::string id = NewID();
+  char idText[32];
+  const std::string_view id(idText, NewID(idText));
   // One buffer for every message: the text is copied into the socket queues.
   static std::string* scratch = new std::string;
   scratch->clear();
   AppendPlainMsg(node, type, destination, body, id, *scratch);
   if (!node.seeSelf) NoteOwnID(node, id);
-  Transmit(node, std::string_view(*scratch), {}, {}, std::string(destination));
+  Transmit(node, std::string_view(*scratch), {}, {}, destination);
   return true;
 }
 

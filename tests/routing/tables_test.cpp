@@ -12,6 +12,7 @@
 #include "core/stats.h"
 #include "node/node_state.h"
 #include "routing/discovery.h"
+#include "routing/dup_window.h"
 #include "routing/node_entry.h"
 #include "routing/packet_cache.h"
 #include "routing/resend_window.h"
@@ -148,6 +149,58 @@ TEST(ResendWindowTest, HoldsConfirmedIdsForTheirSpanWithinTheCap) {
   int held = 0;
   for (int i = 4999; i >= 0; --i) held += big.Note("m" + std::to_string(i), 1 << 20) == Seen::Again;
   EXPECT_EQ(held, 1000);
+}
+
+TEST(DupWindowTest, HoldsIdsForTheirSpanAndGivesTheRoomBackWhenIdle) {
+  DupWindow window, off;
+  window.SetSpan(800);  // generations of 100 ms
+  EXPECT_FALSE(window.Note("a", 0));
+  EXPECT_FALSE(window.Note("A", 1));  // IDs are case-sensitive
+  EXPECT_TRUE(window.Note("a", 799));
+  EXPECT_FALSE(window.Note("a", 900));  // span + one generation at most
+  EXPECT_FALSE(off.Note("a", 0) || off.Note("a", 1));
+
+  // Ended generations go whole; an idle owner's Expire shrinks the table
+  // to what is left and gives it back once nothing is.
+  for (int i = 0; i < 10000; ++i) window.Note("m" + std::to_string(i), 1000);
+  const size_t full = window.HeldBytes();
+  EXPECT_FALSE(window.Note("late", 1500));
+  window.Expire(1899);
+  EXPECT_EQ(window.Size(), 10001u);
+  window.Expire(1900);
+  EXPECT_EQ(window.Size(), 1u);
+  EXPECT_LT(window.HeldBytes(), full / 64);
+  EXPECT_TRUE(window.Note("late", 2000));
+  window.Expire(3000);
+  EXPECT_EQ(window.Size(), 0u);
+  EXPECT_EQ(window.HeldBytes(), 0u);
+  EXPECT_FALSE(window.Note("m5", 3000));
+}
+
+TEST(DupWindowTest, LongChurnKeepsHeldIdsAndForgetsOldOnesWithinTheCap) {
+  // One generation a millisecond for thousands of them: a slot left from
+  // long ago must never read as held, and a held one never go missing.
+  DupWindow window;
+  window.SetSpan(8);
+  auto id = [](int64_t n) { return "m" + std::to_string(n); };
+  for (int64_t t = 0; t < 5000; ++t) {
+    for (int64_t n = 3 * t; n < 3 * t + 3; ++n) ASSERT_FALSE(window.Note(id(n), t)) << n;
+    if (t >= 8) ASSERT_TRUE(window.Note(id(3 * (t - 7)), t)) << t;
+    if (t >= 300) ASSERT_FALSE(window.Note(id(3 * (t - 300) + 1), t)) << t;
+  }
+  EXPECT_EQ(window.Cuts(), 0u);
+
+  // Past the cap the oldest generation goes early, and its IDs are counted.
+  DupWindow capped(1000);
+  capped.SetSpan(1 << 30);
+  for (int n = 0; n < 20000; ++n) ASSERT_FALSE(capped.Note(id(n), n / 100));
+  EXPECT_LE(capped.Size(), 1000u);
+  EXPECT_GE(capped.Size(), 875u);
+  EXPECT_EQ(capped.Cuts(), 20000 - capped.Size());
+  const size_t size = capped.Size();
+  size_t held = 0;
+  for (int n = 19999; n >= 0; --n) held += capped.Note(id(n), 200);
+  EXPECT_EQ(held, size);
 }
 
 using Entries = std::vector<std::string>;
