@@ -157,9 +157,10 @@ void LinkTable::Attach(int32_t index) {
       .onFileEnded =
           [this, index, generation] {
             Post([this, index, generation] {
-              CloseWithFault(index, generation,
-                             "Connection to " + links_[index]->Name() +
-                                 " closed: a file being sent on it was cut short");
+              CloseWithFault(
+                  index, generation,
+                  "Connection to " + links_[index]->Name() +
+                      " closed: a file being sent on it was cut short or could not be read");
             });
           },
   });

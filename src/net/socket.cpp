@@ -321,21 +321,25 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   }
 
   // Hands the kernel what it takes of the queue's front: the held pieces up to the first
-  // file piece in one write, or that file piece. ended: the file ended before its piece;
+  // file piece in one write, or that file piece. ended: the file piece cannot be sent;
   // full: the socket took less than it was given, so it has no room for more now.
   size_t WriteFront(std::error_code& ec, bool& ended, bool& full) {
     Piece& front = outgoing.front();
     if (front.FromFile()) {
       NoSigPipe guard;
       off_t offset = front.file.offset;
-      const ssize_t n =
-          sendfile(socket.native_handle(), front.file.file->fd(), &offset, front.file.length);
+      ssize_t n;
+      do {
+        n = sendfile(socket.native_handle(), front.file.file->fd(), &offset, front.file.length);
+      } while (n < 0 && errno == EINTR);
       if (n > 0) return static_cast<size_t>(n);
-      if (n == 0) {
-        ended = true;
-      } else {
-        ec.assign(errno, asio::error::get_system_category());
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        ec = asio::error::would_block;
+      } else if (n < 0 && (errno == EPIPE || errno == ECONNRESET)) {
         if (errno == EPIPE) guard.Raised();
+        ec.assign(errno, asio::error::get_system_category());  // the link broke
+      } else {
+        ended = true;  // the file's end, or its read failed
       }
       return 0;
     }
@@ -382,7 +386,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
                       });
   }
 
-  // The file under a queued piece was cut: its message can never be completed, and
+  // The file under a queued piece was cut or failed: its message can never be completed, and
   // whatever followed it would be read as its body. Nothing more goes out, and the peer
   // sees the stream end.
   void FileEnded() {

@@ -43,9 +43,9 @@ class Socket {
     // Runs when the socket's batch of writes is about to leave (see RequestFlush): what it
     // sends joins the batch. A transform seals what the handlers wrote here, once per batch.
     std::function<void()> onFlush;
-    // A file being sent ended before the bytes queued from it: the message it was the body
-    // of cannot be completed, so nothing more is written and the peer sees the stream end.
-    // Runs from the write; the owner should close the link from the loop.
+    // A file being sent ended (or failed) before the bytes queued from it: the message it
+    // was the body of cannot be completed, so nothing more is written and the peer sees
+    // the stream end. Runs from the write; the owner should close the link from the loop.
     std::function<void()> onFileEnded;
   };
 
