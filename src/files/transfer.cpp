@@ -23,6 +23,7 @@
 #include "files/remote_path.h"
 #include "files/sharing.h"
 #include "net/event_loop.h"
+#include "net/file_span.h"
 #include "protocol/fields.h"
 #include "routing/link_flow.h"
 #include "routing/outgoing.h"
@@ -43,7 +44,8 @@ struct Serving {
   std::string asker, reqID;
   // Set by a cancel from the asker; shared with FileSharing::Served.
   std::shared_ptr<bool> cancelled;
-  int fd = -1;
+  // Shared with the pieces queued from it, which may outlive the transfer.
+  std::shared_ptr<const SharedFile> file;
   int64_t size = 0;
   int64_t next = 0;  // offset of the next byte to send
   int64_t last = 0;  // offset of the last byte to send
@@ -65,7 +67,7 @@ struct Serving {
   // entry over, and gives its place to one that waits.
   void Finish() {
     if (std::exchange(finished, true)) return;
-    if (fd >= 0) close(std::exchange(fd, -1));
+    file.reset();
     stallTimer.reset();
     auto node = owner.lock();
     if (!files || !node || !node->Alive()) return;
@@ -96,6 +98,30 @@ void Continue(RoutingNode& node, const std::shared_ptr<Serving>& job) {
   WhenDrained(PacingLink(node, job->asker, job->link), 2 * job->packet, [job] { SendPieces(job); });
 }
 
+// Sends want bytes from first, the next piece, straight from the file when the way allows
+// it (see SendPacketFromFile) and the file still holds them; false, having sent nothing,
+// when the piece must be read here (a file cut meanwhile is then answered as such).
+bool SendPieceFromFile(RoutingNode& node, const std::shared_ptr<Serving>& job, int64_t first,
+                       int64_t want) {
+  struct stat info {};
+  if (want <= 0 || fstat(job->file->fd(), &info) != 0 || info.st_size < first + want) {
+    return false;
+  }
+  const bool done =
+      job->whole ? want < static_cast<int64_t>(job->packet) : first + want > job->last;
+  const enmFileStatus status = *job->cancelled ? FS_Canceled : done ? FS_Complete : FS_Transferring;
+  typMessage piece = MakeFilePiece(job->asker, ContentRangeText(first, first + want - 1, job->size),
+                                   "", job->reqID, status, "");
+  if (!SendPacketFromFile(node, piece,
+                          {.file = job->file, .offset = first, .length = static_cast<size_t>(want)},
+                          ReplyLink(node, job->asker, job->link))) {
+    return false;
+  }
+  job->next = first + want;
+  if (status == FS_Transferring) Continue(node, job);
+  return true;
+}
+
 void SendPieces(const std::shared_ptr<Serving>& job) {
   auto owner = job->owner.lock();
   if (!owner || !owner->Alive() || job->finished) return;
@@ -112,9 +138,10 @@ void SendPieces(const std::shared_ptr<Serving>& job) {
     const int64_t first = job->next;
     const int64_t want = std::min<int64_t>(static_cast<int64_t>(job->packet),
                                            std::max<int64_t>(job->last - first + 1, 0));
+    if (SendPieceFromFile(node, job, first, want)) return;
     std::string data(static_cast<size_t>(want), '\0');
     const auto got = static_cast<int64_t>(
-        ReadAt(job->fd, data.data(), data.size(), first, "reading a shared file"));
+        ReadAt(job->file->fd(), data.data(), data.size(), first, "reading a shared file"));
     data.resize(static_cast<size_t>(got));
     job->next = first + got;
     const bool shrank = got < want;  // the file was cut while it was served
@@ -147,9 +174,11 @@ void Start(RoutingNode& node, FileSharing& files, QueuedGet get) {
     SendFilePiece(node, get.asker, "", "", get.reqID, FS_Canceled, "",
                   ReplyLink(node, get.asker, get.link));
   };
-  job->fd = OpenSharedFile(files.Folders, node.SharingFiles, get.resource);
+  if (const int fd = OpenSharedFile(files.Folders, node.SharingFiles, get.resource); fd >= 0) {
+    job->file = std::make_shared<const SharedFile>(fd);
+  }
   struct stat info {};
-  if (job->fd < 0 || fstat(job->fd, &info) != 0) return cancel();
+  if (!job->file || fstat(job->file->fd(), &info) != 0) return cancel();
   job->size = info.st_size;
   if (get.range.isEmpty) {
     job->last = job->size - 1;

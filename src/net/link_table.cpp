@@ -153,6 +153,16 @@ void LinkTable::Attach(int32_t index) {
           [this, index, generation] {
             if (links_[index]->generation == generation) links_[index]->Seal();
           },
+      // Closed from the loop: the write that found the file cut may be inside a handler.
+      .onFileEnded =
+          [this, index, generation] {
+            Post([this, index, generation] {
+              CloseWithFault(
+                  index, generation,
+                  "Connection to " + links_[index]->Name() +
+                      " closed: a file being sent on it was cut short or could not be read");
+            });
+          },
   });
 }
 
@@ -719,6 +729,18 @@ void LinkTable::WriteOwned(int32_t index, std::string&& header, std::string&& bo
   const std::string_view pieces[] = {header, body};
   if (!Admit(index, pieces)) return;
   links_[index]->SendOwned(std::move(header), std::move(body));
+  LimitBacklog(index);
+}
+
+bool LinkTable::CarriesFiles(int32_t index) const {
+  return IsUp(index) && !links_[index]->stream.Seals();
+}
+
+void LinkTable::WriteFile(int32_t index, std::string&& header, FileSpan body) {
+  // The body holds no memory here: only the header is weighed against the budget.
+  const std::string_view pieces[] = {header};
+  if (!CarriesFiles(index) || !Admit(index, pieces)) return;
+  links_[index]->sck->SendFile(std::move(header), std::move(body));
   LimitBacklog(index);
 }
 

@@ -84,6 +84,9 @@ class LinkTable {
   void Write(int32_t index, std::string_view text);
   void WriteOwned(int32_t index, std::string&& text);
   void WriteOwned(int32_t index, std::string&& header, std::string&& body);
+  // See links::CarriesFiles and WriteFile.
+  bool CarriesFiles(int32_t index) const;
+  void WriteFile(int32_t index, std::string&& header, FileSpan body);
   void WriteToAllExcept(const LinkOwner& owner, int32_t except,
                         std::span<const std::string_view> pieces);
   // Bytes waiting to be sent on a link (0 for one that is not up).

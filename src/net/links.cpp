@@ -39,6 +39,14 @@ void WriteOwned(LinkId link, std::string&& header, std::string&& body) {
   if (Current(link)) Table().WriteOwned(link.index, std::move(header), std::move(body));
 }
 
+bool CarriesFiles(LinkId link) {
+  return Current(link) && Table().CarriesFiles(link.index);
+}
+
+void WriteFile(LinkId link, std::string&& header, FileSpan body) {
+  if (CarriesFiles(link)) Table().WriteFile(link.index, std::move(header), std::move(body));
+}
+
 void WriteToAllExcept(const LinkOwner& owner, LinkId except, std::string_view text) {
   WriteToAllExcept(owner, except, std::span<const std::string_view>(&text, 1));
 }

@@ -14,6 +14,7 @@
 
 #include <qel/types.h>
 
+#include "net/file_span.h"
 #include "net/link_id.h"
 #include "net/link_owner.h"
 
@@ -41,6 +42,13 @@ void Write(LinkId link, std::string_view text);
 void WriteOwned(LinkId link, std::string&& text);
 // A message as header and body, sent without joining them.
 void WriteOwned(LinkId link, std::string&& header, std::string&& body);
+// Whether link is up and sends plaintext: it may take a body straight from a file.
+bool CarriesFiles(LinkId link);
+// Queues header and behind it body, which the kernel reads from the file as it sends it:
+// only the header is held in memory and counts against the budget. For a link that
+// CarriesFiles; others are skipped silently. Should the file end before body does, the
+// message cannot be completed: the link is closed from the loop, its owner told why.
+void WriteFile(LinkId link, std::string&& header, FileSpan body);
 // Writes text to each of owner's links but except.
 void WriteToAllExcept(const LinkOwner& owner, LinkId except, std::string_view text);
 // The same for a message given as pieces: each link queues the pieces in one go, and

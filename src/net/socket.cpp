@@ -11,6 +11,8 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <signal.h>
+#include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -58,6 +60,61 @@ std::string TakePiece() {
   std::string piece = std::move(free.back());
   free.pop_back();
   return piece;
+}
+
+// One entry of a socket's write queue: bytes held, or bytes still in a file.
+struct Piece {
+  std::string bytes;
+  FileSpan file;  // file.length > 0: the piece is these, and bytes is empty
+  Piece() = default;
+  explicit Piece(std::string&& text) : bytes(std::move(text)) {}
+  explicit Piece(std::string_view text) : bytes(text) {}
+  bool FromFile() const { return file.length > 0; }
+};
+
+// Blocks SIGPIPE on this thread while it lives. sendfile has no MSG_NOSIGNAL, and a
+// library must not let a peer that vanished kill its host; a SIGPIPE that the write
+// raised is taken back before the mask is restored.
+class NoSigPipe {
+ public:
+  NoSigPipe() {
+    sigemptyset(&pipe_);
+    sigaddset(&pipe_, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe_, &old_);
+    ownsMask_ = !sigismember(&old_, SIGPIPE);
+  }
+  ~NoSigPipe() {
+    if (!ownsMask_) return;
+    if (raised_) {
+      const timespec zero{};
+      sigtimedwait(&pipe_, nullptr, &zero);
+    }
+    pthread_sigmask(SIG_SETMASK, &old_, nullptr);
+  }
+  void Raised() { raised_ = true; }
+
+ private:
+  sigset_t pipe_{}, old_{};
+  bool ownsMask_ = false;
+  bool raised_ = false;
+};
+
+// Reads a file piece's bytes into out, as the kernel would send them; false when the file
+// ends first.
+bool AppendFileBytes(const FileSpan& span, std::string& out) {
+  const size_t start = out.size();
+  out.resize(start + span.length);
+  for (size_t done = 0; done < span.length;) {
+    const ssize_t n = pread(span.file->fd(), out.data() + start + done, span.length - done,
+                            span.offset + static_cast<int64_t>(done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      out.resize(start + done);
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return true;
 }
 
 void GivePiece(std::string&& piece) {
@@ -231,7 +288,8 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   }
 
   void Queue(std::string_view data) {
-    std::string* back = outgoing.empty() ? nullptr : &outgoing.back();
+    std::string* back =
+        outgoing.empty() || outgoing.back().FromFile() ? nullptr : &outgoing.back().bytes;
     if (data.size() > kPieceBytes) {
       outgoing.emplace_back(data);
     } else if (back && back->size() + data.size() <= back->capacity()) {
@@ -249,25 +307,35 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
       // that each send a little do not each make a whole piece.
       outgoing.emplace_back(data);
     } else {
-      outgoing.push_back(TakePiece());
-      outgoing.back().assign(data);
+      outgoing.emplace_back(TakePiece());
+      outgoing.back().bytes.assign(data);
     }
     queuedBytes += data.size();
   }
 
   // Gives every piece back; a closed or drained socket holds none.
-  static void GiveBack(std::deque<std::string>& pieces) {
-    for (std::string& piece : pieces) GivePiece(std::move(piece));
-    std::deque<std::string>().swap(pieces);
+  void GiveBack() {
+    for (Piece& piece : outgoing) GivePiece(std::move(piece.bytes));
+    std::deque<Piece>().swap(outgoing);
+    queuedBytes = 0;
+    fileBytes = 0;
   }
 
   void ScheduleFlush() {
     if (inMemory && !outgoing.empty()) {
-      for (const std::string& piece : outgoing) inMemory->append(piece);
+      bool ended = false;
+      for (const Piece& piece : outgoing) {
+        if (!piece.FromFile()) {
+          inMemory->append(piece.bytes);
+        } else if (!AppendFileBytes(piece.file, *inMemory)) {
+          ended = true;
+          break;
+        }
+      }
       const size_t n = queuedBytes;
-      GiveBack(outgoing);
-      queuedBytes = 0;
+      GiveBack();
       if (!memoryPeer.expired()) DeliverLater();
+      if (ended) return FileEnded();
       if (auto h = handlers.onSent) h(n);
       return;
     }
@@ -288,65 +356,102 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   void Consume(size_t n) {
     queuedBytes -= n;
     while (n > 0) {
-      std::string& front = outgoing.front();
-      if (n < front.size()) {
-        front.erase(0, n);
+      Piece& front = outgoing.front();
+      if (front.FromFile()) {
+        const size_t taken = std::min(n, front.file.length);
+        front.file.offset += static_cast<int64_t>(taken);
+        front.file.length -= taken;
+        fileBytes -= taken;
+        n -= taken;
+        if (front.file.length > 0) return;
+      } else if (n < front.bytes.size()) {
+        front.bytes.erase(0, n);
         return;
+      } else {
+        n -= front.bytes.size();
+        GivePiece(std::move(front.bytes));
       }
-      n -= front.size();
-      GivePiece(std::move(front));
       outgoing.pop_front();
     }
   }
 
-  void WriteQueued() {
-    if (writing || outgoing.empty() || state != SocketState::Connected) return;
-    // Most writes are taken whole at once: try that first, and wait for the
-    // socket only with what is left.
-    {
-      std::array<asio::const_buffer, 64> pieces;
-      size_t count = 0;
-      for (const std::string& piece : outgoing) {
-        if (count == pieces.size()) break;
-        pieces[count++] = asio::buffer(piece);
+  // Hands the kernel what it takes of the queue's front: the held pieces up to the first
+  // file piece in one write, or that file piece. ended: the file piece cannot be sent;
+  // full: the socket took less than it was given, so it has no room for more now.
+  size_t WriteFront(std::error_code& ec, bool& ended, bool& full) {
+    Piece& front = outgoing.front();
+    if (front.FromFile()) {
+      NoSigPipe guard;
+      off_t offset = front.file.offset;
+      ssize_t n;
+      do {
+        n = sendfile(socket.native_handle(), front.file.file->fd(), &offset, front.file.length);
+      } while (n < 0 && errno == EINTR);
+      if (n > 0) return static_cast<size_t>(n);
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        ec = asio::error::would_block;
+      } else if (n < 0 && (errno == EPIPE || errno == ECONNRESET)) {
+        if (errno == EPIPE) guard.Raised();
+        ec.assign(errno, asio::error::get_system_category());  // the link broke
+      } else {
+        ended = true;  // the file's end, or its read failed
       }
+      return 0;
+    }
+    std::array<asio::const_buffer, 64> pieces;
+    size_t count = 0, given = 0;
+    for (const Piece& piece : outgoing) {
+      if (count == pieces.size() || piece.FromFile()) break;
+      pieces[count++] = asio::buffer(piece.bytes);
+      given += piece.bytes.size();
+    }
+    const size_t n =
+        socket.write_some(std::span<const asio::const_buffer>(pieces.data(), count), ec);
+    full = n < given;
+    return n;
+  }
+
+  void WriteQueued() {
+    // Written at once while the kernel takes it, and the rest when the socket can take
+    // more: nothing the kernel still reads from belongs to an operation in flight, so a
+    // close frees the queue at once.
+    while (!writing && !outgoing.empty() && state == SocketState::Connected) {
       std::error_code ec;
-      const size_t n =
-          socket.write_some(std::span<const asio::const_buffer>(pieces.data(), count), ec);
-      if (ec && ec != asio::error::would_block && ec != asio::error::try_again) {
+      bool ended = false, full = false;
+      const size_t n = WriteFront(ec, ended, full);
+      if (ended) return FileEnded();
+      if (ec) {
+        // Compared only once the write failed, as reads are.
+        if (ec == asio::error::would_block || ec == asio::error::try_again) break;
         // Reads report the break; what was queued is lost with the link.
-        GiveBack(outgoing);
-        queuedBytes = 0;
+        GiveBack();
         return;
       }
-      if (n > 0) {
-        Consume(n);
-        if (auto h = handlers.onSent) h(n);
-        // The handler may have closed the socket or written more.
-        if (writing || outgoing.empty() || state != SocketState::Connected) return;
-      }
+      Consume(n);
+      if (auto h = handlers.onSent) h(n);
+      if (full) break;
     }
+    if (writing || outgoing.empty() || state != SocketState::Connected) return;
     writing = true;
-    // The pieces belong to this write: a close and reconnect meanwhile must
-    // not free them under the kernel.
-    auto batch = std::make_shared<std::deque<std::string>>();
-    batch->swap(outgoing);
-    inflightBytes = queuedBytes;
-    queuedBytes = 0;
-    std::vector<asio::const_buffer> buffers;
-    buffers.reserve(batch->size());
-    for (const std::string& piece : *batch) buffers.push_back(asio::buffer(piece));
-    asio::async_write(
-        socket, buffers,
-        [self = shared_from_this(), batch, gen = generation](const std::error_code& ec, size_t n) {
-          if (gen != self->generation) return;
-          self->writing = false;
-          self->inflightBytes = 0;
-          GiveBack(*batch);
-          if (ec || self->state != SocketState::Connected) return;  // reads report the break
-          if (auto h = self->handlers.onSent) h(n);
-          self->WriteQueued();
-        });
+    socket.async_wait(tcp::socket::wait_write,
+                      [self = shared_from_this(), gen = generation](const std::error_code& ec) {
+                        if (gen != self->generation) return;
+                        self->writing = false;
+                        if (!ec) self->WriteQueued();
+                      });
+  }
+
+  // The file under a queued piece was cut or failed: its message can never be completed, and
+  // whatever followed it would be read as its body. Nothing more goes out, and the peer
+  // sees the stream end.
+  void FileEnded() {
+    GiveBack();
+    std::error_code ignored;
+    socket.shutdown(tcp::socket::shutdown_send, ignored);
+    if (auto& h = handlers.onFileEnded) {
+      auto keep = h;  // the handler may replace the handlers or destroy the socket
+      keep();
+    }
   }
 
   // Hands what this end of a pair in memory sent to the other end from the loop, as a read
@@ -385,27 +490,27 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
         peer->OnRead(asio::error::eof, {});
       });
     }
-    const bool wasWriting = writing;
     ++generation;
     readPending = false;
     firstHeld = 0;
     first.reset();
     paused = false;
     writing = false;
-    inflightBytes = 0;
     std::error_code ignored;
     resolver.cancel();
     connectTimer.cancel();
-    if (socket.is_open() && state == SocketState::Connected && !outgoing.empty() && !wasWriting) {
+    if (socket.is_open() && state == SocketState::Connected) {
       // Best effort for messages queued just before a close: whatever the
       // kernel takes without blocking still goes out.
-      for (const std::string& piece : outgoing) {
-        if (socket.write_some(asio::buffer(piece), ignored) < piece.size()) break;
+      for (const Piece& piece : outgoing) {
+        if (piece.FromFile() ||
+            socket.write_some(asio::buffer(piece.bytes), ignored) < piece.bytes.size()) {
+          break;
+        }
       }
     }
     // Released, not cleared: a closed socket holds no memory.
-    GiveBack(outgoing);
-    queuedBytes = 0;
+    GiveBack();
     inMemory.reset();
     socket.shutdown(tcp::socket::shutdown_both, ignored);
     socket.close(ignored);
@@ -424,9 +529,9 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   uint64_t lease = 0;   // the shared read buffer's lease of the running data handler
   size_t ownBytes = 0;  // read buffers of its own, held while handlers run
   bool paused = false;
-  std::deque<std::string> outgoing;  // pieces, most of them from FreePieces
+  std::deque<Piece> outgoing;  // held pieces (most of them from FreePieces) and file pieces
   size_t queuedBytes = 0;
-  size_t inflightBytes = 0;
+  size_t fileBytes = 0;  // of queuedBytes, those still in files
   bool writing = false;
   bool readPending = false;
   uint64_t generation = 0;  // bumped on close: completions of older operations are ignored
@@ -557,14 +662,24 @@ void Socket::Send(std::span<const std::string_view> pieces) {
 void Socket::SendOwned(std::string&& data) {
   if (data.size() < kPieceBytes) return Send(std::string_view(data));
   impl_->queuedBytes += data.size();
-  impl_->outgoing.push_back(std::move(data));
+  impl_->outgoing.emplace_back(std::move(data));
   impl_->ScheduleFlush();
 }
 
 void Socket::SendOwned(std::string&& header, std::string&& body) {
   impl_->Queue(header);
   impl_->queuedBytes += body.size();
-  impl_->outgoing.push_back(std::move(body));
+  impl_->outgoing.emplace_back(std::move(body));
+  impl_->ScheduleFlush();
+}
+
+void Socket::SendFile(std::string&& header, FileSpan body) {
+  impl_->Queue(header);
+  if (body.length > 0) {
+    impl_->queuedBytes += body.length;
+    impl_->fileBytes += body.length;
+    impl_->outgoing.emplace_back().file = std::move(body);
+  }
   impl_->ScheduleFlush();
 }
 
@@ -575,16 +690,15 @@ void Socket::RequestFlush() {
 }
 
 void Socket::DiscardQueued() {
-  Impl::GiveBack(impl_->outgoing);
-  impl_->queuedBytes = 0;
+  impl_->GiveBack();
 }
 
 size_t Socket::QueuedBytes() const {
-  return impl_->queuedBytes + impl_->inflightBytes;
+  return impl_->queuedBytes;
 }
 
 size_t Socket::BufferBytes() const {
-  return QueuedBytes() + impl_->ownBytes;
+  return impl_->queuedBytes - impl_->fileBytes + impl_->ownBytes;
 }
 
 void Socket::Close() {

@@ -9,6 +9,8 @@
 #include <string_view>
 #include <system_error>
 
+#include "net/file_span.h"
+
 namespace qel {
 
 // The states the connection logic tests, numbered as other nodes' socket
@@ -41,6 +43,10 @@ class Socket {
     // Runs when the socket's batch of writes is about to leave (see RequestFlush): what it
     // sends joins the batch. A transform seals what the handlers wrote here, once per batch.
     std::function<void()> onFlush;
+    // A file being sent ended (or failed) before the bytes queued from it: the message it
+    // was the body of cannot be completed, so nothing more is written and the peer sees
+    // the stream end. Runs from the write; the owner should close the link from the loop.
+    std::function<void()> onFileEnded;
   };
 
   Socket();
@@ -72,13 +78,17 @@ class Socket {
   void SendOwned(std::string&& data);
   // A message in two parts, header and body, written as one without joining them.
   void SendOwned(std::string&& header, std::string&& body);
+  // A message whose body is read from a file by the kernel as it is written, never copied
+  // into the process: the body's bytes count as queued but hold no memory (BufferBytes).
+  // When the file holds fewer bytes than body names by then, see onFileEnded.
+  void SendFile(std::string&& header, FileSpan body);
   // Has onFlush run at the next FlushPendingWrites, whether or not anything is queued.
   void RequestFlush();
   // Forgets what is queued and not yet being written, giving its memory back.
   void DiscardQueued();
   // Bytes queued or being written.
   size_t QueuedBytes() const;
-  // Memory the socket's buffers take, reserved room included.
+  // Memory the socket's buffers take, reserved room included; bytes queued from files not.
   size_t BufferBytes() const;
 
   // Writes what the kernel takes of the queue at once, then closes and

@@ -167,9 +167,11 @@ bool StampMessage(RoutingNode& node, typMessage& message) {
   return confirm;
 }
 
-void SendPacket(RoutingNode& node, typMessage& message, LinkId viaConn) {
-  // Nodes refuse a header past 64 KiB and close the link it came on; the
-  // fields relays add need room too.
+namespace {
+
+// Nodes refuse a header past 64 KiB and close the link it came on; the fields relays add
+// need room too.
+void CheckFieldBytes(const typMessage& message) {
   size_t fieldBytes = 0;
   for (const typField& field : message.Fields) fieldBytes += field.Name.size() + field.Value.size();
   if (fieldBytes > kMaxFieldBytes) {
@@ -177,6 +179,12 @@ void SendPacket(RoutingNode& node, typMessage& message, LinkId viaConn) {
                    "Header fields longer than " + std::to_string(kMaxFieldBytes) +
                        " bytes: other nodes would refuse the message");
   }
+}
+
+}  // namespace
+
+void SendPacket(RoutingNode& node, typMessage& message, LinkId viaConn) {
+  CheckFieldBytes(message);
   const bool confirm = StampMessage(node, message);
   std::string id = GetSingleField(message.Fields, "ID");
   std::string destination = GetSingleField(message.Fields, "Destination");
@@ -200,6 +208,26 @@ void SendPacket(RoutingNode& node, typMessage& message, LinkId viaConn) {
     return;
   }
   Transmit(node, SerialiseMessage(message), {}, viaConn, destination);
+}
+
+bool SendPacketFromFile(RoutingNode& node, typMessage& message, FileSpan body, LinkId viaConn) {
+  const std::string* destination = FindField(message.Fields, "Destination");
+  // A body that is encoded, or kept for resending until confirmed, must be in memory.
+  if (node.useEnc || node.useComp || node.confirmMode || !message.Body.empty() || !destination ||
+      destination->empty() || *destination == "BROADCAST") {
+    return false;
+  }
+  const LinkId target = viaConn ? viaConn : FindRoute(node, *destination);
+  if (!target || !links::CarriesFiles(target)) return false;
+  CheckFieldBytes(message);
+  SetField(message.Fields, "Content-Length", Variant(std::to_string(body.length)));
+  StampMessage(node, message);
+  if (!node.seeSelf) NoteOwnID(node, GetSingleField(message.Fields, "ID"));
+  std::string header;
+  SerialiseHeader(message, header);
+  CountSent();
+  links::WriteFile(target, std::move(header), std::move(body));
+  return true;
 }
 
 void AppendPlainMsg(const RoutingNode& node, std::string_view type, std::string_view destination,

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "net/file_span.h"
 #include "net/link_id.h"
 #include "protocol/message.h"
 
@@ -28,6 +29,13 @@ inline constexpr size_t kMaxFieldBytes = 60 * 1024;
 // may be taken over, leaving message.Body empty. Throws QelError 6 when the
 // fields hold more than kMaxFieldBytes, sending nothing.
 void SendPacket(RoutingNode& node, typMessage& message, LinkId viaConn = {});
+
+// Sends a message made here as SendPacket would, its body being body's bytes of a file,
+// which the kernel reads as it sends them: never copied into the process. Only for a
+// message to one node, from a node that neither encrypts, compresses nor asks for a
+// confirmation, over one link (viaConn, else the route) that sends plaintext. Returns
+// false, having sent nothing, when any of that is not so; throws as SendPacket does.
+bool SendPacketFromFile(RoutingNode& node, typMessage& message, FileSpan body, LinkId viaConn = {});
 
 // The text of a host's MSG as SendPacket stamps and writes it, for a node
 // that neither encrypts, compresses nor asks for a confirmation of it: the

@@ -283,6 +283,66 @@ TEST(TransferTest, PiecesOfAPacketEachAndACancelStopsTheServer) {
   fs::remove_all(dir);
 }
 
+// Bodies leave straight from the file, so one cut while its pieces wait in the queue must
+// not go out shorter than its header says, nor padded: the link ends inside that piece,
+// the server says why, and every piece that did arrive whole is the file's own bytes.
+TEST(TransferTest, AFileCutWhileItsPiecesWaitEndsTheLinkInsteadOfSendingLess) {
+  const fs::path dir = fs::temp_directory_path() / ("qel_cut_" + std::to_string(getpid()));
+  fs::create_directories(dir);
+  std::string content(16 << 20, '\0');
+  std::mt19937 rng(11);
+  for (char& ch : content) ch = static_cast<char>(rng());
+  std::ofstream(dir / "big", std::ios::binary)
+      .write(content.data(), static_cast<std::streamsize>(content.size()));
+  Peer server("server", Settings("filePacket=64"), true);
+  server.node.shareFolder(dir.string());
+  const int stuck = Dial(server.Port(), 4096);
+  ASSERT_TRUE(Eventually([&] { return server.established.size() == 1; }));
+  const std::string get = "GET \\big QEL/2.1\r\nDestination: " + server.ID() +
+                          "\r\nSource: RAW\r\nReqID: R\r\nID: G1\r\nTTL: 1\r\n\r\n";
+  ASSERT_EQ(send(stuck, get.data(), get.size(), 0), static_cast<ssize_t>(get.size()));
+  // The peer reads nothing yet: once two pieces wait, the first stayed queued after a write,
+  // so the socket is full and the file is read from there on only as the peer reads.
+  ASSERT_TRUE(Eventually([&] {
+    const std::vector<LinkId> up = links::UpLinks(StateOf(server.node));
+    return !up.empty() && links::QueuedBytes(up.front()) >= 2 * 64 * 1024;
+  }));
+  fs::resize_file(dir / "big", 0);
+
+  // Read apart from the loop: bytes the kernel already holds raise no event on it.
+  std::string stream;
+  std::atomic<bool> ended = false;
+  std::thread reader([&] {
+    char buffer[65536];
+    for (ssize_t n; (n = recv(stuck, buffer, sizeof buffer, 0)) > 0;) stream.append(buffer, n);
+    ended = true;
+  });
+  const bool endedInTime = Eventually([&] { return ended.load(); });
+  if (!endedInTime) shutdown(stuck, SHUT_RDWR);
+  reader.join();
+  ASSERT_TRUE(endedInTime) << stream.size() << " bytes";
+  close(stuck);
+  MessageFeeder feeder;
+  size_t whole = 0;
+  feeder.Feed(stream, [&](typMessage&& piece) {
+    if (piece.MsgType != "FILE") return;  // the server's INFO
+    long long first = -1, last = -1;
+    ASSERT_EQ(
+        sscanf(GetSingleField(piece.Fields, "Content-Range").c_str(), "%lld-%lld", &first, &last),
+        2);
+    EXPECT_TRUE(piece.Body ==
+                content.substr(static_cast<size_t>(first), static_cast<size_t>(last - first + 1)))
+        << first;
+    ++whole;
+  });
+  EXPECT_GT(whole, 0u);
+  EXPECT_TRUE(feeder.InProgress()) << "the stream should end inside the cut piece";
+  EXPECT_LT(stream.size(), content.size());
+  ASSERT_TRUE(Eventually([&] { return !server.errors.empty(); }));
+  EXPECT_NE(server.errors.front().find("cut short"), std::string::npos) << server.errors.front();
+  fs::remove_all(dir);
+}
+
 // A folder for files too large to write out: sparse, in memory when /dev/shm
 // is there.
 struct LargeFolder {
