@@ -30,6 +30,7 @@ enum KnownBit : uint32_t {
   kSource = 1u << 6,
   kDestination = 1u << 7,
   kContentLength = 1u << 8,
+  kReqId = 1u << 9,
 };
 
 // Up to 8 bytes of a name as one number, the first byte lowest.
@@ -94,7 +95,10 @@ WireSpan* IndexedField(WireIndex& index, std::string_view name, uint32_t& bit) {
       if (first == 'h') return IsName<"hops">(name) ? (bit = kHops, &index.hops) : nullptr;
       return IsName<"type">(name) ? (bit = kType, &index.type) : nullptr;
     case 5:
-      if (first == 'r') return IsName<"route">(name) ? (bit = kRoute, &index.route) : nullptr;
+      if (first == 'r') {
+        if (IsName<"route">(name)) return bit = kRoute, &index.route;
+        return IsName<"reqid">(name) ? (bit = kReqId, &index.reqID) : nullptr;
+      }
       return IsName<"flags">(name) ? (bit = kFlags, &index.flags) : nullptr;
     case 6:
       return IsName<"source">(name) ? (bit = kSource, &index.source) : nullptr;
@@ -275,6 +279,13 @@ void RelayCopy::Add(std::string_view piece) {
   if (piece.empty()) return;
   pieces_[count_++] = piece;
   size_ += piece.size();
+}
+
+std::string_view ReceivedField(const typMessage& message, WireSpan WireIndex::*span,
+                               std::string_view name) {
+  if (message.Index.valid && message.Fields.empty()) return (message.Index.*span).In(message.Wire);
+  const std::string* value = FindField(message.Fields, name);
+  return value ? std::string_view(*value) : std::string_view();
 }
 
 void Unpack(typMessage& message) {

@@ -29,7 +29,7 @@ struct WireIndex {
   // The header (through its empty line) is in the plain form and indexed.
   bool valid = false;
   uint32_t headerSize = 0;
-  WireSpan id, destination, source, type, flags, ttl, hops, route, contentLength;
+  WireSpan id, destination, source, type, flags, ttl, hops, route, contentLength, reqID;
 };
 
 // Finds the header at the start of bytes (which may go on past it: a body,
@@ -74,5 +74,11 @@ class RelayCopy {
 // would have; the bytes stay, so it can still be relayed as it arrived. Does
 // nothing for a message without them.
 void Unpack(typMessage& message);
+
+// A field of a received message: read through the index while the message
+// is kept as bytes and not unpacked, else from its field list; empty when
+// absent. A view into the message.
+std::string_view ReceivedField(const typMessage& message, WireSpan WireIndex::*span,
+                               std::string_view name);
 
 }  // namespace qel

@@ -18,6 +18,7 @@ namespace {
 
 void SendWithReqID(RoutingNode& node, const char* type, const std::string& destination,
                    const std::string& reqID) {
+  if (SendPlainRequest(node, type, destination, reqID)) return;
   typMessage message = MakeRequest(type, destination, reqID);
   SendPacket(node, message);
 }
@@ -301,15 +302,17 @@ void OnInfo(RoutingNode& node, const typMessage& message, LinkId conn) {
 }
 
 void OnPing(RoutingNode& node, const typMessage& message) {
-  SendWithReqID(node, "PONG", GetSingleField(message.Fields, "Source"),
-                GetSingleField(message.Fields, "ReqID"));
+  SendWithReqID(node, "PONG", std::string(ReceivedField(message, &WireIndex::source, "Source")),
+                std::string(ReceivedField(message, &WireIndex::reqID, "ReqID")));
 }
 
 void OnPong(RoutingNode& node, const typMessage& message) {
-  int32_t index = FindCachedNode(node, GetSingleField(message.Fields, "Source"));
+  int32_t index =
+      FindCachedNode(node, std::string(ReceivedField(message, &WireIndex::source, "Source")));
   if (index < 0) return;
   NodeEntry& entry = node.NodeCache[index];
-  if (entry.LastPing() && GetSingleField(message.Fields, "ReqID") == entry.LastPing()->ReqID) {
+  if (entry.LastPing() &&
+      ReceivedField(message, &WireIndex::reqID, "ReqID") == entry.LastPing()->ReqID) {
     NodeEntry::Ping& ping = entry.StartPing();
     ping.Time = static_cast<int32_t>(TickCount() - ping.Start);
   }

@@ -230,31 +230,43 @@ bool SendPacketFromFile(RoutingNode& node, typMessage& message, FileSpan body, L
   return true;
 }
 
-void AppendPlainMsg(const RoutingNode& node, std::string_view type, std::string_view destination,
-                    std::string_view body, std::string_view id, std::string& out) {
+void AppendPlain(const RoutingNode& node, std::string_view msgType,
+                 std::span<const LeadingField> leading, std::string_view body, std::string_view id,
+                 std::string& out) {
   char number[24];
   auto text = [&number](auto value) {
     return std::string_view(number, std::to_chars(number, number + sizeof number, value).ptr);
   };
-  out.append("MSG  ").append(kProtocolVersion).append("\r\n");
-  out.append("Type: ").append(type).append("\r\nDestination: ").append(destination);
-  out.append("\r\nSource: ").append(node.NodeID).append("\r\nTTL: ").append(text(node.TTL));
+  out.append(msgType).append("  ").append(kProtocolVersion).append("\r\n");
+  for (const LeadingField& field : leading) {
+    out.append(field.name).append(": ").append(field.value).append("\r\n");
+  }
+  out.append("Source: ").append(node.NodeID).append("\r\nTTL: ").append(text(node.TTL));
   out.append("\r\nHops: 0\r\nID: ").append(id).append("\r\n");
   if (!body.empty()) out.append("Content-Length: ").append(text(body.size())).append("\r\n");
   if (ExtendsRoute(node, {})) out.append("Route: ").append(node.NodeID).append(",\r\n");
   out.append("\r\n").append(body);
 }
 
-bool SendPlainMsg(RoutingNode& node, std::string_view type, std::string_view destination,
-                  std::string_view body) {
+void AppendPlainMsg(const RoutingNode& node, std::string_view type, std::string_view destination,
+                    std::string_view body, std::string_view id, std::string& out) {
+  const LeadingField leading[] = {{"Type", type}, {"Destination", destination}};
+  AppendPlain(node, "MSG", leading, body, id, out);
+}
+
+bool SendPlain(RoutingNode& node, std::string_view msgType, std::span<const LeadingField> leading,
+               std::string_view destination, std::string_view body) {
   const bool encodes = !body.empty() && (node.useEnc || node.useComp);
   const bool confirms = node.confirmMode && destination != "BROADCAST";
   // An empty destination is stamped as a second field behind the empty one,
   // and CR LF or oversized fields are refused: the field list does those.
+  size_t fieldBytes = 0;
+  for (const LeadingField& field : leading) {
+    if (field.value.find("\r\n") != std::string_view::npos) return false;
+    fieldBytes += field.value.size();
+  }
   if (encodes || confirms || destination.empty() || body.size() >= kLargeBody ||
-      type.size() + destination.size() > kMaxFieldBytes / 2 ||
-      type.find("\r\n") != std::string_view::npos ||
-      destination.find("\r\n") != std::string_view::npos) {
+      fieldBytes > kMaxFieldBytes / 2) {
     return false;
   }
   char idText[32];
@@ -262,10 +274,22 @@ bool SendPlainMsg(RoutingNode& node, std::string_view type, std::string_view des
   // One buffer for every message: the text is copied into the socket queues.
   static std::string* scratch = new std::string;
   scratch->clear();
-  AppendPlainMsg(node, type, destination, body, id, *scratch);
+  AppendPlain(node, msgType, leading, body, id, *scratch);
   if (!node.seeSelf) NoteOwnID(node, id);
   Transmit(node, std::string_view(*scratch), {}, {}, destination);
   return true;
+}
+
+bool SendPlainMsg(RoutingNode& node, std::string_view type, std::string_view destination,
+                  std::string_view body) {
+  const LeadingField leading[] = {{"Type", type}, {"Destination", destination}};
+  return SendPlain(node, "MSG", leading, destination, body);
+}
+
+bool SendPlainRequest(RoutingNode& node, std::string_view msgType, std::string_view destination,
+                      std::string_view reqID) {
+  const LeadingField leading[] = {{"Destination", destination}, {"ReqID", reqID}};
+  return SendPlain(node, msgType, leading, destination, {});
 }
 
 bool SeenBefore(RoutingNode& node, std::string_view id) {

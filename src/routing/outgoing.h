@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -37,18 +38,33 @@ void SendPacket(RoutingNode& node, typMessage& message, LinkId viaConn = {});
 // false, having sent nothing, when any of that is not so; throws as SendPacket does.
 bool SendPacketFromFile(RoutingNode& node, typMessage& message, FileSpan body, LinkId viaConn = {});
 
-// The text of a host's MSG as SendPacket stamps and writes it, for a node
-// that neither encrypts, compresses nor asks for a confirmation of it: the
-// fields are written straight out, in the order stamping adds them.
+// A field written ahead of the ones stamping adds.
+struct LeadingField {
+  std::string_view name, value;
+};
+
+// The text of a message as SendPacket stamps and writes it, for a node that
+// neither encrypts, compresses nor asks for a confirmation of it: the
+// leading fields, then the ones stamping adds, in its order, written
+// straight out. A host's MSG leads with Type and Destination.
+void AppendPlain(const RoutingNode& node, std::string_view msgType,
+                 std::span<const LeadingField> leading, std::string_view body, std::string_view id,
+                 std::string& out);
 void AppendPlainMsg(const RoutingNode& node, std::string_view type, std::string_view destination,
                     std::string_view body, std::string_view id, std::string& out);
 
-// Sends a host's MSG that way when nothing about it needs the field list
-// (see AppendPlainMsg; destination not empty, no CR LF in type or
-// destination, a body below the size sent apart from its header). Returns
-// false, having sent nothing, when the message needs SendPacket.
+// Sends a message that way when nothing about it needs the field list
+// (destination not empty, no CR LF in the leading values, a body below the
+// size sent apart from its header). Returns false, having sent nothing,
+// when the message needs SendPacket.
+bool SendPlain(RoutingNode& node, std::string_view msgType, std::span<const LeadingField> leading,
+               std::string_view destination, std::string_view body);
+// A host's MSG.
 bool SendPlainMsg(RoutingNode& node, std::string_view type, std::string_view destination,
                   std::string_view body);
+// A request or answer that carries only a ReqID (PING, PONG).
+bool SendPlainRequest(RoutingNode& node, std::string_view msgType, std::string_view destination,
+                      std::string_view reqID);
 
 // Notes the ID of a received message as seen by node, in the packetCache
 // list and in the duplicate window; whether either held it already. IDs the

@@ -92,6 +92,10 @@ TEST(WireTest, BodiesAreEncryptedThenCompressedAndResourcesEscaped) {
       AppendPlainMsg(*node, "chat", kPeer, body, kMsgID, direct);
       EXPECT_EQ(direct, Stamped(*node, Chat(body, "chat"))) << routes << body;
     }
+    std::string ping;
+    const LeadingField leading[] = {{"Destination", kPeer}, {"ReqID", "7"}};
+    AppendPlain(*node, "PING", leading, {}, kMsgID, ping);
+    EXPECT_EQ(ping, Stamped(*node, MakeRequest("PING", kPeer, "7"))) << routes;
   }
   node->Routes = RouteTable(10);
   EXPECT_EQ(Stamped(*node, Chat("hello", "chat")),
