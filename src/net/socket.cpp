@@ -166,11 +166,13 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     // the descriptor with epoll on every wait, and keeps a read's
     // registration. Small messages (a ping, a reply) take one system call.
     if (!first) first = std::make_unique_for_overwrite<char[]>(kFirstRead);
+    armed = true;
     socket.async_read_some(asio::buffer(first.get(), kFirstRead),
                            [self = shared_from_this(), gen = generation](const std::error_code& ec,
                                                                          size_t n) {
                              if (gen != self->generation) return;
                              self->readPending = false;
+                             self->armed = false;
                              if (self->state != SocketState::Connected) return;
                              if (ec) return self->OnRead(ec, {});
                              self->firstHeld = n;
@@ -187,15 +189,11 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     // The handler may read this socket again in a loop it runs: that read
     // gets a buffer of its own, and the one it left is taken back after.
     std::unique_ptr<char[]> mine = std::move(first);
-    const uint64_t gen = generation;
-    if (auto& h = handlers.onData) {
-      auto keep = h;  // the handler may replace the handlers or destroy the socket
-      keep(std::string_view(mine.get(), n));
-    }
-    if (gen != generation) return;
+    if (!Hand(std::string_view(mine.get(), n))) return;
     if (!first) first = std::move(mine);
-    if (state != SocketState::Connected) return;
-    if (n == kFirstRead && !paused && !readPending) return ReadNow();
+    // A full read means more is waiting: read it now, unless a read the
+    // handler's own loop armed may already hold later bytes.
+    if (n == kFirstRead && !paused && !armed) return ReadNow();
     StartReading();
   }
 
@@ -470,15 +468,33 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   void ReceiveInMemory(std::string_view data) {
     // Kept alive: a handler may destroy the socket, which must then end the loop.
     const std::shared_ptr<Impl> self = shared_from_this();
+    if (inMemory) Hand(data);
+  }
+
+  // Hands bytes already read to the owner as a read would have: into the
+  // room it offers for a body, which it then keeps, else as data. Starts no
+  // read. False once the socket was closed or reused meanwhile.
+  bool Hand(std::string_view data) {
     const uint64_t gen = generation;
-    while (inMemory && generation == gen && !data.empty()) {
+    auto live = [this, gen] { return generation == gen && state == SocketState::Connected; };
+    while (!data.empty() && live()) {
       const std::span<char> room = handlers.onReadRoom ? handlers.onReadRoom() : std::span<char>();
-      if (room.empty()) return OnRead({}, data);
+      if (room.empty()) {
+        if (auto& h = handlers.onData) {
+          auto keep = h;  // the handler may replace the handlers or destroy the socket
+          keep(data);
+        }
+        break;
+      }
       const size_t n = std::min(room.size(), data.size());
       std::copy_n(data.data(), n, room.data());
       data.remove_prefix(n);
-      OnDirect(n);
+      if (auto& h = handlers.onDirect) {
+        auto keep = h;
+        keep(n);
+      }
     }
+    return live();
   }
 
   void CloseNow() {
@@ -492,6 +508,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     }
     ++generation;
     readPending = false;
+    armed = false;
     firstHeld = 0;
     first.reset();
     paused = false;
@@ -526,6 +543,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   // while reading was paused.
   std::unique_ptr<char[]> first;
   size_t firstHeld = 0;
+  bool armed = false;  // an asynchronous read into it is under way
   uint64_t lease = 0;   // the shared read buffer's lease of the running data handler
   size_t ownBytes = 0;  // read buffers of its own, held while handlers run
   bool paused = false;
