@@ -130,8 +130,6 @@ void GivePiece(std::string&& piece) {
 struct Socket::Impl : std::enable_shared_from_this<Impl> {
   // Large reads keep a fast sender's bytes moving in few system calls.
   static constexpr size_t kReadSize = 65536;
-  // Most messages fit a small read of this size.
-  static constexpr size_t kFirstRead = 2048;
 
   Impl() : socket(IoContext()), resolver(IoContext()), connectTimer(IoContext()) {}
 
@@ -153,48 +151,14 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
       readPending = false;  // ResumeReading asks again
       return;
     }
-    // Bytes read while reading was paused go first, from the loop.
-    if (firstHeld > 0) {
-      asio::post(IoContext(), [self = shared_from_this(), gen = generation] {
-        if (gen != self->generation) return;
-        self->readPending = false;
-        self->DeliverFirst();
-      });
-      return;
-    }
-    // A read of its own, not a wait for readable bytes: Asio re-registers
-    // the descriptor with epoll on every wait, and keeps a read's
-    // registration. Small messages (a ping, a reply) take one system call.
-    if (!first) first = std::make_unique_for_overwrite<char[]>(kFirstRead);
-    armed = true;
-    socket.async_read_some(asio::buffer(first.get(), kFirstRead),
-                           [self = shared_from_this(), gen = generation](const std::error_code& ec,
-                                                                         size_t n) {
-                             if (gen != self->generation) return;
-                             self->readPending = false;
-                             self->armed = false;
-                             if (self->state != SocketState::Connected) return;
-                             if (ec) return self->OnRead(ec, {});
-                             self->firstHeld = n;
-                             self->DeliverFirst();
-                           });
-  }
-
-  // Hands the bytes of the small read to the owner; a read that filled it
-  // goes on at once into the large buffer.
-  void DeliverFirst() {
-    // Paused meanwhile: kept until reading resumes.
-    if (paused || state != SocketState::Connected || firstHeld == 0) return;
-    const size_t n = std::exchange(firstHeld, 0);
-    // The handler may read this socket again in a loop it runs: that read
-    // gets a buffer of its own, and the one it left is taken back after.
-    std::unique_ptr<char[]> mine = std::move(first);
-    if (!Hand(std::string_view(mine.get(), n))) return;
-    if (!first) first = std::move(mine);
-    // A full read means more is waiting: read it now, unless a read the
-    // handler's own loop armed may already hold later bytes.
-    if (n == kFirstRead && !paused && !armed) return ReadNow();
-    StartReading();
+    // A wait, not a read: an idle socket then holds no buffer, and the
+    // read takes whatever the kernel has into the shared one.
+    socket.async_wait(tcp::socket::wait_read,
+                      [self = shared_from_this(), gen = generation](const std::error_code& ec) {
+                        if (gen != self->generation) return;
+                        self->readPending = false;
+                        if (!ec) self->ReadNow();
+                      });
   }
 
   void ReadNow() {
@@ -508,9 +472,6 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     }
     ++generation;
     readPending = false;
-    armed = false;
-    firstHeld = 0;
-    first.reset();
     paused = false;
     writing = false;
     std::error_code ignored;
@@ -539,11 +500,6 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   SocketState state = SocketState::Closed;
   Handlers handlers;
   asio::steady_timer connectTimer;
-  // The small read's buffer, held while a read waits, and what it read
-  // while reading was paused.
-  std::unique_ptr<char[]> first;
-  size_t firstHeld = 0;
-  bool armed = false;  // an asynchronous read into it is under way
   uint64_t lease = 0;   // the shared read buffer's lease of the running data handler
   size_t ownBytes = 0;  // read buffers of its own, held while handlers run
   bool paused = false;
