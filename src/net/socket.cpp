@@ -141,8 +141,10 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     PendingReads().push_back({shared_from_this(), generation});
   }
 
-  static std::vector<std::pair<std::shared_ptr<Impl>, uint64_t>>& PendingReads() {
-    static auto* pending = new std::vector<std::pair<std::shared_ptr<Impl>, uint64_t>>;
+  // Sockets that asked to read, each with the generation that asked.
+  using ReadRequests = std::vector<std::pair<std::shared_ptr<Impl>, uint64_t>>;
+  static ReadRequests& PendingReads() {
+    static auto* pending = new ReadRequests;
     return *pending;
   }
 
@@ -153,12 +155,18 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     }
     // A wait, not a read: an idle socket then holds no buffer, and the
     // read takes whatever the kernel has into the shared one.
-    socket.async_wait(tcp::socket::wait_read,
-                      [self = shared_from_this(), gen = generation](const std::error_code& ec) {
-                        if (gen != self->generation) return;
-                        self->readPending = false;
-                        if (!ec) self->ReadNow();
-                      });
+    Await(tcp::socket::wait_read, &Impl::readPending, &Impl::ReadNow);
+  }
+
+  // Runs then once the socket is ready for kind; busy is set meanwhile.
+  void Await(tcp::socket::wait_type kind, bool Impl::*busy, void (Impl::*then)()) {
+    this->*busy = true;
+    socket.async_wait(kind, [self = shared_from_this(), gen = generation, busy,
+                             then](const std::error_code& ec) {
+      if (gen != self->generation) return;
+      (*self).*busy = false;
+      if (!ec) ((*self).*then)();
+    });
   }
 
   void ReadNow() {
@@ -394,13 +402,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
       if (full) break;
     }
     if (writing || outgoing.empty() || state != SocketState::Connected) return;
-    writing = true;
-    socket.async_wait(tcp::socket::wait_write,
-                      [self = shared_from_this(), gen = generation](const std::error_code& ec) {
-                        if (gen != self->generation) return;
-                        self->writing = false;
-                        if (!ec) self->WriteQueued();
-                      });
+    Await(tcp::socket::wait_write, &Impl::writing, &Impl::WriteQueued);
   }
 
   // The file under a queued piece was cut or failed: its message can never be completed, and
@@ -432,33 +434,15 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   void ReceiveInMemory(std::string_view data) {
     // Kept alive: a handler may destroy the socket, which must then end the loop.
     const std::shared_ptr<Impl> self = shared_from_this();
-    if (inMemory) Hand(data);
-  }
-
-  // Hands bytes already read to the owner as a read would have: into the
-  // room it offers for a body, which it then keeps, else as data. Starts no
-  // read. False once the socket was closed or reused meanwhile.
-  bool Hand(std::string_view data) {
     const uint64_t gen = generation;
-    auto live = [this, gen] { return generation == gen && state == SocketState::Connected; };
-    while (!data.empty() && live()) {
+    while (inMemory && generation == gen && !data.empty()) {
       const std::span<char> room = handlers.onReadRoom ? handlers.onReadRoom() : std::span<char>();
-      if (room.empty()) {
-        if (auto& h = handlers.onData) {
-          auto keep = h;  // the handler may replace the handlers or destroy the socket
-          keep(data);
-        }
-        break;
-      }
+      if (room.empty()) return OnRead({}, data);
       const size_t n = std::min(room.size(), data.size());
       std::copy_n(data.data(), n, room.data());
       data.remove_prefix(n);
-      if (auto& h = handlers.onDirect) {
-        auto keep = h;
-        keep(n);
-      }
+      OnDirect(n);
     }
-    return live();
   }
 
   void CloseNow() {
@@ -536,10 +520,9 @@ void FlushPendingWrites() {
     }
     now->clear();
   }
-  // Then the reads the handlers asked for; arming one may complete nothing
-  // at once, so nothing is queued meanwhile.
+  // Then the reads the handlers asked for: none completes inside this call.
   auto& reads = Socket::Impl::PendingReads();
-  static auto* arming = new std::vector<std::pair<std::shared_ptr<Socket::Impl>, uint64_t>>;
+  static auto* arming = new Socket::Impl::ReadRequests;
   arming->swap(reads);
   for (auto& [impl, generation] : *arming) {
     if (impl->generation == generation && impl->readPending) impl->ArmRead();
