@@ -6,6 +6,7 @@
 #include <random>
 
 #include "../support/peers.h"
+#include "core/log.h"
 #include "core/stats.h"
 #include "net/links.h"
 #include "protocol/body.h"
@@ -165,6 +166,43 @@ TEST(HostilePeerTest, StalledSendersAreClosedAndIdlePeersStay) {
   EXPECT_FALSE(idle.closedByNode);
 }
 
+TEST(HostilePeerTest, TheLogNamesTheNodePeerAndLimitOfACloseAndIsSilentBelowItsLevel) {
+  struct Line {
+    LogLevel level;
+    std::string node, text;
+  };
+  std::vector<Line> lines;
+  struct Restore {
+    ~Restore() {
+      SetLogLevel(LogLevel::Off);
+      SetLogSink({});
+    }
+  } restore;
+  SetLogSink([&](LogLevel level, std::string_view node, std::string_view text) {
+    lines.push_back({level, std::string(node), std::string(text)});
+  });
+  SetLogLevel(LogLevel::Warn);
+  Peer target("target", Settings("stallTimeout=200"), true);
+  RawPeer early(target), late(target);
+  early.socket.Send("MSG  QEL/2.1\r\nDestinat");
+  ASSERT_TRUE(Eventually([&] { return early.closedByNode; }));
+  int formatted = 0;
+  Log(LogLevel::Info, "target", [&] { return std::to_string(++formatted); });
+  EXPECT_EQ(formatted, 0);
+  EXPECT_TRUE(lines.empty());
+
+  SetLogLevel(LogLevel::Info);
+  const uint16_t latePort = late.socket.LocalPort();
+  late.socket.Send("MSG  QEL/2.1\r\nDestinat");
+  ASSERT_TRUE(Eventually([&] { return late.closedByNode; }));
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].level, LogLevel::Info);
+  EXPECT_EQ(lines[0].node, "target");
+  EXPECT_EQ(lines[0].text, "Connection to 127.0.0.1:" + std::to_string(latePort) +
+                               " closed: nothing received for 200 ms in the middle of a message"
+                               " [refused: stall]");
+}
+
 TEST(HostilePeerTest, BodiesPastTheMemoryBudgetCloseTheLargestHolder) {
   Peer target("target", Settings("memoryBudget=1048576"), true);
   RawPeer small(target), large(target);
@@ -186,7 +224,7 @@ TEST(HostilePeerTest, ConnectionsPastMaxConnectionsAreRefusedAndSaidOnce) {
   int refused = 0;
   for (int i = 0; i < 3; ++i) {
     auto& s = *extra.emplace_back(std::make_unique<Socket>());
-    s.SetHandlers({.onPeerClosed = [&] { ++refused; }});
+    s.SetHandlers({.onPeerClosed = [&](const std::error_code&) { ++refused; }});
     s.Connect("127.0.0.1", target.Port());
   }
   ASSERT_TRUE(Eventually([&] { return refused == 3; }));
