@@ -530,12 +530,15 @@ void LinkTable::Redial(int32_t index) {
   StartDial(index, true);
 }
 
-void LinkTable::CloseLink(int32_t index, bool stopMaintaining, std::string_view logLine) {
+void LinkTable::CloseLink(int32_t index, bool stopMaintaining, std::string_view logLine,
+                          std::string_view refused) {
   Link& c = *links_[index];
   if (c.sck->State() == SocketState::Closed) return;
   if (stopMaintaining) c.Maintain = false;
   if (!c.up) {  // the owner never heard of it
-    if (!logLine.empty()) LogLink(LogLevel::Info, c, [&] { return std::string(logLine); });
+    if (!logLine.empty()) {
+      LogLink(LogLevel::Info, c, [&] { return std::string(logLine) + RefusedMark(refused); });
+    }
     return EndBeforeUp(index, {}, false);
   }
   const size_t held = c.Held();
@@ -558,6 +561,7 @@ void LinkTable::CloseLink(int32_t index, bool stopMaintaining, std::string_view 
   LogLink(LogLevel::Info, c, [&] {
     std::string line = logLine.empty() ? "Connection to " + address + " closed by this node"
                                        : std::string(logLine);
+    line += RefusedMark(refused);
     if (!nodeID.empty()) line += " [NodeID: " + nodeID + "]";
     return line;
   });
@@ -624,7 +628,7 @@ void LinkTable::CloseWithFault(int32_t index, uint64_t generation, const std::st
     // The handler may have shut the node down or closed the link itself.
     if (c.generation != generation) return;
   }
-  CloseLink(index, false, LogOn(LogLevel::Info) ? text + RefusedMark(refused) : std::string());
+  CloseLink(index, false, text, refused);
 }
 
 void LinkTable::CloseLater(int32_t index, std::string text, std::string_view refused) {

@@ -64,8 +64,10 @@ class LinkTable {
   DialResult ConnectTo(LinkOwner& owner, const std::string& address, bool maintain,
                        const LinkLimits& limits);
   // Closes one link and tells its owner; a maintained one is dialled again without waiting.
-  // logLine says why, naming the peer; empty: this node closed it.
-  void CloseLink(int32_t index, bool stopMaintaining, std::string_view logLine = {});
+  // logLine says why, naming the peer (empty: this node closed it); refused names the
+  // refusal the close counts as, if any.
+  void CloseLink(int32_t index, bool stopMaintaining, std::string_view logLine = {},
+                 std::string_view refused = {});
   // See links::CloseRefused.
   void CloseRefused(int32_t index, const std::string& text, std::string_view refused = {});
 
