@@ -166,22 +166,33 @@ TEST(HostilePeerTest, StalledSendersAreClosedAndIdlePeersStay) {
   EXPECT_FALSE(idle.closedByNode);
 }
 
-TEST(HostilePeerTest, TheLogNamesTheNodePeerAndLimitOfACloseAndIsSilentBelowItsLevel) {
+// What the nodes log while it lives, at level and above; logging is off again after it.
+struct LogCapture {
   struct Line {
     LogLevel level;
     std::string node, text;
   };
   std::vector<Line> lines;
-  struct Restore {
-    ~Restore() {
-      SetLogLevel(LogLevel::Off);
-      SetLogSink({});
-    }
-  } restore;
-  SetLogSink([&](LogLevel level, std::string_view node, std::string_view text) {
-    lines.push_back({level, std::string(node), std::string(text)});
-  });
-  SetLogLevel(LogLevel::Warn);
+  explicit LogCapture(LogLevel level) {
+    SetLogSink([this](LogLevel at, std::string_view node, std::string_view text) {
+      lines.push_back({at, std::string(node), std::string(text)});
+    });
+    SetLogLevel(level);
+  }
+  ~LogCapture() {
+    SetLogLevel(LogLevel::Off);
+    SetLogSink({});
+  }
+  size_t Count(LogLevel level, const std::string& part) const {
+    return std::count_if(lines.begin(), lines.end(), [&](const Line& l) {
+      return l.level == level && l.text.find(part) != std::string::npos;
+    });
+  }
+};
+
+TEST(HostilePeerTest, TheLogNamesTheNodePeerAndLimitOfACloseAndIsSilentBelowItsLevel) {
+  LogCapture log(LogLevel::Warn);
+  const auto& lines = log.lines;
   Peer target("target", Settings("stallTimeout=200"), true);
   RawPeer early(target), late(target);
   early.socket.Send("MSG  QEL/2.1\r\nDestinat");
@@ -218,6 +229,7 @@ TEST(HostilePeerTest, BodiesPastTheMemoryBudgetCloseTheLargestHolder) {
 }
 
 TEST(HostilePeerTest, ConnectionsPastMaxConnectionsAreRefusedAndSaidOnce) {
+  LogCapture log(LogLevel::Debug);
   Peer target("target", Settings("maxConnections=2"), true);
   RawPeer first(target), second(target);
   std::vector<std::unique_ptr<Socket>> extra;
@@ -231,6 +243,9 @@ TEST(HostilePeerTest, ConnectionsPastMaxConnectionsAreRefusedAndSaidOnce) {
   EXPECT_EQ(target.errors, (std::vector<std::string>{"Connection from 127.0.0.1 refused: 2 "
                                                      "connections are open (maxConnections)"}));
   EXPECT_EQ(target.established.size(), 2u);
+  // The log has each refusal, but a flood of them at info only once.
+  EXPECT_EQ(log.Count(LogLevel::Info, "[refused: connections]"), 1u);
+  EXPECT_EQ(log.Count(LogLevel::Debug, "[refused: connections]"), 2u);
   first.socket.Send(Message("served"));
   ASSERT_TRUE(Eventually([&] { return target.messages.size() == 1; }));
 }
