@@ -23,7 +23,9 @@ $(BUILD)/build.ninja:
 build: setup $(BUILD)/build.ninja
 	cmake --build $(BUILD) -j $(JOBS)
 
-run: build
+# Only the command and the library: the tests, examples and soak wait for make build.
+run: setup $(BUILD)/build.ninja
+	cmake --build $(BUILD) -j $(JOBS) --target qel_cli
 	$(BUILD)/bin/qel node --port 4000
 
 # The tests and benchmarks skip themselves while their packages are missing,

@@ -6,6 +6,7 @@
 #include <qel/error.h>
 #include <qel/event_loop.h>
 #include <qel/file_io.h>
+#include <qel/log.h>
 #include <qel/md5.h>
 #include <qel/node.h>
 #include <qel/rpc.h>

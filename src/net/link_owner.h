@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "net/link_id.h"
@@ -80,6 +81,8 @@ class LinkOwner : public std::enable_shared_from_this<LinkOwner> {
   virtual void OnLinkMessage(LinkId link, typMessage&& message) = 0;
   // Something about one of the owner's connections the host should hear of.
   virtual void OnLinkFault(const std::string& text) = 0;
+  // The name log lines about the owner's links carry.
+  virtual std::string_view LogName() const { return {}; }
 
  private:
   friend class LinkTable;

@@ -7,11 +7,14 @@
 #include <algorithm>
 #include <utility>
 
+#include <asio/error.hpp>
+
 #include <qel/error.h>
 #include <qel/event_loop.h>
 
 #include "core/debug_log.h"
 #include "core/fault.h"
+#include "core/log.h"
 #include "core/stats.h"
 #include "net/dial_address.h"
 #include "net/memory_budget.h"
@@ -41,6 +44,19 @@ DialResult DialFailure(const std::error_code& ec, int32_t timeoutMs) {
       break;
   }
   return {DialFault::Other, ec.message()};
+}
+
+// Logs about link's owner; format runs only when level is on.
+template <class Format>
+void LogLink(LogLevel level, const Link& c, Format&& format) {
+  if (!LogOn(level)) return;
+  const auto owner = c.Owner.lock();
+  WriteLog(level, owner ? owner->LogName() : std::string_view(), format());
+}
+
+// The mark a log line about a refusal ends with.
+std::string RefusedMark(std::string_view refused) {
+  return refused.empty() ? std::string() : " [refused: " + std::string(refused) + "]";
 }
 
 // Restores a nesting counter however the scope is left.
@@ -122,7 +138,7 @@ void LinkTable::Attach(int32_t index) {
       .onConnected = [this, index] { OnConnected(index); },
       .onData = [this, index,
                  generation](std::string_view data) { OnData(index, generation, data); },
-      .onPeerClosed = [this, index] { OnPeerClosed(index); },
+      .onPeerClosed = [this, index](const std::error_code& ec) { OnPeerClosed(index, ec); },
       .onError =
           [this, index](const std::error_code& ec) {
             // A failed re-dial parks the element for the next upkeep tick; a
@@ -191,6 +207,12 @@ bool LinkTable::LinkUp(int32_t index, uint64_t generation) {
                         : c.redial ? LinkKind::Redialled
                                    : LinkKind::Dialled;
   c.redial = false;
+  LogLink(LogLevel::Debug, c, [&] {
+    return (c.accepted
+                ? "Connection from " + c.Name() + " accepted"
+                : "Connected to " + c.Name() + (kind == LinkKind::Redialled ? " again" : "")) +
+           (c.stream.Secure() ? " (TLS)" : "");
+  });
   owner->OnLinkUp({index, c.generation}, kind, c.accepted ? c.sck->RemoteHost() : c.Address);
   return c.generation == generation && IsUp(index);
 }
@@ -288,6 +310,7 @@ void LinkTable::Drain(int32_t index, uint64_t generation) {
            c.sck->State() == SocketState::Connected && owner->Alive()) {
       typMessage message = c.TakeMessage();
       DebugLine("** PROCESS ");
+      LogLink(LogLevel::Trace, c, [&] { return "From " + c.Name() + ": " + message.MsgType; });
       try {
         owner->OnLinkMessage({index, generation}, std::move(message));
       } catch (...) {
@@ -341,8 +364,11 @@ int32_t LinkTable::ListenOnPort(LinkOwner& owner, int32_t port, const std::strin
              [this, reuse](const std::error_code& ec) {
                auto& entry = listeners_[reuse];
                if (auto owner = Lock(entry.Owner)) {
-                 owner->OnLinkFault("Accepting on port " + std::to_string(entry.sck->LocalPort()) +
-                                    " paused: " + ec.message());
+                 const std::string text = "Accepting on port " +
+                                          std::to_string(entry.sck->LocalPort()) +
+                                          " paused: " + ec.message();
+                 Log(LogLevel::Warn, owner->LogName(), [&] { return text; });
+                 owner->OnLinkFault(text);
                }
              }),
          {},
@@ -356,7 +382,9 @@ int32_t LinkTable::ListenOnPort(LinkOwner& owner, int32_t port, const std::strin
   if (auto ec = entry.sck->Listen(static_cast<uint16_t>(port), address)) {
     // Errno values, whatever the category: the address itself is wrong.
     if (!address.empty() && (ec.value() == EINVAL || ec.value() == EADDRNOTAVAIL)) {
-      owner.OnLinkFault("Cannot listen on address '" + address + "': " + ec.message());
+      const std::string text = "Cannot listen on address '" + address + "': " + ec.message();
+      Log(LogLevel::Error, owner.LogName(), [&] { return text; });
+      owner.OnLinkFault(text);
     }
     return 0;
   }
@@ -378,17 +406,27 @@ void LinkTable::OnAccept(size_t listener, std::unique_ptr<Socket> socket) {
   std::string source = socket->RemoteHost();
   if (OpenCount(*owner) >= entry.limits.maxConnections) {
     TheStats().Refused(Refusal::Connections);
-    // Refused before the host is asked; said once until one is accepted again.
+    auto text = [&] {
+      return "Connection from " + source +
+             " refused: " + std::to_string(entry.limits.maxConnections) +
+             " connections are open (maxConnections)";
+    };
+    // Refused before the host is asked; said once until one is accepted again (the log says
+    // the rest at debug: a flood of dials must not flood it).
+    Log(entry.refusing ? LogLevel::Debug : LogLevel::Info, owner->LogName(),
+        [&] { return text() + RefusedMark(RefusalName(Refusal::Connections)); });
     if (!entry.refusing) {
       entry.refusing = true;
-      owner->OnLinkFault("Connection from " + source +
-                         " refused: " + std::to_string(entry.limits.maxConnections) +
-                         " connections are open (maxConnections)");
+      owner->OnLinkFault(text());
     }
     return;
   }
   entry.refusing = false;
-  if (owner->OnLinkRequest(source)) return;  // refused: the socket closes here
+  if (owner->OnLinkRequest(source)) {  // refused: the socket closes here
+    Log(LogLevel::Debug, owner->LogName(),
+        [&] { return "Connection from " + source + " refused by the host"; });
+    return;
+  }
   if (!owner->Alive() || socket->State() != SocketState::Connected) return;
   const std::string peer = socket->RemoteHost() + ":" + std::to_string(socket->RemotePort());
   socket->SetKeepAlive(entry.limits.keepAliveSec);
@@ -421,7 +459,9 @@ bool LinkTable::StartDial(int32_t index, bool redial) {
   const DialTarget target = ParseDialAddress(c.Address, c.limits.defaultPort);
   if (target.fault.fault != DialFault::None) {
     if (auto owner = Lock(c.Owner)) {
-      owner->OnLinkFault("Connect to " + c.Address + " failed: " + target.fault.why);
+      const std::string text = "Connect to " + c.Address + " failed: " + target.fault.why;
+      Log(LogLevel::Warn, owner->LogName(), [&] { return text; });
+      owner->OnLinkFault(text);
     }
     c.Maintain = false;
     return false;
@@ -490,11 +530,17 @@ void LinkTable::Redial(int32_t index) {
   StartDial(index, true);
 }
 
-void LinkTable::CloseLink(int32_t index, bool stopMaintaining) {
+void LinkTable::CloseLink(int32_t index, bool stopMaintaining, std::string_view logLine,
+                          std::string_view refused) {
   Link& c = *links_[index];
   if (c.sck->State() == SocketState::Closed) return;
   if (stopMaintaining) c.Maintain = false;
-  if (!c.up) return EndBeforeUp(index, {}, false);  // the owner never heard of it
+  if (!c.up) {  // the owner never heard of it
+    if (!logLine.empty()) {
+      LogLink(LogLevel::Info, c, [&] { return std::string(logLine) + RefusedMark(refused); });
+    }
+    return EndBeforeUp(index, {}, false);
+  }
   const size_t held = c.Held();
   // An accepted link whose peer never said where it listens is named by its IP.
   const std::string address = c.Name();
@@ -512,6 +558,13 @@ void LinkTable::CloseLink(int32_t index, bool stopMaintaining) {
   // it knew of this peer goes now, so neither routing nor a later close
   // names the old one.
   const std::string nodeID = std::exchange(c.NodeID, {});
+  LogLink(LogLevel::Info, c, [&] {
+    std::string line = logLine.empty() ? "Connection to " + address + " closed by this node"
+                                       : std::string(logLine);
+    line += RefusedMark(refused);
+    if (!nodeID.empty()) line += " [NodeID: " + nodeID + "]";
+    return line;
+  });
   auto owner = Lock(c.Owner);
   if (!owner) return;
   owner->OnLinkDown({index, c.generation}, address, nodeID);
@@ -520,14 +573,19 @@ void LinkTable::CloseLink(int32_t index, bool stopMaintaining) {
   }
 }
 
-void LinkTable::CloseRefused(int32_t index, const std::string& text) {
+void LinkTable::CloseRefused(int32_t index, const std::string& text, std::string_view refused) {
   links_[index]->holdRedial = true;
-  CloseWithFault(index, links_[index]->generation, text);
+  CloseWithFault(index, links_[index]->generation, text, refused);
 }
 
-void LinkTable::OnPeerClosed(int32_t index) {
+void LinkTable::OnPeerClosed(int32_t index, const std::error_code& ec) {
   Link& c = *links_[index];
-  if (c.up) return CloseLink(index, false);
+  if (c.up) {
+    return CloseLink(index, false,
+                     ec == asio::error::eof
+                         ? "Connection to " + c.Name() + " closed by the peer"
+                         : "Connection to " + c.Name() + " broke: " + ec.message());
+  }
   // An accepted link that closes before it said anything is not worth an Error.
   EndBeforeUp(index, c.accepted ? "" : "the peer closed the link during the TLS handshake", true);
 }
@@ -537,6 +595,9 @@ void LinkTable::EndBeforeUp(int32_t index, std::string why, bool fallBack) {
   if (c.sck->State() == SocketState::Closed) return;
   if (fallBack && c.stream.MayFallBack()) {
     DebugLine("Connection to " + c.Name() + ": no TLS there, dialled again in plaintext");
+    LogLink(LogLevel::Debug, c, [&] {
+      return "Connection to " + c.Name() + ": no TLS there, dialled again in plaintext";
+    });
     c.plainOnly = true;
     c.sck->Close();
     StartDial(index, c.redial);
@@ -550,6 +611,7 @@ void LinkTable::EndBeforeUp(int32_t index, std::string why, bool fallBack) {
   c.WakeDrainWaiters(true);
   if (c.draining == 0) c.ReleaseBuffers();
   if (why.empty()) return;
+  LogLink(LogLevel::Info, c, [&] { return "Connection to " + peer + " closed: " + why; });
   if (c.dialWaiting) {
     c.dialFault = why;
   } else if (auto owner = Lock(c.Owner)) {
@@ -557,7 +619,8 @@ void LinkTable::EndBeforeUp(int32_t index, std::string why, bool fallBack) {
   }
 }
 
-void LinkTable::CloseWithFault(int32_t index, uint64_t generation, const std::string& text) {
+void LinkTable::CloseWithFault(int32_t index, uint64_t generation, const std::string& text,
+                               std::string_view refused) {
   Link& c = *links_[index];
   if (c.generation != generation) return;
   if (auto owner = Lock(c.Owner)) {
@@ -565,17 +628,17 @@ void LinkTable::CloseWithFault(int32_t index, uint64_t generation, const std::st
     // The handler may have shut the node down or closed the link itself.
     if (c.generation != generation) return;
   }
-  CloseLink(index, false);
+  CloseLink(index, false, text, refused);
 }
 
-void LinkTable::CloseLater(int32_t index, std::string text) {
+void LinkTable::CloseLater(int32_t index, std::string text, std::string_view refused) {
   // Closed from the loop: the writer may be in the middle of a flood or a
   // handler, and closing raises events.
-  Post([this, index, generation = links_[index]->generation, text = std::move(text)] {
+  Post([this, index, generation = links_[index]->generation, text = std::move(text), refused] {
     Link& c = *links_[index];
     if (c.generation != generation || !c.backlogFull) return;
     if (c.sck->State() != SocketState::Connected) return;
-    CloseWithFault(index, generation, text);
+    CloseWithFault(index, generation, text, refused);
   });
 }
 
@@ -608,7 +671,8 @@ void LinkTable::SweepStalled() {
     TheStats().Refused(Refusal::Stall);
     CloseWithFault(i, c.generation,
                    "Connection to " + c.Name() + " closed: nothing received for " +
-                       std::to_string(c.limits.stallTimeoutMs) + " ms in the middle of a message");
+                       std::to_string(c.limits.stallTimeoutMs) + " ms in the middle of a message",
+                   RefusalName(Refusal::Stall));
   }
 }
 
@@ -636,7 +700,8 @@ void LinkTable::CheckBudget(int32_t index, size_t incoming) {
                "Connection to " + victim.Name() + " closed: it held " + std::to_string(close.held) +
                    " of the " + std::to_string(close.total) +
                    " bytes the node keeps for its connections, more than memoryBudget (" +
-                   std::to_string(budget.Limit()) + ")");
+                   std::to_string(budget.Limit()) + ")",
+               RefusalName(Refusal::Memory));
   }
 }
 
@@ -750,6 +815,8 @@ bool LinkTable::Admit(int32_t index, std::span<const std::string_view> pieces) {
   if (c.backlogFull) return false;
   size_t size = 0;
   for (std::string_view piece : pieces) size += piece.size();
+  LogLink(LogLevel::Trace, c,
+          [&] { return "To " + c.Name() + ": " + std::to_string(size) + " bytes"; });
   if (TheDebugLog().Enabled()) {
     DebugLine("<< OUTGOING <<<<<<<<<<");
     std::string text;

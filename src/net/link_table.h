@@ -14,6 +14,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include <qel/types.h>
@@ -63,9 +64,12 @@ class LinkTable {
   DialResult ConnectTo(LinkOwner& owner, const std::string& address, bool maintain,
                        const LinkLimits& limits);
   // Closes one link and tells its owner; a maintained one is dialled again without waiting.
-  void CloseLink(int32_t index, bool stopMaintaining);
+  // logLine says why, naming the peer (empty: this node closed it); refused names the
+  // refusal the close counts as, if any.
+  void CloseLink(int32_t index, bool stopMaintaining, std::string_view logLine = {},
+                 std::string_view refused = {});
   // See links::CloseRefused.
-  void CloseRefused(int32_t index, const std::string& text);
+  void CloseRefused(int32_t index, const std::string& text, std::string_view refused = {});
 
   // Takes socket (connected; in tests, in memory) as a link of owner under limits, accepted
   // or dialled, and brings it up as a real one: a dialled one starts its handshake, an
@@ -118,8 +122,8 @@ class LinkTable {
   void OnTransformed(int32_t index, uint64_t generation, std::string_view data);
   // Plaintext for the feeder.
   void FeedPlain(int32_t index, uint64_t generation, std::string_view data);
-  // The peer closed or the link broke.
-  void OnPeerClosed(int32_t index);
+  // The peer closed (ec is end of file) or the link broke.
+  void OnPeerClosed(int32_t index, const std::error_code& ec);
   // A link that is not up yet ends: dialled again in plaintext when it may fall back and
   // fallBack is asked; else closed, without the owner hearing of a link, and why (when not
   // empty) goes to the ConnectTo waiting for it or else to the owner.
@@ -140,8 +144,10 @@ class LinkTable {
   bool Admit(int32_t index, std::span<const std::string_view> pieces);
   // Closes index once its queue passes what any burst needs.
   void LimitBacklog(int32_t index);
-  void CloseWithFault(int32_t index, uint64_t generation, const std::string& text);
-  void CloseLater(int32_t index, std::string text);
+  // Tells the owner text and closes the link; refused names the refusal it counts as, if any.
+  void CloseWithFault(int32_t index, uint64_t generation, const std::string& text,
+                      std::string_view refused = {});
+  void CloseLater(int32_t index, std::string text, std::string_view refused = {});
   // Links of owner that are open or opening.
   int32_t OpenCount(const LinkOwner& owner) const;
 

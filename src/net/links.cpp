@@ -97,8 +97,8 @@ typLinkInfo Info(LinkId link) {
   return Table().Holds(link) ? Table().LinkInfo(link.index) : typLinkInfo{};
 }
 
-void CloseRefused(LinkId link, const std::string& text) {
-  if (Current(link)) Table().CloseRefused(link.index, text);
+void CloseRefused(LinkId link, const std::string& text, std::string_view refused) {
+  if (Current(link)) Table().CloseRefused(link.index, text, refused);
 }
 
 bool HasOpenLink(const LinkOwner& owner) {

@@ -82,8 +82,9 @@ const std::string& PeerKey(LinkId link);
 typLinkInfo Info(LinkId link);
 // Tells link's owner text and closes the link for who its peer is: a maintained one is
 // dialled again by the upkeep tick, not at once, so a peer refused on sight cannot keep the
-// node dialling it. May run the loop (the owner hears of the close).
-void CloseRefused(LinkId link, const std::string& text);
+// node dialling it. refused names the refusal the close counts as, for the log. May run the
+// loop (the owner hears of the close).
+void CloseRefused(LinkId link, const std::string& text, std::string_view refused = {});
 
 // Whether any link of owner is up.
 bool HasOpenLink(const LinkOwner& owner);

@@ -246,7 +246,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
       // The owner closes it in its handler, so that its own close logic runs;
       // the handler may even have connected this socket anew.
       const uint64_t before = generation;
-      if (auto h = handlers.onPeerClosed) h();
+      if (auto h = handlers.onPeerClosed) h(ec);
       if (generation == before) CloseNow();
       return;
     }

@@ -31,7 +31,8 @@ class Socket {
   struct Handlers {
     std::function<void()> onConnected;                    // outgoing connect completed
     std::function<void(std::string_view)> onData;         // bytes arrived
-    std::function<void()> onPeerClosed;                   // the peer closed or the link broke
+    // The peer closed (ec is end of file) or the link broke.
+    std::function<void(const std::error_code&)> onPeerClosed;
     std::function<void(const std::error_code&)> onError;  // a connect failed
     std::function<void(size_t)> onSent;                   // bytes handed to the kernel
     // Asked right before every read: room where the owner wants the next

@@ -5,6 +5,7 @@
 #include <qel/version.h>
 
 #include "core/debug_log.h"
+#include "core/log.h"
 #include "core/stats.h"
 #include "net/event_loop.h"
 #include "net/links.h"
@@ -59,6 +60,7 @@ void Module::UpdateConfirmTimer() {
 }
 
 void Module::Init() {
+  ReadLogEnvironment();
   AdvertisedAddress();
   NodeSlots.resize(1);
   // The statistics timer turns the counters into rates twice a second and

@@ -235,9 +235,11 @@ bool KeyFits(RoutingNode& node, const std::string& sender, LinkId conn) {
   if (bound.empty()) bound = node.BoundKeys.Bind(sender, key);
   if (bound.empty()) return true;
   TheStats().Refused(Refusal::KeyMismatch);
-  links::CloseRefused(conn, "Connection to " + links::Info(conn).Address + " closed: node " +
-                                sender + " announced itself with key " + key +
-                                ", but that node ID is bound to key " + bound);
+  links::CloseRefused(conn,
+                      "Connection to " + links::Info(conn).Address + " closed: node " + sender +
+                          " announced itself with key " + key +
+                          ", but that node ID is bound to key " + bound,
+                      RefusalName(Refusal::KeyMismatch));
   return false;
 }
 

@@ -129,7 +129,10 @@ bool NoteSeen(RoutingNode& node, std::string_view id) {
 void NoteOwnID(RoutingNode& node, std::string_view id) {
   const uint64_t cuts = node.RecentIDs.Cuts();
   NoteSeen(node, id);
-  if (node.RecentIDs.Cuts() != cuts) TheStats().Refused(Refusal::DupWindow);
+  if (node.RecentIDs.Cuts() == cuts) return;
+  TheStats().Refused(Refusal::DupWindow);
+  LogRefusal(node, Refusal::DupWindow, LogLevel::Debug,
+             "Own message's ID left the duplicate window early");
 }
 
 }  // namespace

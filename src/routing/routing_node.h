@@ -33,6 +33,7 @@ struct RoutingNode : LinkOwner {
   // Identity, from Initialise.
   std::string NodeID;
   std::string Name;
+  std::string_view LogName() const override { return Name; }
   enmRole Role = role_Peer;
   std::string Descriptor;
   int32_t ListenPort = 0;

@@ -10,6 +10,7 @@
 
 #include "../support/error_text.h"
 #include "core/debug_log.h"
+#include "core/log.h"
 #include "core/new_id.h"
 #include "core/stats.h"
 
@@ -32,6 +33,22 @@ TEST(DebugLogTest, AnOversizeLineIsCutAndOlderLinesGiveWay) {
   EXPECT_LE(log.Text().size(), DebugLog::kLimit);
   EXPECT_TRUE(log.Text().ends_with(std::string(999, 'v') + "\r\n"));
   EXPECT_EQ(log.Text().find(std::string(1000, 'x')), std::string::npos);
+}
+
+TEST(LogTest, QelLogNamesALevelInAnyCaseAndAnythingElseLeavesLoggingOff) {
+  EXPECT_EQ(LevelFromEnvironment("DeBuG").level, LogLevel::Debug);
+  EXPECT_EQ(LevelFromEnvironment("trace").level, LogLevel::Trace);
+  for (const char* unset : {static_cast<const char*>(nullptr), ""}) {
+    const EnvLogLevel asked = LevelFromEnvironment(unset);
+    EXPECT_EQ(asked.level, LogLevel::Off);
+    EXPECT_TRUE(asked.warning.empty());
+  }
+  // Near misses and numbers must not turn on some level by accident.
+  for (const char* bad : {"debu", "debugx", "info ", "3", "verbose", "\x7f\xff"}) {
+    const EnvLogLevel asked = LevelFromEnvironment(bad);
+    EXPECT_EQ(asked.level, LogLevel::Off) << bad;
+    EXPECT_NE(asked.warning.find("logging stays off"), std::string::npos) << bad;
+  }
 }
 
 TEST(NewIdTest, DrawsAreUniqueVersion4Guids) {

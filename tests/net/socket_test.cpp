@@ -31,7 +31,7 @@ TEST(SocketTest, ConnectsSendsBothWaysAndSeesThePeerClose) {
   size_t sent = 0;
   client.SetHandlers({.onConnected = [&] { connected = true; },
                       .onData = [&](std::string_view data) { clientReceived.append(data); },
-                      .onPeerClosed = [&] { closed = true; },
+                      .onPeerClosed = [&](const std::error_code&) { closed = true; },
                       .onSent = [&](size_t n) { sent += n; }});
   client.Connect("127.0.0.1", server.Port());
   EXPECT_EQ(client.State(), SocketState::Connecting);

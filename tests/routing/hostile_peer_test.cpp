@@ -6,6 +6,7 @@
 #include <random>
 
 #include "../support/peers.h"
+#include "core/log.h"
 #include "core/stats.h"
 #include "net/links.h"
 #include "protocol/body.h"
@@ -165,6 +166,54 @@ TEST(HostilePeerTest, StalledSendersAreClosedAndIdlePeersStay) {
   EXPECT_FALSE(idle.closedByNode);
 }
 
+// What the nodes log while it lives, at level and above; logging is off again after it.
+struct LogCapture {
+  struct Line {
+    LogLevel level;
+    std::string node, text;
+  };
+  std::vector<Line> lines;
+  explicit LogCapture(LogLevel level) {
+    SetLogSink([this](LogLevel at, std::string_view node, std::string_view text) {
+      lines.push_back({at, std::string(node), std::string(text)});
+    });
+    SetLogLevel(level);
+  }
+  ~LogCapture() {
+    SetLogLevel(LogLevel::Off);
+    SetLogSink({});
+  }
+  size_t Count(LogLevel level, const std::string& part) const {
+    return std::count_if(lines.begin(), lines.end(), [&](const Line& l) {
+      return l.level == level && l.text.find(part) != std::string::npos;
+    });
+  }
+};
+
+TEST(HostilePeerTest, TheLogNamesTheNodePeerAndLimitOfACloseAndIsSilentBelowItsLevel) {
+  LogCapture log(LogLevel::Warn);
+  const auto& lines = log.lines;
+  Peer target("target", Settings("stallTimeout=200"), true);
+  RawPeer early(target), late(target);
+  early.socket.Send("MSG  QEL/2.1\r\nDestinat");
+  ASSERT_TRUE(Eventually([&] { return early.closedByNode; }));
+  int formatted = 0;
+  Log(LogLevel::Info, "target", [&] { return std::to_string(++formatted); });
+  EXPECT_EQ(formatted, 0);
+  EXPECT_TRUE(lines.empty());
+
+  SetLogLevel(LogLevel::Info);
+  const uint16_t latePort = late.socket.LocalPort();
+  late.socket.Send("MSG  QEL/2.1\r\nDestinat");
+  ASSERT_TRUE(Eventually([&] { return late.closedByNode; }));
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].level, LogLevel::Info);
+  EXPECT_EQ(lines[0].node, "target");
+  EXPECT_EQ(lines[0].text, "Connection to 127.0.0.1:" + std::to_string(latePort) +
+                               " closed: nothing received for 200 ms in the middle of a message"
+                               " [refused: stall]");
+}
+
 TEST(HostilePeerTest, BodiesPastTheMemoryBudgetCloseTheLargestHolder) {
   Peer target("target", Settings("memoryBudget=1048576"), true);
   RawPeer small(target), large(target);
@@ -180,19 +229,23 @@ TEST(HostilePeerTest, BodiesPastTheMemoryBudgetCloseTheLargestHolder) {
 }
 
 TEST(HostilePeerTest, ConnectionsPastMaxConnectionsAreRefusedAndSaidOnce) {
+  LogCapture log(LogLevel::Debug);
   Peer target("target", Settings("maxConnections=2"), true);
   RawPeer first(target), second(target);
   std::vector<std::unique_ptr<Socket>> extra;
   int refused = 0;
   for (int i = 0; i < 3; ++i) {
     auto& s = *extra.emplace_back(std::make_unique<Socket>());
-    s.SetHandlers({.onPeerClosed = [&] { ++refused; }});
+    s.SetHandlers({.onPeerClosed = [&](const std::error_code&) { ++refused; }});
     s.Connect("127.0.0.1", target.Port());
   }
   ASSERT_TRUE(Eventually([&] { return refused == 3; }));
   EXPECT_EQ(target.errors, (std::vector<std::string>{"Connection from 127.0.0.1 refused: 2 "
                                                      "connections are open (maxConnections)"}));
   EXPECT_EQ(target.established.size(), 2u);
+  // The log has each refusal, but a flood of them at info only once.
+  EXPECT_EQ(log.Count(LogLevel::Info, "[refused: connections]"), 1u);
+  EXPECT_EQ(log.Count(LogLevel::Debug, "[refused: connections]"), 2u);
   first.socket.Send(Message("served"));
   ASSERT_TRUE(Eventually([&] { return target.messages.size() == 1; }));
 }

@@ -125,7 +125,7 @@ struct RawPeer {
                                 else answers[GetSingleField(m.Fields, "ReqID")] = m;
                               });
                             },
-                        .onPeerClosed = [this] { closedByNode = true; }});
+                        .onPeerClosed = [this](const std::error_code&) { closedByNode = true; }});
     const size_t before = node.established.size();
     socket.Connect("127.0.0.1", node.Port());
     EXPECT_TRUE(Eventually([&] { return connected && node.established.size() > before; }));

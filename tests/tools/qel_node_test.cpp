@@ -30,7 +30,8 @@ TEST(QelNodeTest, MessagesCrossAMiddleProcessFollowRoutesLinksCloseAndBadCommand
   NodeProcess a(packed({"--name", "a", "--set", "Timeout=5000"})), c(packed({"--name", "c"}));
   Ready ra = WaitReady(a), rc = WaitReady(c);
   ASSERT_FALSE(ra.id.empty() || rc.id.empty());
-  NodeProcess b(packed({"--name", "b", "--connect", ra.address, "--connect", rc.address}));
+  NodeProcess b(
+      packed({"--name", "b", "--connect", ra.address, "--connect", rc.address, "--log", "info"}));
   NodeProcess d(packed({"--name", "d", "--connect", ra.address}));
   Ready rd = WaitReady(d), rb = WaitReady(b);
   ASSERT_EQ(d.WaitFor([](const json& l) { return l.value("command", "") == "connect"; })["ok"],
@@ -109,6 +110,11 @@ TEST(QelNodeTest, MessagesCrossAMiddleProcessFollowRoutesLinksCloseAndBadCommand
   // links a node accepted and its listener, which listen opens again.
   EXPECT_EQ(c.Command("disconnect-node " + rb.id)["value"], true);
   b.WaitEvent("ConnectionClosed");
+  // --log writes each close on stderr, with the node's name and the reason.
+  EXPECT_NE(b.Errors().find(" info  b: Connection to " + rc.address +
+                            " closed by the peer [NodeID: " + rc.id + "]\n"),
+            std::string::npos)
+      << b.Errors();
   EXPECT_EQ(c.Command("disconnect-node " + rb.id)["ok"], false);
   EXPECT_EQ(a.Command("disconnect-all")["ok"], true);
   d.WaitEvent("ConnectionClosed");
@@ -439,6 +445,7 @@ TEST(QelNodeTest, SettingsAndOptionsAreCheckedBeforeTheNodeStarts) {
            {{"--port", "65536"}, "65535"},
            {{"--listen-address", "localhost"}, "numeric IPv4 or IPv6"},
            {{"--role", "king"}, "king"},
+           {{"--log", "loud"}, "expected error, warn, info, debug, trace or off"},
            {{"--set", "noequals"}, "KEY=VALUE"},
            {{"--set", "bad key=1"}, "space"}}) {
     NodeProcess p(args);

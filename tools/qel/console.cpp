@@ -10,6 +10,7 @@
 
 #include <qel/error.h>
 #include <qel/event_loop.h>
+#include <qel/log.h>
 #include <qel/node.h>
 
 #include "commands.h"
@@ -159,6 +160,7 @@ int RunNode(const NodeOptions& options) {
   }
   if (!CheckSettings(settings, std::cerr)) return 2;
   qel::SetBusyPoll(options.busyPollUs);
+  if (!options.logLevel.empty()) qel::SetLogLevel(*qel::ParseLogLevel(options.logLevel));
 
   // A person at a terminal gets line editing; pipes and services do not.
   const bool interactive = !options.json && !options.noConsole && isatty(0) && isatty(1);
@@ -227,11 +229,18 @@ int RunNode(const NodeOptions& options) {
         console.Submit(std::move(line));
         return !console.Done();
       });
+      // Log lines go above the line being typed, as events do.
+      qel::SetLogSink([&editor](qel::LogLevel level, std::string_view node, std::string_view line) {
+        static constexpr const char* kNames[] = {"", "error", "warn", "info", "debug", "trace"};
+        editor->Print(std::string(kNames[static_cast<int>(level)]) + " " + std::string(node) +
+                      ": " + std::string(line) + "\n");
+      });
     } else if (!options.noConsole) {
       reader = std::make_unique<LineReader>(0, submit, [submit] { submit(std::nullopt); });
     }
     if (!console.Done()) qel::RunEventLoop();
     reader.reset();
+    if (editor) qel::SetLogSink({});
     editor.reset();
   }
   SilenceEvents(node);

@@ -13,6 +13,7 @@
 
 #include <qel/advanced_settings.h>
 #include <qel/error.h>
+#include <qel/log.h>
 #include <qel/settings.h>
 
 namespace qelcli {
@@ -125,6 +126,15 @@ void AddNodeOptions(CLI::App& command, NodeOptions& options) {
                   "Microseconds the loop polls before it blocks: shorter round trips, a busy CPU")
       ->check(CLI::Range(0, 1000000))
       ->option_text("US");
+  command
+      .add_option("--log", options.logLevel,
+                  "Log to stderr at this level and above (default: QEL_LOG, else off)")
+      ->check([](const std::string& level) {
+        return qel::ParseLogLevel(level)
+                   ? ""
+                   : "expected error, warn, info, debug, trace or off, got '" + level + "'";
+      })
+      ->option_text("LEVEL");
   command.add_flag("--maintain", options.maintain, "Re-dial the --connect nodes when they drop");
   command.add_flag("--json", options.json, "One JSON object per line, no prompt");
   command.add_flag("--no-console", options.noConsole,

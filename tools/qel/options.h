@@ -26,6 +26,7 @@ struct NodeOptions {
   std::string trustedPeers; // setting trustedPeers; empty: as the settings say
   std::vector<std::string> connects;
   int32_t busyPollUs = 0;  // qel::SetBusyPoll
+  std::string logLevel;    // qel::SetLogLevel; empty: QEL_LOG decides
   bool maintain = false;
   bool json = false;
   bool noConsole = false;
