@@ -17,6 +17,24 @@ size_t MessageBytes(const typMessage& message) {
   return message.Header.capacity() + message.Body.capacity() + message.Wire.capacity() + 256;
 }
 
+// What a message that still lies in the read's bytes costs: those bytes, which the read's
+// buffer keeps for it, and its record.
+size_t InPlaceBytes(const PackedMessage& message) {
+  return message.bytes.size() + sizeof(PackedMessage);
+}
+
+// Arrays for messages in place that no link uses now: a link takes one for a read's
+// messages and gives it back once they are handled, so a steady stream reuses the same
+// few, never grows one per read, and an idle link holds none. Larger ones (a burst of
+// tiny messages) are freed.
+constexpr size_t kSpareQueues = 2;
+constexpr size_t kSpareQueueSize = 1024;
+
+std::vector<std::vector<PackedMessage>>& SpareQueues() {
+  static auto* spare = new std::vector<std::vector<PackedMessage>>;  // links outlive statics
+  return *spare;
+}
+
 MessageFeeder FeederFor(const LinkLimits& limits) {
   return MessageFeeder(
       {.maxHeader = 65536, .maxMessage = limits.maxMessage, .keepPlainAsBytes = true});
@@ -81,10 +99,49 @@ MessageFeeder::Outcome Link::Feed(std::string_view plain) {
     DebugLine(">> INCOMING >>>>>>>>>>");
     DebugLine(plain);
   }
-  return partial_.Feed(plain, [this](typMessage&& message) {
-    inboxBytes_ += MessageBytes(message);
-    inbox_.push_back(std::move(message));
-  });
+  // Messages kept whole stay where they lie until the read's handler returns (Settle).
+  struct Take {
+    Link& link;
+    void operator()(typMessage&& message) const { link.Keep(std::move(message)); }
+    void operator()(const PackedMessage& message) const {
+      std::vector<PackedMessage>& queue = link.inPlace_;
+      if (queue.capacity() == 0 && !SpareQueues().empty()) {
+        queue = std::move(SpareQueues().back());
+        SpareQueues().pop_back();
+      }
+      queue.push_back(message);
+      link.inboxBytes_ += InPlaceBytes(message);
+    }
+  };
+  return partial_.Feed(plain, Take{*this});
+}
+
+void Link::Keep(typMessage&& message) {
+  Settle();
+  inboxBytes_ += MessageBytes(message);
+  inbox_.push_back(std::move(message));
+}
+
+void Link::Settle() {
+  for (; inPlaceHead_ < inPlace_.size(); ++inPlaceHead_) {
+    const PackedMessage& message = inPlace_[inPlaceHead_];
+    inboxBytes_ -= std::min(inboxBytes_, InPlaceBytes(message));
+    typMessage kept = ToMessage(message);
+    inboxBytes_ += MessageBytes(kept);
+    inbox_.push_back(std::move(kept));
+  }
+  EndInPlace();
+}
+
+void Link::EndInPlace() {
+  inPlace_.clear();
+  inPlaceHead_ = 0;
+  std::vector<std::vector<PackedMessage>>& spare = SpareQueues();
+  if (inPlace_.capacity() == 0) return;
+  if (inPlace_.capacity() <= kSpareQueueSize && spare.size() < kSpareQueues) {
+    spare.push_back(std::move(inPlace_));
+  }
+  std::vector<PackedMessage>().swap(inPlace_);
 }
 
 Link::Transformed Link::FeedTransformed(std::string_view bytes) {
@@ -105,16 +162,15 @@ Link::Transformed Link::FeedTransformed(std::string_view bytes) {
       fed = true;
       if (!direct_) {
         outcome = link_.Feed(std::string_view(buffer_, n));
+        link_.Settle();  // the next record is decrypted into the same buffer
         return;
       }
       if (TheDebugLog().Enabled()) {
         DebugLine(">> INCOMING >>>>>>>>>>");
         DebugLine(std::string_view(link_.partial_.BodyRoom().data(), n));
       }
-      link_.partial_.FeedDirect(n, [this](typMessage&& message) {
-        link_.inboxBytes_ += MessageBytes(message);
-        link_.inbox_.push_back(std::move(message));
-      });
+      link_.partial_.FeedDirect(n,
+                                [this](typMessage&& message) { link_.Keep(std::move(message)); });
     }
     MessageFeeder::Outcome outcome = MessageFeeder::Outcome::Ok;
     bool fed = false;
@@ -143,10 +199,7 @@ void Link::FeedDirect(size_t n) {
     DebugLine(std::string_view(partial_.BodyRoom().data(), n));
   }
   lastByteTick = TickCount();
-  partial_.FeedDirect(n, [this](typMessage&& message) {
-    inboxBytes_ += MessageBytes(message);
-    inbox_.push_back(std::move(message));
-  });
+  partial_.FeedDirect(n, [this](typMessage&& message) { Keep(std::move(message)); });
 }
 
 std::string Link::TooLong(MessageFeeder::Outcome outcome) const {
@@ -169,7 +222,17 @@ void Link::PaceReading() {
 typMessage Link::TakeMessage() {
   typMessage message = inbox_.take_front();
   inboxBytes_ -= std::min(inboxBytes_, MessageBytes(message));
-  if (inbox_.empty()) sck->ResumeReading();
+  if (!HasMessage()) sck->ResumeReading();
+  return message;
+}
+
+PackedMessage Link::TakeInPlace() {
+  const PackedMessage message = inPlace_[inPlaceHead_++];
+  inboxBytes_ -= std::min(inboxBytes_, InPlaceBytes(message));
+  if (inPlaceHead_ == inPlace_.size()) {
+    EndInPlace();
+    sck->ResumeReading();
+  }
   return message;
 }
 
@@ -249,6 +312,7 @@ void Link::Discard() {
   partial_.Reset();
   if (draining == 0) {
     inbox_.Release();
+    EndInPlace();
     inboxBytes_ = 0;
   }
 }
@@ -259,6 +323,7 @@ void Link::ReleaseBuffers() {
   MessageFeeder fresh = FeederFor(limits);
   std::swap(partial_, fresh);
   inbox_.Release();
+  EndInPlace();
   inboxBytes_ = 0;
   drainPending = false;
   backlogFull = false;

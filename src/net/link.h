@@ -118,8 +118,18 @@ class Link {
   void PaceReading();
   // Whether the peer is in the middle of a message.
   bool InMessage() const { return partial_.InProgress(); }
-  bool HasMessage() const { return !inbox_.empty(); }
+  bool HasMessage() const { return !inbox_.empty() || inPlaceHead_ < inPlace_.size(); }
+  // Whether the next message is one of its own (TakeMessage), not one that still lies in
+  // the bytes of the read being handled (TakeInPlace).
+  bool NextKept() const { return !inbox_.empty(); }
   typMessage TakeMessage();
+  // The next message, a view into the bytes of the read being handled: valid until the
+  // handler of that read returns.
+  PackedMessage TakeInPlace();
+  // Copies the messages that still lie in the read's bytes into records of their own,
+  // for those bytes are about to go: when the read's handler ends, or before a message
+  // that must queue behind them.
+  void Settle();
 
   // Whether the link takes writes: up, and not about to close.
   bool Writable() const { return IsUp() && !backlogFull; }
@@ -152,9 +162,16 @@ class Link {
 
  private:
   MessageFeeder partial_;
-  // Complete messages not yet handled, and their bytes.
+  // Complete messages not yet handled, and their bytes: first those with records of
+  // their own, then those still in the bytes of the read being handled.
   Inbox inbox_;
+  std::vector<PackedMessage> inPlace_;
+  size_t inPlaceHead_ = 0;
   size_t inboxBytes_ = 0;
+  // Queues a message with a record of its own, behind those in place.
+  void Keep(typMessage&& message);
+  // Empties the queue of messages in place and gives its array back.
+  void EndInPlace();
   // Callers waiting for the send queue to shrink below their mark.
   struct DrainWaiter {
     size_t below;

@@ -79,6 +79,12 @@ class LinkOwner : public std::enable_shared_from_this<LinkOwner> {
   // A complete message arrived on link. May run the loop; may throw, which
   // the table reports through OnLinkFault before closing that link.
   virtual void OnLinkMessage(LinkId link, typMessage&& message) = 0;
+  // The same for a message still in the bytes of the read that brought it, valid until
+  // this returns; an owner that keeps it must copy it. By default it is made a record of
+  // its own.
+  virtual void OnLinkMessage(LinkId link, const PackedMessage& message) {
+    OnLinkMessage(link, ToMessage(message));
+  }
   // Something about one of the owner's connections the host should hear of.
   virtual void OnLinkFault(const std::string& text) = 0;
   // The name log lines about the owner's links carry.

@@ -278,9 +278,13 @@ void LinkTable::OnTransformed(int32_t index, uint64_t generation, std::string_vi
 void LinkTable::FeedPlain(int32_t index, uint64_t generation, std::string_view data) {
   Link& c = *links_[index];
   if (auto outcome = c.Feed(data); outcome != MessageFeeder::Outcome::Ok) {
-    return CloseWithFault(index, generation, c.TooLong(outcome));
+    CloseWithFault(index, generation, c.TooLong(outcome));
+  } else {
+    AfterFeed(index, generation);
   }
-  AfterFeed(index, generation);
+  // Messages handled here were read where they lay in data; what must wait for a later
+  // round is copied out before data goes.
+  c.Settle();
 }
 
 void LinkTable::AfterFeed(int32_t index, uint64_t generation) {
@@ -308,11 +312,14 @@ void LinkTable::Drain(int32_t index, uint64_t generation) {
     DepthGuard guard(c.draining, depth_);
     while (c.HasMessage() && c.generation == generation &&
            c.sck->State() == SocketState::Connected && owner->Alive()) {
-      typMessage message = c.TakeMessage();
       DebugLine("** PROCESS ");
       LogLink(LogLevel::Trace, c, [&] { return "From " + c.Name() + ": " + message.MsgType; });
       try {
-        owner->OnLinkMessage({index, generation}, std::move(message));
+        if (c.NextKept()) {
+          owner->OnLinkMessage({index, generation}, c.TakeMessage());
+        } else {
+          owner->OnLinkMessage({index, generation}, c.TakeInPlace());
+        }
       } catch (...) {
         // Nothing a peer sends may unwind the loop: this link goes, the
         // node and its other links stay.

@@ -27,9 +27,9 @@ namespace {
 // The buffer every socket of the process reads into. The loop runs on one
 // thread, so a socket waits until the kernel has bytes for it and only then
 // borrows this buffer: an idle connection holds no read buffer at all. A
-// data handler keeps it until it resumes reading or returns; a socket that
-// becomes readable meanwhile (in a loop the handler runs) reads into a
-// buffer of its own for that one read.
+// data handler keeps it until it returns, for messages are handled where
+// they lie; a socket that becomes readable meanwhile (in a loop the handler
+// runs) reads into a buffer of its own for that one read.
 struct ReadBuffer {
   std::unique_ptr<char[]> bytes;  // allocated at the first read
   uint64_t lease = 0;             // who has it now; 0: nobody
@@ -178,8 +178,8 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     }
     ReadBuffer& shared = TheReadBuffer();
     // The lease of this read, 0 for a buffer of its own. The outer one is
-    // saved and restored: once a handler resumed, or after a close and a new
-    // connect, a loop it runs may read this socket again.
+    // saved and restored: once a handler resumed reading, or after a close and
+    // a new connect, a loop it runs may read this socket again.
     struct Restore {
       Impl& impl;
       uint64_t outer;
@@ -258,6 +258,12 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
   }
 
   void Queue(std::string_view data) {
+    if (inMemory && outgoing.empty()) {
+      // No kernel to wait for: the bytes go where the link writes, as a flush would put them.
+      inMemory->append(data);
+      queuedBytes += data.size();
+      return;
+    }
     std::string* back =
         outgoing.empty() || outgoing.back().FromFile() ? nullptr : &outgoing.back().bytes;
     if (data.size() > kPieceBytes) {
@@ -283,16 +289,21 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
     queuedBytes += data.size();
   }
 
-  // Gives every piece back; a closed or drained socket holds none.
-  void GiveBack() {
+  // Gives every piece back. A socket that goes on keeps its emptied queue, which would be
+  // made again for the next write; release frees a long one's map too.
+  void GiveBack(bool release = true) {
     for (Piece& piece : outgoing) GivePiece(std::move(piece.bytes));
-    std::deque<Piece>().swap(outgoing);
+    if (release) {
+      std::deque<Piece>().swap(outgoing);
+    } else {
+      outgoing.clear();
+    }
     queuedBytes = 0;
     fileBytes = 0;
   }
 
   void ScheduleFlush() {
-    if (inMemory && !outgoing.empty()) {
+    if (inMemory && queuedBytes > 0) {
       bool ended = false;
       for (const Piece& piece : outgoing) {
         if (!piece.FromFile()) {
@@ -303,7 +314,7 @@ struct Socket::Impl : std::enable_shared_from_this<Impl> {
         }
       }
       const size_t n = queuedBytes;
-      GiveBack();
+      GiveBack(false);
       if (!memoryPeer.expired()) DeliverLater();
       if (ended) return FileEnded();
       if (auto h = handlers.onSent) h(n);
@@ -598,7 +609,6 @@ void Socket::Connect(const std::string& host, uint16_t port, int32_t timeoutMs) 
 
 void Socket::ResumeReading() {
   impl_->paused = false;
-  impl_->ReleaseBuffer();
   if (impl_->state == SocketState::Connected) impl_->StartReading();
 }
 

@@ -61,9 +61,9 @@ class Socket {
   // (onConnected) or Error (onError), at the latest after timeoutMs.
   void Connect(const std::string& host, uint16_t port, int32_t timeoutMs = 30000);
 
-  // Reads on while the data handler is still running. Until this is called
-  // (or the handler returns) the bytes the handler was given stay valid; after
-  // it, a nested run of the loop may deliver more data.
+  // Reads on while the data handler is still running: a nested run of the loop
+  // may deliver more data, into a buffer of that read's own. The bytes the
+  // handler was given stay valid until it returns.
   void ResumeReading();
   // Stops reading after the read in progress (the peer then waits in TCP's
   // flow control) until ResumeReading.

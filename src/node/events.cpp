@@ -18,8 +18,8 @@ void Raise(NodeState& node, const char* name, Handler cQEL::*event, Args&... arg
 
 }  // namespace
 
-void RaiseMessageReceived(NodeState& node, std::string strMessage, std::string strType,
-                          std::string nodeID) {
+void RaiseMessageReceived(NodeState& node, std::string& strMessage, std::string& strType,
+                          std::string& nodeID) {
   Raise(node, "MessageReceived", &cQEL::MessageReceived, strMessage, strType, nodeID);
 }
 

@@ -13,8 +13,8 @@ namespace qel {
 
 struct NodeState;
 
-void RaiseMessageReceived(NodeState& node, std::string strMessage, std::string strType,
-                          std::string nodeID);
+void RaiseMessageReceived(NodeState& node, std::string& strMessage, std::string& strType,
+                          std::string& nodeID);
 void RaiseErrorEvent(NodeState& node, std::string strMessage, std::string nodeID);
 // Returns true when the host cancelled the request.
 bool RaiseConnectionReq(NodeState& node, std::string SourceIP);

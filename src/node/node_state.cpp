@@ -16,8 +16,10 @@ NodeState::NodeState() {
   RegisterUserHandlers(Handlers, Users);
   RegisterRpcHandlers(Handlers, Rpc);
   Handlers.Register("MSG", [this](RoutingNode&, typMessage& message, const Arrival& from) {
-    ChatReceived(from.keepBody ? message.Body : std::move(message.Body),
-                 GetSingleField(message.Fields, "Type"), from.source);
+    std::string body = from.keepBody ? message.Body : std::move(message.Body);
+    std::string type = GetSingleField(message.Fields, "Type");
+    std::string source = from.source;
+    ChatReceived(body, type, source);
   });
 }
 
@@ -46,16 +48,20 @@ void NodeState::OnLinkMessage(LinkId link, typMessage&& message) {
   ProcessMessage(*this, std::move(message), link);
 }
 
+void NodeState::OnLinkMessage(LinkId link, const PackedMessage& message) {
+  ProcessMessage(*this, message, link);
+}
+
 void NodeState::OnLinkFault(const std::string& text) {
   ReportError(*this, text);
 }
 
-void NodeState::ChatReceived(std::string body, std::string type, std::string source) {
+void NodeState::ChatReceived(std::string& body, std::string& type, std::string& source) {
   // Chat goes straight to the host; an ERROR is the sender's fault report.
   if (type == "ERROR") {
     ReportError(*this, std::move(body), std::move(source));
   } else {
-    RaiseMessageReceived(*this, std::move(body), std::move(type), std::move(source));
+    RaiseMessageReceived(*this, body, type, source);
   }
 }
 

@@ -48,11 +48,12 @@ struct NodeState final : RoutingNode, TransferHost, FetchHost {
   void OnLinkUp(LinkId link, LinkKind kind, const std::string& sourceIP) override;
   void OnLinkDown(LinkId link, const std::string& address, const std::string& nodeID) override;
   void OnLinkMessage(LinkId link, typMessage&& message) override;
+  void OnLinkMessage(LinkId link, const PackedMessage& message) override;
   void OnLinkFault(const std::string& text) override;
 
   // What routing hands up.
   void RaiseError(std::string strMessage, std::string nodeID) override;
-  void ChatReceived(std::string body, std::string type, std::string source) override;
+  void ChatReceived(std::string& body, std::string& type, std::string& source) override;
 
   // What file transfer hands up.
   bool FileRequest(std::string resource, std::string fullPath, std::string asker, std::string reqID,

@@ -40,13 +40,8 @@ bool MessageFeeder::TakeWhole(std::string_view& data) {
       static_cast<uint64_t>(length) > data.size() - index.headerSize) {
     return false;
   }
-  current_.Wire.assign(data.substr(0, index.headerSize + static_cast<size_t>(length)));
-  current_.MsgType.assign(type);
-  current_.Index = index;
-  current_.HeaderDone = true;
-  bodyLength_ = 0;
-  bodyFilled_ = 0;
-  data.remove_prefix(current_.Wire.size());
+  whole_ = {data.substr(0, index.headerSize + static_cast<size_t>(length)), type, index};
+  data.remove_prefix(whole_.bytes.size());
   return true;
 }
 
@@ -95,7 +90,7 @@ MessageFeeder::StepResult MessageFeeder::Step(std::string_view& data) {
     // A message that starts in data and ends there too, in the plain form,
     // is found and indexed in one pass, and kept as it came.
     if (limits_.keepPlainAsBytes && current_.Header.empty() && TakeWhole(data))
-      return StepResult::Complete;
+      return StepResult::Whole;
     StepResult header = TakeHeader(data);
     if (header != StepResult::Complete) return header;
   }

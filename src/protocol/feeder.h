@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <span>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "protocol/message.h"
@@ -23,7 +24,8 @@ class MessageFeeder {
     int64_t maxMessage = 67108864;
     // A message that arrives whole in the plain form nodes write comes out
     // as bytes (Wire and Index set; Fields and Body empty until Unpack):
-    // what a relay needs, without parsing.
+    // what a relay needs, without parsing. A callback that takes a
+    // PackedMessage gets it as a view into the data instead, uncopied.
     bool keepPlainAsBytes = false;
   };
 
@@ -37,7 +39,9 @@ class MessageFeeder {
   explicit MessageFeeder(Limits limits) : limits_(limits) {}
 
   // Consumes data, calling onMessage(typMessage&&) once per message completed,
-  // with the message moved out and the feeder already waiting for the next.
+  // with the message moved out and the feeder already waiting for the next;
+  // or onMessage(const PackedMessage&), when the callback takes one, for a
+  // message kept as bytes (a view into data).
   // A malformed header drops that message up to its empty line (it carries
   // no body) and is counted; parsing goes on after it. HeaderTooLong and BodyTooLong
   // drop the message in progress and the rest of data. onMessage must not call
@@ -53,6 +57,14 @@ class MessageFeeder {
           if (data.empty()) return Outcome::Ok;
           break;
         }
+        case StepResult::Whole:
+          if constexpr (std::is_invocable_v<Callback&, const PackedMessage&>) {
+            onMessage(static_cast<const PackedMessage&>(whole_));
+          } else {
+            onMessage(ToMessage(whole_));
+          }
+          if (data.empty()) return Outcome::Ok;
+          break;
         case StepResult::Dropped:
           // Only that header is lost: the next message starts right after
           // its empty line, wherever the stream was cut.
@@ -109,13 +121,13 @@ class MessageFeeder {
   size_t malformedCount() const { return malformed_; }
 
  private:
-  enum class StepResult { NeedMore, Complete, Dropped, HeaderTooLong, BodyTooLong };
+  enum class StepResult { NeedMore, Complete, Whole, Dropped, HeaderTooLong, BodyTooLong };
 
   // Consumes data until the current message is complete or data runs out.
   StepResult Step(std::string_view& data);
   StepResult TakeHeader(std::string_view& data);
   // Takes a message that opens data and ends in it, when its header is in
-  // the plain form: kept as bytes, not parsed.
+  // the plain form: seen as bytes (whole_), not parsed.
   bool TakeWhole(std::string_view& data);
   // Makes room for size bytes of the body (at most its announced length).
   void Reserve(size_t size);
@@ -124,6 +136,8 @@ class MessageFeeder {
 
   Limits limits_;
   typMessage current_;
+  // The last message TakeWhole found, a view into the data being fed.
+  PackedMessage whole_;
   // The body length announced by the current message's header.
   int64_t bodyLength_ = 0;
   // How much of the body arrived; the body's size is larger while room for

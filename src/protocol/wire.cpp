@@ -288,6 +288,15 @@ std::string_view ReceivedField(const typMessage& message, WireSpan WireIndex::*s
   return value ? std::string_view(*value) : std::string_view();
 }
 
+typMessage ToMessage(const PackedMessage& packed) {
+  typMessage message;
+  message.Wire.assign(packed.bytes);
+  message.MsgType.assign(packed.type);
+  message.Index = packed.index;
+  message.HeaderDone = true;
+  return message;
+}
+
 void Unpack(typMessage& message) {
   if (!message.Index.valid || !message.Fields.empty()) return;
   const std::string_view bytes = message.Wire;

@@ -32,6 +32,20 @@ struct WireIndex {
   WireSpan id, destination, source, type, flags, ttl, hops, route, contentLength, reqID;
 };
 
+// A message that arrived whole in the plain form, seen where it lies: its
+// bytes (header, then body), the start line's type word within them and its
+// index. Valid as long as the bytes are: a receiver hands it on while the
+// read that brought it is handled, and copies it out (ToMessage) to keep it.
+struct PackedMessage {
+  std::string_view bytes;
+  std::string_view type;
+  WireIndex index;
+};
+
+// The same message as a record of its own: Wire holds a copy of the bytes,
+// MsgType the type and Index the index; Fields and Body wait for Unpack.
+typMessage ToMessage(const PackedMessage& packed);
+
 // Finds the header at the start of bytes (which may go on past it: a body,
 // more messages) and indexes it in one pass, when parsing it and writing the
 // result out again would give back exactly its bytes: an upper-case type, no

@@ -306,20 +306,19 @@ bool SeenBefore(RoutingNode& node, std::string_view id) {
   return seen;
 }
 
+void ForwardPacket(RoutingNode& node, std::string_view bytes, const WireIndex& index,
+                   LinkId fromConn) {
+  // Only TTL, Hops and Route are new, and every link queues the same pieces.
+  const int64_t ttl = NextTTL(node, Text(bytes, index.ttl));
+  if (ttl < 1) return;
+  const RelayCopy copy(bytes, index, ttl, NextHops(Text(bytes, index.hops)),
+                       ExtendsRoute(node, index.route.In(bytes)), node.NodeID);
+  CountSent();
+  links::WriteToAllExcept(node, fromConn, copy.Pieces());
+}
+
 void ForwardPacket(RoutingNode& node, typMessage& message, LinkId fromConn) {
-  if (message.Index.valid) {
-    // Spliced from the bytes as they arrived: only TTL, Hops and Route are
-    // new, and every link queues the same pieces.
-    const std::string_view bytes = message.Wire;
-    const WireIndex& index = message.Index;
-    const int64_t ttl = NextTTL(node, Text(bytes, index.ttl));
-    if (ttl < 1) return;
-    const RelayCopy copy(bytes, index, ttl, NextHops(Text(bytes, index.hops)),
-                         ExtendsRoute(node, index.route.In(bytes)), node.NodeID);
-    CountSent();
-    links::WriteToAllExcept(node, fromConn, copy.Pieces());
-    return;
-  }
+  if (message.Index.valid) return ForwardPacket(node, message.Wire, message.Index, fromConn);
   FieldList& fields = message.Fields;
   const int64_t ttl = NextTTL(node, Text(FindField(fields, "TTL")));
   if (ttl < 1) return;

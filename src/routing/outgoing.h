@@ -81,5 +81,8 @@ bool SeenBefore(RoutingNode& node, std::string_view id);
 // a peer wrote (a name that also arrives as an array included). A large
 // body may be taken over, leaving message.Body empty.
 void ForwardPacket(RoutingNode& node, typMessage& message, LinkId fromConn);
+// The same for a message kept as the bytes it arrived in, spliced from them.
+void ForwardPacket(RoutingNode& node, std::string_view bytes, const WireIndex& index,
+                   LinkId fromConn);
 
 }  // namespace qel

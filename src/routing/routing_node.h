@@ -113,8 +113,16 @@ struct RoutingNode : LinkOwner {
   // Raises the node's Error event. May run the loop.
   virtual void RaiseError(std::string strMessage, std::string nodeID) = 0;
   // Hands a chat message (MSG) to the host: its body, its Type and the node
-  // that sent it. May run the loop.
-  virtual void ChatReceived(std::string body, std::string type, std::string source) = 0;
+  // that sent it, which the host may change or take. May run the loop.
+  virtual void ChatReceived(std::string& body, std::string& type, std::string& source) = 0;
+
+  // The strings plain chat reaches the host in, filled anew for each message
+  // so that a steady stream allocates nothing; busy while a handler that
+  // runs the loop holds them (a message it receives gets strings of its own).
+  struct ChatStrings {
+    std::string body, type, source;
+    bool busy = false;
+  } Chat;
 };
 
 }  // namespace qel
