@@ -313,12 +313,16 @@ void LinkTable::Drain(int32_t index, uint64_t generation) {
     while (c.HasMessage() && c.generation == generation &&
            c.sck->State() == SocketState::Connected && owner->Alive()) {
       DebugLine("** PROCESS ");
-      LogLink(LogLevel::Trace, c, [&] { return "From " + c.Name() + ": " + message.MsgType; });
       try {
         if (c.NextKept()) {
-          owner->OnLinkMessage({index, generation}, c.TakeMessage());
+          typMessage message = c.TakeMessage();
+          LogLink(LogLevel::Trace, c, [&] { return "From " + c.Name() + ": " + message.MsgType; });
+          owner->OnLinkMessage({index, generation}, std::move(message));
         } else {
-          owner->OnLinkMessage({index, generation}, c.TakeInPlace());
+          const PackedMessage message = c.TakeInPlace();
+          LogLink(LogLevel::Trace, c,
+                  [&] { return "From " + c.Name() + ": " + std::string(message.type); });
+          owner->OnLinkMessage({index, generation}, message);
         }
       } catch (...) {
         // Nothing a peer sends may unwind the loop: this link goes, the
