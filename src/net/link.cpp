@@ -85,6 +85,7 @@ void Link::Reset(const LinkLimits& newLimits) {
   dialWaiting = false;
   dialFault.clear();
   holdRedial = false;
+  traffic = {};
   ReleaseBuffers();
   ++generation;
 }
@@ -193,6 +194,7 @@ std::span<char> Link::ReadRoom() {
 
 void Link::FeedDirect(size_t n) {
   TheStats().InBytesAcc += static_cast<int64_t>(n);
+  traffic.BytesIn += static_cast<int64_t>(n);
   if (TheDebugLog().Enabled()) {
     // The room starts where these bytes were put until they are counted.
     DebugLine(">> INCOMING >>>>>>>>>>");
@@ -221,6 +223,7 @@ void Link::PaceReading() {
 
 typMessage Link::TakeMessage() {
   typMessage message = inbox_.take_front();
+  ++traffic.MessagesIn;
   inboxBytes_ -= std::min(inboxBytes_, MessageBytes(message));
   if (!HasMessage()) sck->ResumeReading();
   return message;
@@ -228,6 +231,7 @@ typMessage Link::TakeMessage() {
 
 PackedMessage Link::TakeInPlace() {
   const PackedMessage message = inPlace_[inPlaceHead_++];
+  ++traffic.MessagesIn;
   inboxBytes_ -= std::min(inboxBytes_, InPlaceBytes(message));
   if (inPlaceHead_ == inPlace_.size()) {
     EndInPlace();

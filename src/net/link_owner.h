@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "core/stats.h"
 #include "net/link_id.h"
 #include "protocol/message.h"
 
@@ -89,6 +90,9 @@ class LinkOwner : public std::enable_shared_from_this<LinkOwner> {
   virtual void OnLinkFault(const std::string& text) = 0;
   // The name log lines about the owner's links carry.
   virtual std::string_view LogName() const { return {}; }
+
+  // This node's own traffic and refusals; the table counts what happens on its links.
+  NodeCounters Counters;
 
  private:
   friend class LinkTable;

@@ -27,6 +27,7 @@
 #include "node/advanced_values.h"
 #include "node/module.h"
 #include "node/node_access.h"
+#include "node/snapshot.h"
 #include "routing/confirm.h"
 #include "routing/discovery.h"
 #include "routing/outgoing.h"
@@ -529,6 +530,11 @@ typLinkInfo cQEL::EstablishedLink() {
 
 std::string cQEL::NodeID() {
   return Enter(*this)->NodeID;
+}
+
+NodeSnapshot cQEL::Snapshot() const {
+  // Enter takes the object only to find its slot.
+  return TakeSnapshot(*Enter(const_cast<cQEL&>(*this)));
 }
 
 std::string cQEL::KeyID() {

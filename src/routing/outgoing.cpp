@@ -130,7 +130,7 @@ void NoteOwnID(RoutingNode& node, std::string_view id) {
   const uint64_t cuts = node.RecentIDs.Cuts();
   NoteSeen(node, id);
   if (node.RecentIDs.Cuts() == cuts) return;
-  TheStats().Refused(Refusal::DupWindow);
+  node.Counters.Refused(Refusal::DupWindow);
   LogRefusal(node, Refusal::DupWindow, LogLevel::Debug,
              "Own message's ID left the duplicate window early");
 }
@@ -314,6 +314,7 @@ void ForwardPacket(RoutingNode& node, std::string_view bytes, const WireIndex& i
   const RelayCopy copy(bytes, index, ttl, NextHops(Text(bytes, index.hops)),
                        ExtendsRoute(node, index.route.In(bytes)), node.NodeID);
   CountSent();
+  ++node.Counters.Relayed;
   links::WriteToAllExcept(node, fromConn, copy.Pieces());
 }
 
@@ -322,6 +323,7 @@ void ForwardPacket(RoutingNode& node, typMessage& message, LinkId fromConn) {
   FieldList& fields = message.Fields;
   const int64_t ttl = NextTTL(node, Text(FindField(fields, "TTL")));
   if (ttl < 1) return;
+  ++node.Counters.Relayed;
   const int64_t hops = NextHops(Text(FindField(fields, "Hops")));
   PlainField(fields, "TTL") = std::to_string(ttl);
   PlainField(fields, "Hops") = std::to_string(hops);
