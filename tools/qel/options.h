@@ -26,6 +26,8 @@ struct NodeOptions {
   std::string trustedPeers; // setting trustedPeers; empty: as the settings say
   std::vector<std::string> connects;
   int32_t busyPollUs = 0;  // qel::SetBusyPoll
+  std::string http;        // ADDRESS:PORT of the admin server; empty: none
+  std::string httpToken;
   bool maintain = false;
   bool json = false;
   bool noConsole = false;
