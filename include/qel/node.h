@@ -9,6 +9,7 @@
 
 #include <qel/export.h>
 #include <qel/rpc.h>
+#include <qel/snapshot.h>
 #include <qel/types.h>
 
 namespace qel {
@@ -229,6 +230,12 @@ class QEL_API cQEL {
   // it is secure, the neighbour's key ID). Elsewhere, or once that link closed, a
   // typLinkInfo with Index 0. Runs no events.
   typLinkInfo EstablishedLink();
+
+  // The node's state now: identity, links, known nodes, transfers, memory and its
+  // counters, as plain values the caller keeps. On the loop's thread (QelError
+  // -2147221500 on another); runs no events. Cheap enough to call every second: its cost
+  // grows with the links, known nodes and transfers, never with the traffic.
+  NodeSnapshot Snapshot() const;
 
   // Changes the role the node announces from now on; nothing is sent.
   void switchRole(enmRole Role);

@@ -10,6 +10,7 @@
 #include <qel/node.h>
 #include <qel/rpc.h>
 #include <qel/settings.h>
+#include <qel/snapshot.h>
 #include <qel/stats.h>
 #include <qel/types.h>
 #include <qel/variant.h>

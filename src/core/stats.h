@@ -71,4 +71,38 @@ struct Stats {
 // The counters of the process, shared by every node.
 Stats& TheStats();
 
+// What a link carried: bytes as they went over the wire, whole messages.
+struct LinkTraffic {
+  int64_t MessagesIn = 0;
+  int64_t MessagesOut = 0;
+  int64_t BytesIn = 0;
+  int64_t BytesOut = 0;
+
+  LinkTraffic& operator+=(const LinkTraffic& other) {
+    MessagesIn += other.MessagesIn;
+    MessagesOut += other.MessagesOut;
+    BytesIn += other.BytesIn;
+    BytesOut += other.BytesOut;
+    return *this;
+  }
+};
+
+// The counters one node keeps beside the process's, so that several nodes
+// in one process can each show their own.
+struct NodeCounters {
+  // What the node's links carried before their elements went to new links;
+  // the node's links still hold the rest.
+  LinkTraffic RetiredLinks;
+  // Messages passed on to other nodes, and copies dropped as seen before.
+  int64_t Relayed = 0;
+  int64_t DuplicatesDropped = 0;
+  std::array<int64_t, static_cast<size_t>(Refusal::kCount)> Refusals{};
+
+  // Counts a refusal for this node and for the process.
+  void Refused(Refusal reason) {
+    ++Refusals[static_cast<size_t>(reason)];
+    TheStats().Refused(reason);
+  }
+};
+
 }  // namespace qel

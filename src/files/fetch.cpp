@@ -75,6 +75,7 @@ struct FetchTable::Fetch {
   int64_t lastAnswer = 0;  // the last answer or piece alone
   int64_t lastProgress = 0;
   int32_t quietRounds = 0;  // asked again without a byte in between
+  int64_t startTick = 0;
 
   ~Fetch() {
     if (fd >= 0) close(fd);
@@ -83,6 +84,17 @@ struct FetchTable::Fetch {
 
 FetchTable::FetchTable() = default;
 FetchTable::~FetchTable() = default;
+
+void FetchTable::ForEach(const std::function<void(const State&)>& fn) const {
+  for (const auto& [id, fetch] : fetches_) {
+    fn({.id = fetch->id,
+        .nodeID = fetch->nodeID,
+        .remotePath = fetch->remotePath,
+        .done = fetch->plan ? fetch->plan->Held() : 0,
+        .total = fetch->plan ? fetch->plan->Length() : -1,
+        .startTick = fetch->startTick});
+  }
+}
 
 RoutingNode* FetchTable::Node() const {
   auto owner = owner_.lock();
@@ -129,7 +141,7 @@ std::string FetchTable::Start(RoutingNode& node, FetchHost& host, const FetchSet
   fetch->localPath = localPath;
   fetch->options = options;
   fetch->settings = settings;
-  fetch->lastHeard = fetch->lastAnswer = TickCount();
+  fetch->lastHeard = fetch->lastAnswer = fetch->startTick = TickCount();
   fetches_.emplace(fetch->id, fetch);
 
   if (!tick_) {

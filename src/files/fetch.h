@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -72,6 +73,17 @@ class FetchTable {
   void OnLinkUp();
 
   size_t Count() const { return fetches_.size(); }
+  // What a running fetch shows of itself: total is -1 until the size is known.
+  struct State {
+    const std::string& id;
+    const std::string& nodeID;
+    const std::string& remotePath;
+    int64_t done = 0;
+    int64_t total = -1;
+    int64_t startTick = 0;
+  };
+  // Calls fn for each running fetch; fn must not start or end fetches.
+  void ForEach(const std::function<void(const State&)>& fn) const;
   // Pieces of fetches that were refused: from another node, outside what
   // was asked, or of the wrong length.
   uint64_t RefusedPieces() const { return refused_; }

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include <qel/types.h>
@@ -48,6 +49,16 @@ inline constexpr size_t kMaxSearchBytes = size_t{64} << 20;
 
 // Each node's file-sharing state. The sharing flag is RoutingNode's
 // SharingFiles, since INFO announces it.
+// How far a transfer this node serves has gone.
+struct ServedProgress {
+  std::string asker, reqID, resource;
+  int64_t size = 0;
+  int64_t first = 0;  // offset of the first byte to send
+  int64_t next = 0;   // offset of the next byte to send
+  int64_t last = 0;   // offset of the last byte to send
+  int64_t startTick = 0;
+};
+
 struct FileSharing {
   // The share table: entry 0 stays empty until the first folder is shared.
   std::vector<typSharedFolder> Folders{typSharedFolder{}};
@@ -58,8 +69,9 @@ struct FileSharing {
   // identifier, each with the flag its asker's cancel sets: a cancel stops
   // its own transfer only.
   std::unordered_map<std::string, std::shared_ptr<bool>> Served;
-  // Which of them run and which wait.
+  // Which of them run and which wait; the ones running, as they go.
   ServingQueue Serving;
+  std::unordered_set<const ServedProgress*> Running;
   // A start of waiting transfers is posted to the loop and has not run yet.
   bool StartPosted = false;
 };

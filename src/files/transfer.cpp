@@ -38,17 +38,13 @@ void StartWaiting(RoutingNode& node, FileSharing& files);
 
 // One file being served, piece by piece, from the loop. It holds one of the
 // running places of files->Serving from its start to its end.
-struct Serving {
+struct Serving : ServedProgress {
   std::weak_ptr<LinkOwner> owner;  // the serving node; gone: the transfer ends
   FileSharing* files = nullptr;    // lives as long as the node
-  std::string asker, reqID;
   // Set by a cancel from the asker; shared with FileSharing::Served.
   std::shared_ptr<bool> cancelled;
   // Shared with the pieces queued from it, which may outlive the transfer.
   std::shared_ptr<const SharedFile> file;
-  int64_t size = 0;
-  int64_t next = 0;  // offset of the next byte to send
-  int64_t last = 0;  // offset of the last byte to send
   // A whole file ends with a piece shorter than a packet, an empty one when
   // its length is a multiple of it; a range ends with its last byte.
   bool whole = true;
@@ -70,6 +66,7 @@ struct Serving {
     file.reset();
     stallTimer.reset();
     auto node = owner.lock();
+    if (files && node) files->Running.erase(this);
     if (!files || !node || !node->Alive()) return;
     auto it = files->Served.find(ServedKey(asker, reqID));
     if (it != files->Served.end() && it->second == cancelled) files->Served.erase(it);
@@ -189,6 +186,10 @@ void Start(RoutingNode& node, FileSharing& files, QueuedGet get) {
     job->next = span->first;
     job->last = span->last;
   }
+  job->resource = get.resource;
+  job->first = job->next;
+  job->startTick = TickCount();
+  files.Running.insert(job.get());
   SendPieces(job);
 }
 

@@ -67,6 +67,7 @@ void Link::Reset(const LinkLimits& newLimits) {
   dialWaiting = false;
   dialFault.clear();
   holdRedial = false;
+  traffic = {};
   ReleaseBuffers();
   ++generation;
 }
@@ -137,6 +138,7 @@ std::span<char> Link::ReadRoom() {
 
 void Link::FeedDirect(size_t n) {
   TheStats().InBytesAcc += static_cast<int64_t>(n);
+  traffic.BytesIn += static_cast<int64_t>(n);
   if (TheDebugLog().Enabled()) {
     // The room starts where these bytes were put until they are counted.
     DebugLine(">> INCOMING >>>>>>>>>>");
@@ -168,6 +170,7 @@ void Link::PaceReading() {
 
 typMessage Link::TakeMessage() {
   typMessage message = inbox_.take_front();
+  ++traffic.MessagesIn;
   inboxBytes_ -= std::min(inboxBytes_, MessageBytes(message));
   if (inbox_.empty()) sck->ResumeReading();
   return message;

@@ -15,6 +15,7 @@
 #include <system_error>
 #include <vector>
 
+#include "core/stats.h"
 #include "net/link_owner.h"
 #include "net/link_transform.h"
 #include "net/socket.h"
@@ -56,6 +57,7 @@ class Link {
   // else with the port its connection came from. Kept after the socket broke.
   std::string Peer;
   bool accepted = false;     // the peer dialled; else this end did
+  LinkTraffic traffic;       // of the link that holds the element now
   int64_t upTick = 0;        // when the link last came up, or connected
   int64_t lastByteTick = 0;  // when the peer last sent anything
   // Plaintext, or TLS between the socket and the feeder.

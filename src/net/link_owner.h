@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "core/stats.h"
 #include "net/link_id.h"
 #include "protocol/message.h"
 
@@ -80,6 +81,9 @@ class LinkOwner : public std::enable_shared_from_this<LinkOwner> {
   virtual void OnLinkMessage(LinkId link, typMessage&& message) = 0;
   // Something about one of the owner's connections the host should hear of.
   virtual void OnLinkFault(const std::string& text) = 0;
+
+  // This node's own traffic and refusals; the table counts what happens on its links.
+  NodeCounters Counters;
 
  private:
   friend class LinkTable;

@@ -27,6 +27,15 @@ std::shared_ptr<LinkOwner> Lock(const std::weak_ptr<LinkOwner>& owner) {
   return node && node->Alive() ? node : nullptr;
 }
 
+// Counted for the node that owns the link, or for the process alone once it is gone.
+void CountRefusal(const std::weak_ptr<LinkOwner>& owner, Refusal reason) {
+  if (auto node = owner.lock()) {
+    node->Counters.Refused(reason);
+  } else {
+    TheStats().Refused(reason);
+  }
+}
+
 // Names the dial's failure for the host.
 DialResult DialFailure(const std::error_code& ec, int32_t timeoutMs) {
   if (!ec) return {DialFault::Other, "closed before it came up"};
@@ -101,10 +110,17 @@ int32_t LinkTable::GetFreeLink(LinkOwner& owner, const LinkLimits& limits) {
     links_.push_back(std::make_unique<Link>());
     index = Count();
   }
+  Retire(index);
   SetOwner(index, owner);
   links_[index]->Reset(limits);
   Attach(index);
   return index;
+}
+
+void LinkTable::Retire(int32_t index) {
+  Link& c = *links_[index];
+  if (auto owner = c.Owner.lock()) owner->Counters.RetiredLinks += c.traffic;
+  c.traffic = {};
 }
 
 void LinkTable::SetOwner(int32_t index, LinkOwner& owner) {
@@ -134,6 +150,7 @@ void LinkTable::Attach(int32_t index) {
       .onSent =
           [this, index](size_t n) {
             TheStats().OutBytesAcc += static_cast<int64_t>(n);
+            links_[index]->traffic.BytesOut += static_cast<int64_t>(n);
             links_[index]->WakeDrainWaiters(false);
           },
       // A large body is read where it is going, not copied there.
@@ -200,6 +217,7 @@ void LinkTable::OnData(int32_t index, uint64_t generation, std::string_view data
   auto owner = Lock(c.Owner);
   if (!owner) return;
   TheStats().InBytesAcc += static_cast<int64_t>(data.size());
+  c.traffic.BytesIn += static_cast<int64_t>(data.size());
   c.lastByteTick = TickCount();
   if (c.backlogFull) return;  // closing: what it sends no longer matters
   if (c.stream.Transforms()) return OnTransformed(index, generation, data);
@@ -377,7 +395,7 @@ void LinkTable::OnAccept(size_t listener, std::unique_ptr<Socket> socket) {
   if (!owner) return;
   std::string source = socket->RemoteHost();
   if (OpenCount(*owner) >= entry.limits.maxConnections) {
-    TheStats().Refused(Refusal::Connections);
+    owner->Counters.Refused(Refusal::Connections);
     // Refused before the host is asked; said once until one is accepted again.
     if (!entry.refusing) {
       entry.refusing = true;
@@ -485,6 +503,7 @@ void LinkTable::Redial(int32_t index) {
   if (!owner) return;
   // The link that comes back is a new one, perhaps to another node at that address: ids
   // kept from the old one (a served transfer, a pending confirmation) must find it gone.
+  Retire(index);
   ++c.generation;
   Attach(index);
   StartDial(index, true);
@@ -605,7 +624,7 @@ void LinkTable::SweepStalled() {
     if (now - c.lastByteTick < c.limits.stallTimeoutMs) continue;
     // A sender that stops in the middle of a message holds a descriptor and
     // a buffer for nothing: the slowloris pattern.
-    TheStats().Refused(Refusal::Stall);
+    CountRefusal(c.Owner, Refusal::Stall);
     CloseWithFault(i, c.generation,
                    "Connection to " + c.Name() + " closed: nothing received for " +
                        std::to_string(c.limits.stallTimeoutMs) + " ms in the middle of a message");
@@ -628,7 +647,7 @@ void LinkTable::CheckBudget(int32_t index, size_t incoming) {
   for (const MemoryBudget::Close& close : budget.ToClose(links, index, incoming)) {
     Link& victim = *links_[close.link];
     victim.backlogFull = true;
-    TheStats().Refused(Refusal::Memory);
+    CountRefusal(victim.Owner, Refusal::Memory);
     // It closes on the next turn of the loop; what it holds goes now, or a
     // burst of writes would pile up behind every victim of this turn.
     victim.Discard();
@@ -650,6 +669,37 @@ std::vector<typLinkInfo> LinkTable::OpenLinks(const LinkOwner& owner) const {
     if (IsUp(i)) links.push_back(LinkInfo(i));
   }
   return links;
+}
+
+void LinkTable::Describe(const LinkOwner& owner, NodeSnapshot& into) const {
+  LinkTraffic total = owner.Counters.RetiredLinks;
+  int64_t held = 0;
+  const int64_t now = TickCount();
+  into.links.reserve(into.links.size() + owner.Links.size());
+  for (int32_t i : owner.Links) {
+    const Link& c = *links_[i];
+    // Closed ones still hold what they carried until the element is taken again.
+    total += c.traffic;
+    if (c.sck->State() == SocketState::Closed) continue;
+    held += static_cast<int64_t>(c.Held());
+    into.links.push_back({.address = c.Name(),
+                          .nodeID = c.NodeID,
+                          .peerKey = c.IsUp() ? c.stream.PeerKey() : std::string(),
+                          .accepted = c.accepted,
+                          .secure = c.stream.Secure(),
+                          .up = c.IsUp(),
+                          .bytesIn = c.traffic.BytesIn,
+                          .bytesOut = c.traffic.BytesOut,
+                          .messagesIn = c.traffic.MessagesIn,
+                          .messagesOut = c.traffic.MessagesOut,
+                          .bytesQueued = static_cast<int64_t>(c.Waiting()),
+                          .ageSeconds = (now - c.upTick) / 1000});
+  }
+  into.messagesReceived = total.MessagesIn;
+  into.messagesSent = total.MessagesOut;
+  into.bytesReceived = total.BytesIn;
+  into.bytesSent = total.BytesOut;
+  into.memoryHeld = held;
 }
 
 std::vector<LinkId> LinkTable::UpLinks(const LinkOwner& owner) const {
@@ -759,6 +809,7 @@ bool LinkTable::Admit(int32_t index, std::span<const std::string_view> pieces) {
   // A piece that would pass the budget first closes whoever holds the most,
   // this link perhaps.
   CheckBudget(index, size);
+  c.traffic.MessagesOut += c.backlogFull ? 0 : 1;
   return !c.backlogFull;
 }
 

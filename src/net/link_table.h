@@ -78,6 +78,7 @@ class LinkTable {
   bool HasOpenLink(const LinkOwner& owner) const;
   std::vector<LinkId> UpLinks(const LinkOwner& owner) const;
   std::vector<typLinkInfo> OpenLinks(const LinkOwner& owner) const;
+  void Describe(const LinkOwner& owner, NodeSnapshot& into) const;
   int32_t LinkOfNode(const LinkOwner& owner, std::string_view nodeID) const;
 
   // Writes to a link that is up; others are skipped silently (see links::Write).
@@ -103,6 +104,9 @@ class LinkTable {
   LinkTable();
 
   int32_t GetFreeLink(LinkOwner& owner, const LinkLimits& limits);
+  // Adds what the element's link carried to its owner's totals, before the element serves
+  // another link.
+  void Retire(int32_t index);
   // Gives element index to owner, taking it from the one it had.
   void SetOwner(int32_t index, LinkOwner& owner);
   void Attach(int32_t index);

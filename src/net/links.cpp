@@ -109,6 +109,10 @@ std::vector<typLinkInfo> OpenLinks(const LinkOwner& owner) {
   return Table().OpenLinks(owner);
 }
 
+void Describe(const LinkOwner& owner, NodeSnapshot& into) {
+  Table().Describe(owner, into);
+}
+
 int32_t Listen(LinkOwner& owner, int32_t port, const std::string& address,
                const LinkLimits& limits) {
   return Table().ListenOnPort(owner, port, address, limits);

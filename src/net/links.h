@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include <qel/snapshot.h>
 #include <qel/types.h>
 
 #include "net/file_span.h"
@@ -89,6 +90,9 @@ void CloseRefused(LinkId link, const std::string& text);
 bool HasOpenLink(const LinkOwner& owner);
 // owner's links that are up, in index order, as the host sees them.
 std::vector<typLinkInfo> OpenLinks(const LinkOwner& owner);
+// Appends owner's links that are open or coming up to into.links and sets into's traffic
+// totals (over every link owner had) and memoryHeld. Copies only the links' strings.
+void Describe(const LinkOwner& owner, NodeSnapshot& into);
 
 // Opens a listening socket for owner on port (0: any free port) at address (empty: every
 // IPv4 interface) and returns the port it listens on, or 0 when it cannot; an address that

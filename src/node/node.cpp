@@ -27,6 +27,7 @@
 #include "node/advanced_values.h"
 #include "node/module.h"
 #include "node/node_access.h"
+#include "node/snapshot.h"
 #include "routing/confirm.h"
 #include "routing/discovery.h"
 #include "routing/outgoing.h"
@@ -540,6 +541,11 @@ void cQEL::RemoveEventObserver(int32_t id) {
 
 std::string cQEL::NodeID() {
   return Enter(*this)->NodeID;
+}
+
+NodeSnapshot cQEL::Snapshot() const {
+  // Enter takes the object only to find its slot.
+  return TakeSnapshot(*Enter(const_cast<cQEL&>(*this)));
 }
 
 std::string cQEL::KeyID() {

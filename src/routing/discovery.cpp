@@ -234,7 +234,7 @@ bool KeyFits(RoutingNode& node, const std::string& sender, LinkId conn) {
   }
   if (bound.empty()) bound = node.BoundKeys.Bind(sender, key);
   if (bound.empty()) return true;
-  TheStats().Refused(Refusal::KeyMismatch);
+  node.Counters.Refused(Refusal::KeyMismatch);
   links::CloseRefused(conn, "Connection to " + links::Info(conn).Address + " closed: node " +
                                 sender + " announced itself with key " + key +
                                 ", but that node ID is bound to key " + bound);
@@ -275,6 +275,7 @@ void OnInfo(RoutingNode& node, const typMessage& message, LinkId conn) {
   }
   entry.directConn = GetSingleField(message.Fields, "Hops") == "0";
   entry.InfoSerial = ++node.InfoCount;
+  entry.InfoTick = TickCount();
   if (entry.directConn && conn) {
     // A neighbour is recorded under the address it is actually reached at,
     // with the port it advertises.

@@ -72,6 +72,7 @@ void ProcessMessage(RoutingNode& node, typMessage&& message, LinkId conn) {
   const std::string_view destination = field(&WireIndex::destination, "Destination");
   const bool exact = !node.NodeID.empty() && destination == node.NodeID;
   const bool duplicate = SeenBefore(node, id);
+  node.Counters.DuplicatesDropped += duplicate ? 1 : 0;
   if (!node.Alive()) return;  // an Error handler shut the node down
   // A message that asks this node for a CONFIRM comes again when the
   // CONFIRM is lost, often after the duplicate cache has moved on: it is

@@ -64,6 +64,7 @@ NodeEntry::NodeEntry(const NodeEntry& other)
       directConn(other.directConn),
       sharingFiles(other.sharingFiles),
       InfoSerial(other.InfoSerial),
+      InfoTick(other.InfoTick),
       strings_(other.strings_),
       ping_(other.ping_ ? std::make_unique<Ping>(*other.ping_) : nullptr) {}
 

@@ -45,6 +45,8 @@ class NodeEntry {
   // Which INFO of the node's (counted by the node that keeps the table) this
   // entry holds, so a question can tell an answer to it from an older one.
   uint64_t InfoSerial = 0;
+  // When that INFO arrived (TickCount).
+  int64_t InfoTick = 0;
 
   // The last ping sent to the node; most entries are never pinged.
   struct Ping {

@@ -129,7 +129,7 @@ bool NoteSeen(RoutingNode& node, std::string_view id) {
 void NoteOwnID(RoutingNode& node, std::string_view id) {
   const uint64_t cuts = node.RecentIDs.Cuts();
   NoteSeen(node, id);
-  if (node.RecentIDs.Cuts() != cuts) TheStats().Refused(Refusal::DupWindow);
+  if (node.RecentIDs.Cuts() != cuts) node.Counters.Refused(Refusal::DupWindow);
 }
 
 }  // namespace
@@ -314,12 +314,14 @@ void ForwardPacket(RoutingNode& node, typMessage& message, LinkId fromConn) {
     const RelayCopy copy(bytes, index, ttl, NextHops(Text(bytes, index.hops)),
                          ExtendsRoute(node, index.route.In(bytes)), node.NodeID);
     CountSent();
+    ++node.Counters.Relayed;
     links::WriteToAllExcept(node, fromConn, copy.Pieces());
     return;
   }
   FieldList& fields = message.Fields;
   const int64_t ttl = NextTTL(node, Text(FindField(fields, "TTL")));
   if (ttl < 1) return;
+  ++node.Counters.Relayed;
   const int64_t hops = NextHops(Text(FindField(fields, "Hops")));
   PlainField(fields, "TTL") = std::to_string(ttl);
   PlainField(fields, "Hops") = std::to_string(hops);

@@ -15,7 +15,7 @@ void ReportError(RoutingNode& node, std::string strMessage, std::string nodeID) 
 }
 
 void ReportRefusal(RoutingNode& node, Refusal reason, std::string strMessage, std::string nodeID) {
-  TheStats().Refused(reason);
+  node.Counters.Refused(reason);
   constexpr int64_t kQuietMs = 60000;
   int64_t& said = node.RefusalSaidAt[static_cast<size_t>(reason)];
   const int64_t now = TickCount();

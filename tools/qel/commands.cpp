@@ -13,6 +13,7 @@
 #include <qel/stats.h>
 
 #include "empty_listing.h"
+#include "snapshot_json.h"
 
 namespace qelcli {
 namespace {
@@ -175,6 +176,10 @@ CommandResult Stats(Session& s, const Args&) {
            {"Links", links.size()},
            {"SecureLinks", secure}},
           ""};
+}
+
+CommandResult Status(Session& s, const Args&) {
+  return {true, SnapshotJson(s.node.Snapshot()), ""};
 }
 
 CommandResult Share(Session& s, const Args& args) {
@@ -440,6 +445,9 @@ const std::array kCommands = {
     Command{"role", "peer|server|router", "the role announced from now on", 1, 1, false, Role},
     Command{"stats", "", "traffic figures of this process; this node's links, secure ones apart", 0,
             0, false, Stats},
+    Command{"status", "",
+            "this node: identity, links, known nodes, transfers, memory, counters, refusals", 0, 0,
+            false, Status},
     Command{"help", "", "list the commands", 0, 0, false, Help},
     Command{"quit", "", "shut the node down and exit", 0, 0, false, Quit},
 };

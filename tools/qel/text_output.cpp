@@ -71,6 +71,76 @@ std::string Bar(const Progress& p) {
   return line + "\n";
 }
 
+// A number of a snapshot's JSON, 0 when absent.
+int64_t Number(const Json& object, const char* key) {
+  const auto it = object.find(key);
+  return it != object.end() && it->is_number() ? it->get<int64_t>() : 0;
+}
+
+const Json& Part(const Json& object, const char* key) {
+  static const Json none = Json::array();
+  const auto it = object.find(key);
+  return it != object.end() ? *it : none;
+}
+
+std::string Text(const Json& object, const char* key) {
+  const auto it = object.find(key);
+  std::string text;
+  if (it != object.end()) AppendPlain(text, *it);
+  return text;
+}
+
+// The status command's snapshot, a few lines per part: who, links, nodes, transfers, figures.
+std::string StatusText(const Json& s) {
+  auto size = [](int64_t bytes) { return Size(static_cast<double>(bytes)); };
+  std::string text = "node " + Text(s, "name") + "  " + Text(s, "nodeID") + "  port " +
+                     std::to_string(Number(s, "port")) +
+                     (s.value("listening", false) ? " (listening)" : "") + "  secure " +
+                     Text(s, "secureMode");
+  if (const std::string key = Text(s, "keyID"); !key.empty()) text += "  key " + key;
+  text += "\nlinks: " + std::to_string(Part(s, "links").size()) + "\n";
+  for (const Json& l : Part(s, "links")) {
+    text += "  " + Text(l, "address") + "  " + Text(l, "nodeID") + "  " +
+            (l.value("accepted", false) ? "accepted" : "dialled") +
+            (l.value("secure", false) ? "  TLS" : "") +
+            (l.value("up", false) ? "" : "  connecting") + "  in " +
+            std::to_string(Number(l, "messagesIn")) + " msgs/" + size(Number(l, "bytesIn")) +
+            "  out " + std::to_string(Number(l, "messagesOut")) + " msgs/" +
+            size(Number(l, "bytesOut")) + "  queued " + size(Number(l, "bytesQueued")) + "  age " +
+            std::to_string(Number(l, "ageSeconds")) + " s\n";
+  }
+  text += "known nodes: " + std::to_string(Part(s, "knownNodes").size()) + "\n";
+  for (const Json& n : Part(s, "knownNodes")) {
+    text += "  " + Text(n, "nodeID") + "  " + Text(n, "name") + "  " + Text(n, "address") +
+            (n.value("direct", false) ? "  direct" : "") + "  INFO " +
+            std::to_string(Number(n, "secondsSinceInfo")) + " s ago\n";
+  }
+  text += "transfers: " + std::to_string(Part(s, "transfers").size()) + "\n";
+  for (const Json& t : Part(s, "transfers")) {
+    const int64_t total = Number(t, "bytesTotal");
+    text += "  " + std::string(t.value("incoming", false) ? "from " : "to ") + Text(t, "nodeID") +
+            "  " + Text(t, "path") + "  " + size(Number(t, "bytesDone")) + " / " +
+            (total < 0 ? std::string("?") : size(total)) + "  " +
+            size(Number(t, "bytesPerSecond")) + "/s  " + Text(t, "reqID") + "\n";
+  }
+  text += "routes " + std::to_string(Number(s, "routes")) + "  dup window " +
+          std::to_string(Number(s, "dupWindowIDs")) + " IDs  rpc pending " +
+          std::to_string(Number(s, "rpcPending")) + "  users " +
+          std::to_string(Number(s, "usersKnown")) + "  memory " + size(Number(s, "memoryHeld")) +
+          " of " + size(Number(s, "memoryBudget")) + "\n";
+  text += "messages in " + std::to_string(Number(s, "messagesReceived")) + " out " +
+          std::to_string(Number(s, "messagesSent")) + "  bytes in " +
+          size(Number(s, "bytesReceived")) + " out " + size(Number(s, "bytesSent")) + "  relayed " +
+          std::to_string(Number(s, "relayed")) + "  duplicates dropped " +
+          std::to_string(Number(s, "duplicatesDropped")) + "\n";
+  text += "refused (this node / process):";
+  for (const auto& [reason, counts] : Part(s, "refusals").items()) {
+    text += " " + reason + " " + std::to_string(Number(counts, "node")) + "/" +
+            std::to_string(Number(counts, "process"));
+  }
+  return text + "\n";
+}
+
 class TextOutput : public Output {
  public:
   TextOutput(std::function<void(std::string_view)> write,
@@ -103,8 +173,12 @@ class TextOutput : public Output {
     write_(line += '\n');
   }
 
-  void Result(std::string_view, const CommandResult& result) override {
+  void Result(std::string_view command, const CommandResult& result) override {
     std::string text;
+    if (command == "status" && result.ok && result.value.is_object()) {
+      write_(StatusText(result.value));
+      return;
+    }
     if (!result.ok) {
       text = "error: ";
       // A background command's failure comes later, among others: say which.
