@@ -79,6 +79,7 @@ void BM_ScrapeWith1000KnownNodes(benchmark::State& state) {
   std::thread client([&] {
     httplib::Client http("127.0.0.1", port);
     http.set_keep_alive(true);
+    http.set_tcp_nodelay(true);
     for (;;) {
       go.acquire();
       if (stop) return;

@@ -210,6 +210,9 @@ std::string AdminServer::Start() {
   });
 
   s.server.set_default_headers({{"X-Content-Type-Options", "nosniff"}});
+  // Headers and body go out in separate writes: without this a small answer
+  // waits for the client's delayed acknowledgement.
+  s.server.set_tcp_nodelay(true);
 
   if (options_.port == 0) {
     s.port = s.server.bind_to_any_port(options_.address);
