@@ -14,8 +14,9 @@ for group in "${@:-build}"; do
   case "$group" in
     build)
       packages+=(build-essential cmake ninja-build pkg-config
-        zlib1g-dev libdeflate-dev libssl-dev libxxhash-dev libasio-dev libcli11-dev nlohmann-json3-dev libedit-dev) ;;
-    test)   packages+=(libgtest-dev libgmock-dev binutils pkg-config) ;;
+        zlib1g-dev libdeflate-dev libssl-dev libxxhash-dev libasio-dev libcli11-dev nlohmann-json3-dev libedit-dev
+        libcpp-httplib-dev) ;;
+    test)   packages+=(libgtest-dev libgmock-dev binutils pkg-config chromium) ;;
     bench)  packages+=(libbenchmark-dev libzmq3-dev) ;;
     hosts)  packages+=(iproute2) ;;
     fuzz)   packages+=(clang libclang-rt-14-dev) ;;

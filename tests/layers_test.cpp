@@ -13,7 +13,8 @@ namespace {
 // Folders of one rank are peers and include none of each other.
 const std::map<std::string, int> kRank = {{"core", 0},  {"settings", 1}, {"protocol", 1},
                                           {"net", 2},   {"routing", 3},  {"files", 4},
-                                          {"users", 4}, {"rpc", 4},      {"node", 5}};
+                                          {"users", 4}, {"rpc", 4},      {"node", 5},
+                                          {"admin", 6}};
 
 TEST(LayersTest, EveryIncludeInSrcPointsDown) {
   const std::filesystem::path src = QEL_SOURCE_DIR "/src";

@@ -256,6 +256,15 @@ class QEL_API cQEL {
   // The port the node listens on, or advertises when not listening yet.
   int32_t ListenPort();
 
+  // Calls observer with every event this node raises, after the host's
+  // handler has run (with what the handler left in the parameters), whether
+  // a handler is set or not. Returns the observer's number for
+  // RemoveEventObserver. An observer must not throw and must not shut the
+  // node down; it may remove itself or add others, which see the next event.
+  int32_t AddEventObserver(std::function<void(const typEvent&)> observer);
+  // Stops one observer; an unknown number does nothing.
+  void RemoveEventObserver(int32_t id);
+
   // Events. Parameters are references: a handler may change the ones QEL
   // reads back. A handler may call any method of any node, or destroy this
   // node object. An exception a handler throws stops at QEL: it is written to

@@ -82,6 +82,10 @@ struct NodeSnapshot {
   // Routes learned, and message IDs the duplicate window holds.
   int64_t routes = 0;
   int64_t dupWindowIDs = 0;
+  // The most recently used routes, at most kSnapshotRoutes of them: node IDs each followed by
+  // a comma, oldest hop first, ending with this node's ID.
+  static constexpr size_t kSnapshotRoutes = 64;
+  std::vector<std::string> learnedRoutes;
   std::vector<TransferSnapshot> transfers;
   // Calls from other nodes waiting for the host's answer.
   int64_t rpcPending = 0;

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 #include <string>
+#include <variant>
+#include <vector>
 
 namespace qel {
 
@@ -76,6 +78,19 @@ struct typFetchOptions {
   bool resume = false;
   // Compare the MD5 of the finished local file with the serving node's.
   bool verify = false;
+};
+
+// An event as an observer of a node sees it (cQEL::AddEventObserver): the
+// event's name and its parameters, named and ordered as the handler declares
+// them. ConnectionEstab also carries Secure and PeerKey of the link that came
+// up.
+struct typEventField {
+  std::string Name;
+  std::variant<std::string, int64_t, bool, typQELRange, std::vector<typQELRange>> Value;
+};
+struct typEvent {
+  std::string Name;
+  std::vector<typEventField> Fields;
 };
 
 }  // namespace qel

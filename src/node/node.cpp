@@ -528,6 +528,17 @@ typLinkInfo cQEL::EstablishedLink() {
   return links::Info(node->EstablishingLink);
 }
 
+int32_t cQEL::AddEventObserver(std::function<void(const typEvent&)> observer) {
+  auto node = Enter(*this);
+  node->Observers.emplace_back(++node->LastObserver, std::move(observer));
+  return node->LastObserver;
+}
+
+void cQEL::RemoveEventObserver(int32_t id) {
+  auto node = Enter(*this);
+  std::erase_if(node->Observers, [id](const auto& entry) { return entry.first == id; });
+}
+
 std::string cQEL::NodeID() {
   return Enter(*this)->NodeID;
 }

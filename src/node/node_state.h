@@ -3,7 +3,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "files/fetch.h"
@@ -41,6 +43,10 @@ struct NodeState final : RoutingNode, TransferHost, FetchHost {
 
   // The node object its events are raised on; null once it has shut down.
   cQEL* Owner = nullptr;
+
+  // Who sees every event after the host's handler, by number.
+  std::vector<std::pair<int32_t, std::function<void(const typEvent&)>>> Observers;
+  int32_t LastObserver = 0;
 
   // What the link table reports.
   bool Alive() const override { return Owner != nullptr; }

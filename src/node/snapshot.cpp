@@ -53,6 +53,10 @@ NodeSnapshot TakeSnapshot(NodeState& node) {
   }
   shot.routes = static_cast<int64_t>(node.Routes.Entries().size()) - 1;
   shot.dupWindowIDs = static_cast<int64_t>(node.RecentIDs.Size());
+  const auto& routes = node.Routes.Entries();  // position 0 is always empty
+  for (size_t i = 1; i < routes.size() && i <= NodeSnapshot::kSnapshotRoutes; ++i) {
+    shot.learnedRoutes.push_back(routes[i]);
+  }
 
   node.Fetches.ForEach([&](const FetchTable::State& fetch) {
     shot.transfers.push_back({.reqID = fetch.id,

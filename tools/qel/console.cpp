@@ -8,12 +8,16 @@
 #include <optional>
 #include <vector>
 
+#ifdef QEL_HAVE_ADMIN
+#include <qel/admin.h>
+#endif
 #include <qel/error.h>
 #include <qel/event_loop.h>
 #include <qel/log.h>
 #include <qel/node.h>
 
 #include "commands.h"
+#include "admin/event_json.h"
 #include "downloads.h"
 #include "line_editor.h"
 #include "line_reader.h"
@@ -24,74 +28,42 @@
 namespace qelcli {
 namespace {
 
-Json RangeJson(const qel::typQELRange& range) {
-  return {{"lngStart", range.lngStart}, {"lngEnd", range.lngEnd}, {"lngLen", range.lngLen}};
+// Events go out through an observer, converted as the admin server converts
+// them, so --json and the server's event stream print the same objects.
+int32_t ReportEvents(qel::cQEL& node, Output& out, Downloads& downloads) {
+  node.Error = nullptr;  // faults before start had their own handler
+  return node.AddEventObserver([&out, &downloads](const qel::typEvent& event) {
+    // A download's pieces go to its file and show as its progress: a line
+    // for each would cost a write and a wake-up of the reader per piece.
+    if (event.Name == "FetchProgress") {
+      downloads.OnProgress(std::get<std::string>(event.Fields[0].Value),
+                           std::get<int64_t>(event.Fields[1].Value),
+                           std::get<int64_t>(event.Fields[2].Value));
+    } else if (event.Name == "FetchFinished") {
+      downloads.OnFinished(std::get<std::string>(event.Fields[0].Value),
+                           static_cast<qel::enmFileStatus>(std::get<int64_t>(event.Fields[1].Value)),
+                           std::get<std::string>(event.Fields[2].Value));
+    } else {
+      out.Event(event.Name, qel::admin::EventFields(event));
+    }
+  });
 }
 
-void ReportEvents(qel::cQEL& node, Output& out, Downloads& downloads) {
-  node.MessageReceived = [&out](std::string& strMessage, std::string& strType,
-                                std::string& nodeID) {
-    out.Event(
-        "MessageReceived",
-        {{"strMessage", strMessage}, {"strType", strType}, {"nodeID", nodeID}});
-  };
-  node.Error = [&out](std::string& strMessage, std::string& nodeID) {
-    out.Event("Error", {{"strMessage", strMessage}, {"nodeID", nodeID}});
-  };
-  node.ConnectionReq = [&out](std::string& SourceIP, bool&) {
-    out.Event("ConnectionReq", {{"SourceIP", SourceIP}});
-  };
-  node.ConnectionEstab = [&out, &node](std::string& SourceIP) {
-    const qel::typLinkInfo link = node.EstablishedLink();
-    out.Event("ConnectionEstab",
-              {{"SourceIP", SourceIP}, {"Secure", link.isSecure}, {"PeerKey", link.PeerKey}});
-  };
-  node.ConnectionClosed = [&out](std::string& SourceIP, std::string& nodeID) {
-    out.Event("ConnectionClosed", {{"SourceIP", SourceIP}, {"nodeID", nodeID}});
-  };
-  node.FileRequest = [&out](std::string& Resource, std::string& fullPath, std::string& nodeID,
-                            std::string& ReqID, std::vector<qel::typQELRange>& Range,
-                            std::string& Metadata, bool&) {
-    Json ranges = Json::array();
-    for (const qel::typQELRange& range : Range) ranges.push_back(RangeJson(range));
-    out.Event("FileRequest", {{"Resource", Resource},
-                              {"fullPath", fullPath},
-                              {"nodeID", nodeID},
-                              {"ReqID", ReqID},
-                              {"Range", std::move(ranges)},
-                              {"Metadata", Metadata}});
-  };
-  node.FileReceived = [&out](std::string& ReqID, std::string& strData,
-                                         qel::typQELRange& Range, qel::enmFileStatus& FileStatus,
-                                         std::string& Metadata) {
-    out.Event("FileReceived", {{"ReqID", ReqID},
-                               {"strData", strData},
-                               {"Range", RangeJson(Range)},
-                               {"FileStatus", static_cast<int32_t>(FileStatus)},
-                               {"Metadata", Metadata}});
-  };
-  // A download's pieces go to its file and show as its progress: a line for
-  // each would cost a write and a wake-up of the reader per piece.
-  node.FetchProgress = [&downloads](std::string& FetchID, int64_t& BytesDone,
-                                    int64_t& BytesTotal) {
-    downloads.OnProgress(FetchID, BytesDone, BytesTotal);
-  };
-  node.FetchFinished = [&downloads](std::string& FetchID, qel::enmFileStatus& FileStatus,
-                                    std::string& Reason) {
-    downloads.OnFinished(FetchID, FileStatus, Reason);
-  };
-}
-
-void SilenceEvents(qel::cQEL& node) {
-  node.MessageReceived = nullptr;
-  node.Error = nullptr;
-  node.ConnectionReq = nullptr;
-  node.ConnectionEstab = nullptr;
-  node.ConnectionClosed = nullptr;
-  node.FileRequest = nullptr;
-  node.FileReceived = nullptr;
-  node.FetchProgress = nullptr;
-  node.FetchFinished = nullptr;
+// "127.0.0.1:8080" or "[::1]:8080" as address and port; nullopt when it is
+// neither.
+std::optional<std::pair<std::string, int32_t>> SplitHostPort(const std::string& text) {
+  const size_t colon = text.rfind(':');
+  if (colon == std::string::npos || colon == 0) return std::nullopt;
+  std::string host = text.substr(0, colon);
+  if (host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+  try {
+    size_t used = 0;
+    const int port = std::stoi(text.substr(colon + 1), &used);
+    if (used != text.size() - colon - 1 || port < 0 || port > 65535) return std::nullopt;
+    return std::make_pair(host, port);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
 }
 
 // Runs console lines one at a time. Commands such as ping run the event loop
@@ -99,8 +71,8 @@ void SilenceEvents(qel::cQEL& node) {
 // inside the first: they queue until it is done.
 class Console {
  public:
-  Console(qel::cQEL& node, Downloads& downloads, RpcBindings& rpc, Output& out)
-      : session_{node, downloads, rpc}, out_(out) {}
+  Console(qel::cQEL& node, Downloads& downloads, RpcBindings& rpc, Output& out, int32_t observer)
+      : session_{node, downloads, rpc}, out_(out), observer_(observer) {}
 
   // A line, or end of input when there is none.
   void Submit(std::optional<std::string> line) {
@@ -133,7 +105,7 @@ class Console {
     stopped_ = true;
     session_.quit = true;
     // Nothing more is written once the console is done.
-    SilenceEvents(session_.node);
+    session_.node.RemoveEventObserver(observer_);
     session_.rpc.Silence();
     qel::StopEventLoop();
   }
@@ -144,6 +116,7 @@ class Console {
   Session session_;
   Output& out_;
   std::deque<std::optional<std::string>> queue_;
+  int32_t observer_;
   bool running_ = false;
   bool stopped_ = false;
 };
@@ -191,7 +164,7 @@ int RunNode(const NodeOptions& options) {
                   options.shares.empty() ? "" : options.shares.front(), settings);
   for (const std::string& fault : faults) std::cerr << "qel: " << fault << "\n";
   if (node.KeyID().empty()) return 2;
-  ReportEvents(node, *out, downloads);
+  const int32_t observer = ReportEvents(node, *out, downloads);
   for (size_t i = 1; i < options.shares.size(); ++i) node.shareFolder(options.shares[i]);
   bool listening = false;
   try {
@@ -207,13 +180,37 @@ int RunNode(const NodeOptions& options) {
     return 1;
   }
   const int32_t port = node.ListenPort();
-  out->Event("Ready", {{"ID", node.NodeID()},
-                       {"Name", options.name},
-                       {"Port", port},
-                       {"Address", qel::LocalAddress() + ":" + std::to_string(port)},
-                       {"KeyID", node.KeyID()}});
+  Json ready = {{"ID", node.NodeID()},
+                {"Name", options.name},
+                {"Port", port},
+                {"Address", qel::LocalAddress() + ":" + std::to_string(port)},
+                {"KeyID", node.KeyID()}};
+#ifdef QEL_HAVE_ADMIN
+  std::unique_ptr<qel::AdminServer> admin;
+#endif
+  if (!options.http.empty()) {
+    const auto at = SplitHostPort(options.http);
+    if (!at) {
+      std::cerr << "qel: --http takes ADDRESS:PORT, not \"" << options.http << "\"\n";
+      return 2;
+    }
+#ifdef QEL_HAVE_ADMIN
+    admin = std::make_unique<qel::AdminServer>(
+        node, qel::AdminOptions{.address = at->first, .port = at->second, .token = options.httpToken});
+    try {
+      ready["Http"] = admin->Start();
+    } catch (const qel::QelError& e) {
+      std::cerr << "qel: " << e.Description << "\n";
+      return 1;
+    }
+#else
+    std::cerr << "qel: --http is not available: this qel was built without cpp-httplib\n";
+    return 2;
+#endif
+  }
+  out->Event("Ready", ready);
 
-  Console console(node, downloads, rpc, *out);
+  Console console(node, downloads, rpc, *out, observer);
   {
     // The handler posts to the loop: a command that waits sees it when done.
     ShutdownSignals signals([&console] { qel::Post([&console] { console.Stop(); }); });
@@ -243,7 +240,7 @@ int RunNode(const NodeOptions& options) {
     if (editor) qel::SetLogSink({});
     editor.reset();
   }
-  SilenceEvents(node);
+  node.RemoveEventObserver(observer);
   rpc.Silence();
   node.ShutDown();
   return 0;

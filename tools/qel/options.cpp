@@ -135,6 +135,13 @@ void AddNodeOptions(CLI::App& command, NodeOptions& options) {
                    : "expected error, warn, info, debug, trace or off, got '" + level + "'";
       })
       ->option_text("LEVEL");
+  command
+      .add_option("--http", options.http,
+                  "Serve metrics, status, events and a live page on ADDRESS:PORT (port 0: any free)")
+      ->option_text("ADDRESS:PORT");
+  command.add_option("--http-token", options.httpToken,
+                     "Token every HTTP request must carry (Authorization: Bearer); "
+                     "needed off loopback");
   command.add_flag("--maintain", options.maintain, "Re-dial the --connect nodes when they drop");
   command.add_flag("--json", options.json, "One JSON object per line, no prompt");
   command.add_flag("--no-console", options.noConsole,

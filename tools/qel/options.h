@@ -27,6 +27,8 @@ struct NodeOptions {
   std::vector<std::string> connects;
   int32_t busyPollUs = 0;  // qel::SetBusyPoll
   std::string logLevel;    // qel::SetLogLevel; empty: QEL_LOG decides
+  std::string http;        // ADDRESS:PORT of the admin server; empty: none
+  std::string httpToken;
   bool maintain = false;
   bool json = false;
   bool noConsole = false;

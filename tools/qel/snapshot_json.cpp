@@ -52,6 +52,7 @@ Json SnapshotJson(const qel::NodeSnapshot& s) {
           {"knownNodes", std::move(known)},
           {"routes", s.routes},
           {"dupWindowIDs", s.dupWindowIDs},
+          {"learnedRoutes", s.learnedRoutes},
           {"transfers", std::move(transfers)},
           {"rpcPending", s.rpcPending},
           {"usersKnown", s.usersKnown},
