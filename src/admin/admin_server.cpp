@@ -18,7 +18,7 @@
 #include "admin/event_json.h"
 #include "admin/event_ring.h"
 #include "admin/metrics.h"
-#include "snapshot_json.h"
+#include "admin/snapshot_json.h"
 
 namespace qel {
 namespace admin {
@@ -155,7 +155,7 @@ std::string AdminServer::Start() {
     if (!snapshot) return Refuse(res, 503, "the node's loop is busy or the node is shut down");
     std::ostringstream text;
     std::string buffer;
-    admin::WriteJsonLine(text, qelcli::SnapshotJson(*snapshot), buffer);
+    admin::WriteJsonLine(text, admin::SnapshotJson(*snapshot), buffer);
     res.set_content(text.str(), "application/json");
   });
 

@@ -13,7 +13,7 @@
 #include <qel/stats.h>
 
 #include "empty_listing.h"
-#include "snapshot_json.h"
+#include "admin/snapshot_json.h"
 
 namespace qelcli {
 namespace {
@@ -179,7 +179,7 @@ CommandResult Stats(Session& s, const Args&) {
 }
 
 CommandResult Status(Session& s, const Args&) {
-  return {true, SnapshotJson(s.node.Snapshot()), ""};
+  return {true, qel::admin::SnapshotJson(s.node.Snapshot()), ""};
 }
 
 CommandResult Share(Session& s, const Args& args) {

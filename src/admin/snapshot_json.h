@@ -2,15 +2,15 @@
 // own reports).
 #pragma once
 
-#include <nlohmann/json.hpp>
-
 #include <qel/snapshot.h>
 
-namespace qelcli {
+#include "admin/event_json.h"
+
+namespace qel::admin {
 
 // One object whose keys are the snapshot's member names, in their order; lists are arrays
 // of objects, refusals an object of {"node":N,"process":N} by reason. Strings are QEL's
 // bytes as they are: a writer that needs UTF-8 says how it handles the rest.
-nlohmann::ordered_json SnapshotJson(const qel::NodeSnapshot& snapshot);
+Json SnapshotJson(const NodeSnapshot& snapshot);
 
-}  // namespace qelcli
+}  // namespace qel::admin

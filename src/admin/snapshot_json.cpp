@@ -1,8 +1,6 @@
-#include "snapshot_json.h"
+#include "admin/snapshot_json.h"
 
-namespace qelcli {
-
-using Json = nlohmann::ordered_json;
+namespace qel::admin {
 
 Json SnapshotJson(const qel::NodeSnapshot& s) {
   Json links = Json::array();
@@ -67,4 +65,4 @@ Json SnapshotJson(const qel::NodeSnapshot& s) {
           {"refusals", std::move(refusals)}};
 }
 
-}  // namespace qelcli
+}  // namespace qel::admin
