@@ -6,7 +6,7 @@ JOBS       ?= 2
 BUILD_FUZZ ?= build-fuzz
 FUZZ_SECONDS ?= 60
 
-.PHONY: all setup build run test test-asan soak soak-hosts fuzz bench format clean
+.PHONY: all setup build run python test test-asan soak soak-hosts fuzz bench format clean
 
 all: build
 
@@ -28,11 +28,17 @@ run: setup $(BUILD)/build.ninja
 	cmake --build $(BUILD) -j $(JOBS) --target qel_cli
 	$(BUILD)/bin/qel node --port 4000
 
+# The Python module, in $(BUILD)/python (docs/python.md).
+python: setup
+	@bash scripts/setup.sh python
+	$(CONFIGURE)
+	cmake --build $(BUILD) -j $(JOBS) --target qel_python
+
 # The tests and benchmarks skip themselves while their packages are missing,
 # so these targets configure again once the packages are in. No tests at all
 # means GoogleTest was still not found: that fails rather than passes.
 test: setup
-	@bash scripts/setup.sh test
+	@bash scripts/setup.sh test python
 	$(CONFIGURE)
 	cmake --build $(BUILD) -j $(JOBS)
 	cd $(BUILD) && ctest --output-on-failure --no-tests=error -j $(JOBS)

@@ -3,6 +3,7 @@
 #   setup.sh            what building and running need (make build, make run)
 #   setup.sh test       the test suite's extras (make test, make test-asan)
 #   setup.sh bench      the benchmarks' extras (make bench)
+#   setup.sh python     the Python module's (make python, make test)
 #   setup.sh hosts      network namespaces (make soak-hosts)
 #   setup.sh fuzz       the fuzzers' extras (make fuzz)
 #   setup.sh format     clang-format (make format)
@@ -18,10 +19,11 @@ for group in "${@:-build}"; do
         libcpp-httplib-dev) ;;
     test)   packages+=(libgtest-dev libgmock-dev binutils pkg-config chromium) ;;
     bench)  packages+=(libbenchmark-dev libzmq3-dev) ;;
+    python) packages+=(python3-dev pybind11-dev python3-pytest) ;;
     hosts)  packages+=(iproute2) ;;
     fuzz)   packages+=(clang libclang-rt-14-dev) ;;
     format) packages+=(clang-format) ;;
-    *) echo "setup: unknown group '$group' (build, test, bench, hosts, fuzz, format)" >&2; exit 2 ;;
+    *) echo "setup: unknown group '$group' (build, test, bench, python, hosts, fuzz, format)" >&2; exit 2 ;;
   esac
 done
 

@@ -47,4 +47,19 @@ QEL_API void SetBusyPoll(int32_t microseconds);
 // be called from any thread.
 QEL_API void Post(std::function<void()> fn);
 
+// A file descriptor that is readable whenever the loop has an event ready
+// (a socket, a timer, work posted from another thread), for a host whose own
+// loop (Python's asyncio, a GUI's) watches descriptors: when it is readable,
+// call DoEvents(0), which runs everything ready and returns at once. Owned
+// by QEL: never close or read it. Once it is asked for, work handed to the
+// loop from outside DoEvents (Post from another thread, the worker's results)
+// also makes it readable; a host that calls a node method outside DoEvents
+// calls WakeLoop afterwards, since such a call may leave work queued. Loop
+// thread only (QelError kWrongThread otherwise).
+QEL_API int LoopDescriptor();
+
+// Makes LoopDescriptor() readable, so the host's loop calls DoEvents(0) soon.
+// Any thread may call it.
+QEL_API void WakeLoop();
+
 }  // namespace qel

@@ -132,6 +132,46 @@ void SetBusyPoll(int32_t microseconds) {
 
 void Post(std::function<void()> fn) {
   asio::post(IoContext(), std::move(fn));
+  WakeWatchedLoop();
+}
+
+// Asio has no accessor for its reactor's epoll descriptor, which is readable
+// exactly when a registered socket, the timerfd or the interrupter is. An
+// explicit instantiation may name a private member, so this reads it without
+// patching Asio; a build of Asio without the member fails here, at compile time.
+namespace {
+struct EpollFdTag {
+  using type = int asio::detail::epoll_reactor::*;
+  friend type Member(EpollFdTag);
+};
+template <typename Tag, typename Tag::type M>
+struct Expose {
+  friend typename Tag::type Member(Tag) { return M; }
+};
+template struct Expose<EpollFdTag, &asio::detail::epoll_reactor::epoll_fd_>;
+
+// Set once a host watches the descriptor: only then do posts from outside the
+// loop need to make it readable (Asio wakes its reactor only while a thread
+// blocks in it, which a host's loop never does).
+std::atomic<bool> descriptorWatched{false};
+}  // namespace
+
+int LoopDescriptor() {
+  if (!OnLoopThread()) ThrowWrongThread("LoopDescriptor");
+  auto& reactor = asio::use_service<asio::detail::epoll_reactor>(IoContext());
+  // Before any socket or timer exists the loop does not run the reactor yet,
+  // and the wake-up its creation signals would leave the descriptor readable.
+  reactor.init_task();
+  descriptorWatched = true;
+  return reactor.*Member(EpollFdTag{});
+}
+
+void WakeLoop() {
+  asio::use_service<asio::detail::epoll_reactor>(IoContext()).interrupt();
+}
+
+void WakeWatchedLoop() {
+  if (descriptorWatched.load(std::memory_order_relaxed)) WakeLoop();
 }
 
 struct Timer::Impl : std::enable_shared_from_this<Impl> {

@@ -19,6 +19,10 @@ bool OnLoopThread();
 // Throws QelError kWrongThread naming call and the rule.
 [[noreturn]] void ThrowWrongThread(const std::string& call);
 
+// WakeLoop() when a host watches LoopDescriptor(); nothing otherwise. For work
+// posted from outside the loop, which Asio would not signal to a watcher.
+void WakeWatchedLoop();
+
 // Runs the loop until done() is true or timeoutMs have passed; returns done().
 // Events of every node run meanwhile, so callers must re-check their state.
 bool RunUntil(const std::function<bool()>& done, int64_t timeoutMs);

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "net/asio_context.h"
+#include "net/event_loop.h"
 
 namespace qel {
 namespace {
@@ -63,6 +64,7 @@ class Worker {
         if (then) then();
         work = nullptr;
       });
+      WakeWatchedLoop();
       lock.lock();
       busy_ = false;
       if (jobs_.empty()) idle_.notify_all();

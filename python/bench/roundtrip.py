@@ -1,0 +1,48 @@
+"""Costs of the Python layer: a ping's round trip through the binding (median
+microseconds of wall time per call) and messages received per second through
+``async for``. Run with the module on PYTHONPATH (build/python)."""
+import asyncio
+import statistics
+import time
+
+import qel
+
+
+def linked():
+    a, b = qel.Node("alpha"), qel.Node("beta")
+    a.listen()
+    b.listen()
+    b.connect(f"127.0.0.1:{a.port}")
+    a.node_info(b.node_id)
+    b.node_info(a.node_id)
+    return a, b
+
+
+async def main(pings=2000, messages=50000):
+    a, b = linked()
+    for _ in range(100):
+        a.ping(b.node_id)
+    times = []
+    for _ in range(pings):
+        start = time.perf_counter()
+        a.ping(b.node_id)
+        times.append(time.perf_counter() - start)
+    print(f"ping through the binding: median {statistics.median(times) * 1e6:.1f} us over {pings}")
+
+    received = 0
+    async with b.events() as events:
+        start = time.perf_counter()
+        for i in range(messages):
+            a.send("m", b.node_id)
+            if i % 500 == 499:
+                await asyncio.sleep(0)
+        async for event in events:
+            if event.name == "message":
+                received += 1
+                if received == messages:
+                    break
+        elapsed = time.perf_counter() - start
+    print(f"async for: {messages / elapsed:,.0f} messages/s ({messages} in {elapsed:.2f} s, sends included)")
+
+
+asyncio.run(main())

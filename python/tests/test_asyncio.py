@@ -1,0 +1,86 @@
+import asyncio
+import os
+import select
+import warnings
+
+import qel
+
+DEADLINE = 20.0
+
+
+async def linked():
+    a, b = qel.Node("alpha"), qel.Node("beta")
+    a.listen()
+    b.listen()
+    b.connect(f"127.0.0.1:{a.port}")
+    a.node_info(b.node_id)
+    b.node_info(a.node_id)
+    return a, b
+
+
+async def first(stream, predicate):
+    async for event in stream:
+        if predicate(event):
+            return event
+
+
+def test_events_while_a_fetch_runs_and_a_raising_handler(tmp_path):
+    async def main():
+        a, b = await linked()
+        shared = tmp_path / "shared"
+        shared.mkdir()
+        data = os.urandom(2 * 1024 * 1024)
+        (shared / "f.bin").write_bytes(data)
+        a.share(str(shared))
+
+        # Two streams, each seeing what was raised after it started.
+        early = b.events()
+        a.send("one", b.node_id)
+        got = await asyncio.wait_for(first(early, lambda e: e.name == "message"), DEADLINE)
+        assert got == qel.Message("one", a.node_id)
+        assert "Message(text='one'" in repr(got)
+        late = b.events()
+        # A call from outside QEL's loop leaves its writes queued: asyncio must
+        # be woken to run them, not wait for the next timer.
+        qel.process()
+        a.send("two", b.node_id)
+        assert select.select([qel._qel.descriptor()], [], [], 0)[0]
+        for stream in (early, late):
+            got = await asyncio.wait_for(first(stream, lambda e: e.name == "message"), DEADLINE)
+            assert got.text == "two"
+        early.close()
+
+        # The asyncio loop keeps running other work while the fetch goes on,
+        # and the stream sees its progress and its end.
+        ticks = 0
+
+        async def ticker():
+            nonlocal ticks
+            while True:
+                ticks += 1
+                await asyncio.sleep(0)
+
+        ticking = asyncio.create_task(ticker())
+        local = tmp_path / "copy.bin"
+        fetch = asyncio.create_task(b.fetch_async(a.node_id, "\\f.bin", str(local)))
+        done = await asyncio.wait_for(first(late, lambda e: e.name == "fetch_done"), DEADLINE)
+        await asyncio.wait_for(fetch, DEADLINE)
+        ticking.cancel()
+        assert done.ok and local.read_bytes() == data
+        assert ticks > 1
+
+        # A handler that raises is reported; the node goes on.
+        b.on_message = lambda text, from_id: {}["missing"]
+        with warnings.catch_warnings(record=True) as caught:
+            warnings.simplefilter("always")
+            a.send("boom", b.node_id)
+            a.send("after", b.node_id)
+            got = await asyncio.wait_for(first(late, lambda e: e.name == "message" and e.text == "after"), DEADLINE)
+        assert any(w.category is qel.HandlerWarning and "KeyError" in str(w.message) for w in caught)
+
+        a.bind("echo", lambda params, from_id: params)
+        assert await asyncio.wait_for(b.call_async(a.node_id, "echo", "x"), DEADLINE) == "x"
+        a.close()
+        b.close()
+
+    asyncio.run(main())
