@@ -15,10 +15,7 @@
 #include "admin/event_json.h"
 #include "admin/event_ring.h"
 #include "admin/metrics.h"
-#include "core/new_id.h"
-#include "net/event_loop.h"
-#include "node/module.h"
-#include "node/node_access.h"
+#include "known_nodes.h"
 
 namespace {
 
@@ -62,13 +59,7 @@ BENCHMARK(BM_MetricsText)->Arg(8)->Arg(100)->Unit(benchmark::kMicrosecond);
 void BM_ScrapeWith1000KnownNodes(benchmark::State& state) {
   qel::cQEL node;
   node.Initialise("observed");
-  auto& shared = *qel::TheModule().Slot(qel::detail::NodeAccess::SlotIndex(node));
-  for (int i = 0; i < 1000; ++i) {
-    const std::string id = qel::NewID();
-    qel::NodeEntry& entry = shared.NodeCache[static_cast<size_t>(shared.NodeCache.FindOrAdd(id))];
-    entry.SetStrings({.ID = id, .Name = "node-" + std::to_string(i),
-                      .Address = "10.0.0." + std::to_string(i % 250) + ":" + std::to_string(4000 + i)});
-  }
+  qelbench::AddKnownNodes(node, 1000);
   qel::AdminServer server(node, {});
   const std::string url = server.Start();
   const int port = std::stoi(url.substr(url.rfind(':') + 1));

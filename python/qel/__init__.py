@@ -10,6 +10,7 @@ from __future__ import annotations
 
 import asyncio
 import dataclasses
+import json
 import os
 import time
 import traceback
@@ -311,6 +312,11 @@ class Node(_qel.Node):
     def users(self) -> str:
         """The user list as a settings text, one section per user."""
         return self._users()
+
+    def snapshot(self) -> dict:
+        """The node's state now, as /api/status gives it: identity, links, known nodes,
+        routes, transfers, counters and refusals (docs/observability.md names the keys)."""
+        return json.loads(self._snapshot_json())
 
     # Events -------------------------------------------------------------
 

@@ -8,9 +8,13 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <string>
 
 #include <qel/qel.h>
+
+#include "admin/event_json.h"
+#include "admin/snapshot_json.h"
 
 namespace py = pybind11;
 
@@ -184,6 +188,14 @@ class Node {
     return node_.LoginAs(name, password);
   }
   std::string Users() { return node_.getUserXML(); }
+  // The snapshot as the status API writes it: one JSON text, which Python reads into
+  // dicts, so the two never differ.
+  std::string SnapshotJson() {
+    std::ostringstream out;
+    std::string buffer;
+    qel::admin::WriteJsonLine(out, qel::admin::SnapshotJson(node_.Snapshot()), buffer);
+    return out.str();
+  }
   void SyncUsers() {
     HostCall call;
     node_.SyncUserList();
@@ -314,6 +326,7 @@ PYBIND11_MODULE(_qel, m) {
            py::arg("remove") = false)
       .def("login", &Node::Login, py::arg("name"), py::arg("password") = "")
       .def("_users", &Node::Users)
+      .def("_snapshot_json", &Node::SnapshotJson)
       .def("sync_users", &Node::SyncUsers)
       .def("_bind", &Node::Bind)
       .def("_unbind", &Node::Unbind)

@@ -17,8 +17,7 @@ def eventually(done, deadline=DEADLINE):
     return True
 
 
-@pytest.fixture
-def pair():
+def linked():
     """Two listening nodes of this process, linked over loopback, each knowing the other."""
     a, b = qel.Node("alpha"), qel.Node("beta")
     a.listen()
@@ -26,6 +25,12 @@ def pair():
     b.connect(f"127.0.0.1:{a.port}")
     a.node_info(b.node_id)
     b.node_info(a.node_id)
+    return a, b
+
+
+@pytest.fixture
+def pair():
+    a, b = linked()
     yield a, b
     a.close()
     b.close()

@@ -4,18 +4,7 @@ import select
 import warnings
 
 import qel
-
-DEADLINE = 20.0
-
-
-async def linked():
-    a, b = qel.Node("alpha"), qel.Node("beta")
-    a.listen()
-    b.listen()
-    b.connect(f"127.0.0.1:{a.port}")
-    a.node_info(b.node_id)
-    b.node_info(a.node_id)
-    return a, b
+from conftest import DEADLINE, linked
 
 
 async def first(stream, predicate):
@@ -26,7 +15,7 @@ async def first(stream, predicate):
 
 def test_events_while_a_fetch_runs_and_a_raising_handler(tmp_path):
     async def main():
-        a, b = await linked()
+        a, b = linked()
         shared = tmp_path / "shared"
         shared.mkdir()
         data = os.urandom(2 * 1024 * 1024)

@@ -16,6 +16,9 @@ def test_messages_ping_and_failures_raise(pair):
     a.send("hello", b.node_id)
     assert eventually(lambda: got)
     assert got == [("hello", a.node_id)]
+    status = b.snapshot()
+    assert status["nodeID"] == b.node_id and status["messagesReceived"] >= 1
+    assert [link["nodeID"] for link in status["links"]] == [a.node_id]
 
     rtt = a.ping(b.node_id)
     assert isinstance(rtt, float) and 0 <= rtt < 3
