@@ -223,9 +223,16 @@ std::string AdminServer::Start() {
     throw QelError(0, "AdminServer::Start",
                    "cannot serve HTTP on " + options_.address + ":" + std::to_string(options_.port));
   }
-  // Every event, once the host's handler has run, as the console prints it.
-  observer_ = node_.AddEventObserver(
-      [&s](const typEvent& event) { s.ring.Push(admin::EventLine(event)); });
+  // Every event, once the host's handler has run, as the console prints it. Written out
+  // only while a stream reads: a busy node pays a count, not a JSON line, per event. A
+  // stream that comes back after all were closed hears how many it missed.
+  observer_ = node_.AddEventObserver([&s](const typEvent& event) {
+    if (s.streams > 0) {
+      s.ring.Push(admin::EventLine(event));
+    } else {
+      s.ring.Skip();
+    }
+  });
   s.thread = std::thread([&s] {
     s.server.listen_after_bind();
     std::lock_guard lock(s.mutex);

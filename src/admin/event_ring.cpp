@@ -19,6 +19,13 @@ void EventRing::Push(std::string line) {
   pushed_.notify_all();
 }
 
+void EventRing::Skip() {
+  std::lock_guard lock(mutex_);
+  first_ += lines_.size() + 1;
+  lines_.clear();
+  bytes_ = 0;
+}
+
 EventRing::Batch EventRing::After(uint64_t cursor, std::chrono::steady_clock::time_point until) {
   std::unique_lock lock(mutex_);
   const auto last = [this] { return first_ + lines_.size() - 1; };

@@ -26,6 +26,8 @@ class EventRing {
     uint64_t missed = 0;  // events after the cursor that were already dropped
     bool closed = false;
   };
+  // Numbers an event without keeping it, nor any before it: no stream reads them.
+  void Skip();
   // The events after cursor, waiting until there is one, the ring closes or
   // until passes.
   Batch After(uint64_t cursor, std::chrono::steady_clock::time_point until);
