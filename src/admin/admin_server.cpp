@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <ctime>
 #include <future>
 #include <mutex>
 #include <optional>
@@ -32,8 +33,12 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kLoopWait = std::chrono::seconds(2);
 constexpr auto kHeartbeat = std::chrono::seconds(15);
 constexpr int kMaxStreams = 8;
-// Room for the streams and for requests beside them.
-constexpr size_t kThreads = kMaxStreams + 4;
+// Room for the streams and for requests beside them. Each connection holds a
+// thread while it sends its request or idles between requests, so those waits
+// are short: a client that trickles its request in, or many idle ones, delay
+// the others by about that much.
+constexpr size_t kThreads = kMaxStreams + 8;
+constexpr time_t kRequestSeconds = 2;
 
 bool IsLoopback(const std::string& address) {
   return address.starts_with("127.") || address == "::1" || address == "localhost";
@@ -213,6 +218,8 @@ std::string AdminServer::Start() {
   // Headers and body go out in separate writes: without this a small answer
   // waits for the client's delayed acknowledgement.
   s.server.set_tcp_nodelay(true);
+  s.server.set_read_timeout(kRequestSeconds, 0);
+  s.server.set_keep_alive_timeout(kRequestSeconds);
 
   if (options_.port == 0) {
     s.port = s.server.bind_to_any_port(options_.address);
