@@ -87,7 +87,10 @@ void DupWindow::Rebuild(size_t room) {
     used_ = 0;
     return;
   }
-  const size_t size = std::bit_ceil(std::max(2 * room, kMinSlots));
+  size_t size = std::bit_ceil(std::max(2 * room, kMinSlots));
+  // Near the cap the size needed goes back and forth across a power of two: the larger
+  // table kept serves the smaller need.
+  if (spare_.size() == 2 * size) size = spare_.size();
   if (spare_.size() == size) {
     std::fill(spare_.begin(), spare_.end(), 0);  // pages already in, unlike a new table's
   } else {
@@ -103,8 +106,10 @@ void DupWindow::Rebuild(size_t room) {
     slots_[at] = slot;
   }
   used_ = live_;
-  // Kept only for a rebuild of the same size: one that shrank gives the room back.
-  if (spare_.size() != slots_.size()) std::vector<uint64_t>().swap(spare_);
+  // Kept only for a rebuild of about the same size: one that shrank gives the room back.
+  if (spare_.size() > 2 * slots_.size() || 2 * spare_.size() < slots_.size()) {
+    std::vector<uint64_t>().swap(spare_);
+  }
 }
 
 }  // namespace qel

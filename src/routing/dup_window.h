@@ -30,14 +30,14 @@ namespace qel {
 // - the table is rebuilt (live IDs only) when dead slots crowd it, shrinks
 //   when the live IDs drop to an eighth of it, and is given back when none
 //   are left. Expire lets an idle owner give it back without noting. The
-//   table a rebuild leaves is kept for the next one of the same size: a
+//   table a rebuild leaves is kept for the next one of about its size: a
 //   flood rebuilds every few hundred thousand IDs, and faulting in a fresh
 //   table each time cost more than the rebuild.
 // Not thread-safe.
 class DupWindow {
  public:
-  // At most this many IDs are held: 4 MiB of table in a steady flood and as
-  // much kept for the next rebuild. A minute of a flood at 4,000 messages a second fits; past the cap
+  // At most this many IDs are held: 4 to 8 MiB of table in a steady flood
+  // and about as much kept for the next rebuild. A minute of a flood at 4,000 messages a second fits; past the cap
   // the oldest generation goes before its time, and Cuts() counts its IDs.
   static constexpr size_t kMaxIDs = size_t{1} << 18;
 
