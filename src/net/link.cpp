@@ -1,6 +1,7 @@
 #include "net/link.h"
 
 #include <algorithm>
+#include <memory>
 #include <utility>
 
 #include <qel/event_loop.h>
@@ -33,6 +34,21 @@ constexpr size_t kSpareQueueSize = 1024;
 std::vector<std::vector<PackedMessage>>& SpareQueues() {
   static auto* spare = new std::vector<std::vector<PackedMessage>>;  // links outlive statics
   return *spare;
+}
+
+// A secure read's plaintext: at most a read's ciphertext plus the rest of a record cut
+// short by the last read. Shared like the socket's read buffer: one read has it at a time.
+constexpr size_t kRecordPlain = 16 * 1024;
+constexpr size_t kPlainRead = 64 * 1024 + 2 * kRecordPlain;
+
+struct PlainBuffer {
+  std::unique_ptr<char[]> bytes;
+  bool leased = false;
+};
+
+PlainBuffer& ThePlainBuffer() {
+  static auto* buffer = new PlainBuffer;  // links outlive statics
+  return *buffer;
 }
 
 MessageFeeder FeederFor(const LinkLimits& limits) {
@@ -149,7 +165,7 @@ Link::Transformed Link::FeedTransformed(std::string_view bytes) {
   // Only a secure link's plaintext goes to a sink; the first bytes of a plaintext link and
   // a handshake need none (nor its buffer on the stack).
   if (!stream.Secure()) return {stream.Feed(bytes)};
-  // Offers the body's room while a body is being read, a buffer on the stack otherwise.
+  // Offers the body's room while a body is being read, the read's buffer otherwise.
   class Sink final : public PlainSink {
    public:
     explicit Sink(Link& link) : link_(link) {}
@@ -157,13 +173,12 @@ Link::Transformed Link::FeedTransformed(std::string_view bytes) {
       if (outcome != MessageFeeder::Outcome::Ok) return {};
       const std::span<char> body = link_.partial_.BodyRoom();
       direct_ = !body.empty();
-      return direct_ ? body : std::span<char>(buffer_);
+      return direct_ ? body : link_.secureRead_->Room();
     }
     void Put(size_t n) override {
       fed = true;
       if (!direct_) {
-        outcome = link_.Feed(std::string_view(buffer_, n));
-        link_.Settle();  // the next record is decrypted into the same buffer
+        outcome = link_.secureRead_->Put(n);
         return;
       }
       if (TheDebugLog().Enabled()) {
@@ -179,11 +194,48 @@ Link::Transformed Link::FeedTransformed(std::string_view bytes) {
    private:
     Link& link_;
     bool direct_ = false;
-    char buffer_[16 * 1024];
   };
   Sink sink(*this);
   const LinkTransform::Step step = stream.Feed(bytes, &sink);
   return {step, sink.outcome, sink.fed};
+}
+
+Link::SecureRead::SecureRead(Link& link)
+    : link_(link), outer_(std::exchange(link.secureRead_, this)) {}
+
+Link::SecureRead::~SecureRead() {
+  link_.Settle();
+  if (leased_) ThePlainBuffer().leased = false;
+  if (own_) link_.ownPlainBytes_ -= kPlainRead;
+  link_.secureRead_ = outer_;
+}
+
+std::span<char> Link::SecureRead::Room() {
+  if (!bytes_) {
+    // Taken at the first record: a handshake read needs none.
+    PlainBuffer& shared = ThePlainBuffer();
+    if (!shared.leased) {
+      if (!shared.bytes) shared.bytes = std::make_unique_for_overwrite<char[]>(kPlainRead);
+      shared.leased = leased_ = true;
+      bytes_ = shared.bytes.get();
+    } else {
+      own_ = std::make_unique_for_overwrite<char[]>(kPlainRead);
+      link_.ownPlainBytes_ += kPlainRead;
+      bytes_ = own_.get();
+    }
+  }
+  if (kPlainRead - used_ < kRecordPlain) {
+    // Never reached by a read of the usual size; no handler has run on these bytes yet.
+    link_.Settle();
+    used_ = 0;
+  }
+  return {bytes_ + used_, kPlainRead - used_};
+}
+
+MessageFeeder::Outcome Link::SecureRead::Put(size_t n) {
+  const std::string_view plain(bytes_ + used_, n);
+  used_ += n;
+  return link_.Feed(plain);
 }
 
 std::span<char> Link::ReadRoom() {
@@ -286,7 +338,8 @@ size_t Link::OverBacklog() {
 }
 
 size_t Link::Held() const {
-  return sck->BufferBytes() + stream.PendingBytes() + partial_.BufferedBytes() + inboxBytes_;
+  return sck->BufferBytes() + stream.PendingBytes() + partial_.BufferedBytes() + inboxBytes_ +
+         ownPlainBytes_;
 }
 
 void Link::WhenDrained(size_t below, std::function<void()> fn) {

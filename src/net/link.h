@@ -107,6 +107,29 @@ class Link {
     bool fed = false;
   };
   Transformed FeedTransformed(std::string_view bytes);
+  // Scopes one read of a secure link (around FeedTransformed and the handling of what it
+  // brought): its records are decrypted into one buffer where their messages are handled in
+  // place, and what still waits when the scope ends is copied out (Settle). A read from a
+  // loop a handler of this scope runs decrypts into a buffer of its own.
+  class SecureRead {
+   public:
+    explicit SecureRead(Link& link);
+    ~SecureRead();
+    SecureRead(const SecureRead&) = delete;
+    SecureRead& operator=(const SecureRead&) = delete;
+    // Where the next record's plaintext goes.
+    std::span<char> Room();
+    // n bytes were decrypted into that room; they are fed.
+    MessageFeeder::Outcome Put(size_t n);
+
+   private:
+    Link& link_;
+    SecureRead* outer_;
+    char* bytes_ = nullptr;
+    size_t used_ = 0;
+    bool leased_ = false;
+    std::unique_ptr<char[]> own_;
+  };
   // Where the next read may put a large body's bytes, to save copying them (see
   // Socket::Handlers): none while the transform must see bytes first, or the link closes.
   std::span<char> ReadRoom();
@@ -170,6 +193,8 @@ class Link {
   std::vector<PackedMessage> inPlace_;
   size_t inPlaceHead_ = 0;
   size_t inboxBytes_ = 0;
+  SecureRead* secureRead_ = nullptr;  // the innermost read of this link being handled
+  size_t ownPlainBytes_ = 0;          // buffers of reads nested in another's handler
   // Queues a message with a record of its own, behind those in place.
   void Keep(typMessage&& message);
   // Empties the queue of messages in place and gives its array back.

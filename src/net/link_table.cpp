@@ -248,6 +248,8 @@ void LinkTable::OnData(int32_t index, uint64_t generation, std::string_view data
 
 void LinkTable::OnTransformed(int32_t index, uint64_t generation, std::string_view data) {
   Link& c = *links_[index];
+  // Messages decrypted by this read are handled where they lie until it returns.
+  Link::SecureRead read(c);
   const Link::Transformed fed = c.FeedTransformed(data);
   // Handshake answers and alerts leave with the next flush, as sealed data does; a read
   // that only brought data asks for none.

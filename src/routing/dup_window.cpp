@@ -83,11 +83,21 @@ void DupWindow::Rebuild(size_t room) {
   floor_ = oldest_;
   if (room == 0) {
     std::vector<uint64_t>().swap(slots_);
+    std::vector<uint64_t>().swap(spare_);
     used_ = 0;
     return;
   }
-  std::vector<uint64_t> old(std::bit_ceil(std::max(2 * room, kMinSlots)));
-  old.swap(slots_);
+  size_t size = std::bit_ceil(std::max(2 * room, kMinSlots));
+  // Near the cap the size needed goes back and forth across a power of two: the larger
+  // table kept serves the smaller need.
+  if (spare_.size() == 2 * size) size = spare_.size();
+  if (spare_.size() == size) {
+    std::fill(spare_.begin(), spare_.end(), 0);  // pages already in, unlike a new table's
+  } else {
+    std::vector<uint64_t>(size).swap(spare_);
+  }
+  spare_.swap(slots_);
+  const std::vector<uint64_t>& old = spare_;
   const size_t mask = slots_.size() - 1;
   for (const uint64_t slot : old) {
     if (slot == 0 || !Live(slot)) continue;
@@ -96,6 +106,10 @@ void DupWindow::Rebuild(size_t room) {
     slots_[at] = slot;
   }
   used_ = live_;
+  // Kept only for a rebuild of about the same size: one that shrank gives the room back.
+  if (spare_.size() > 2 * slots_.size() || 2 * spare_.size() < slots_.size()) {
+    std::vector<uint64_t>().swap(spare_);
+  }
 }
 
 }  // namespace qel

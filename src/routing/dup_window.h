@@ -29,12 +29,15 @@ namespace qel {
 //   about one cache miss; ending a generation costs nothing per ID;
 // - the table is rebuilt (live IDs only) when dead slots crowd it, shrinks
 //   when the live IDs drop to an eighth of it, and is given back when none
-//   are left. Expire lets an idle owner give it back without noting.
+//   are left. Expire lets an idle owner give it back without noting. The
+//   table a rebuild leaves is kept for the next one of about its size: a
+//   flood rebuilds every few hundred thousand IDs, and faulting in a fresh
+//   table each time cost more than the rebuild.
 // Not thread-safe.
 class DupWindow {
  public:
-  // At most this many IDs are held: 4 MiB of table in a steady flood, 8 at
-  // most. A minute of a flood at 4,000 messages a second fits; past the cap
+  // At most this many IDs are held: 4 to 8 MiB of table in a steady flood
+  // and about as much kept for the next rebuild. A minute of a flood at 4,000 messages a second fits; past the cap
   // the oldest generation goes before its time, and Cuts() counts its IDs.
   static constexpr size_t kMaxIDs = size_t{1} << 18;
 
@@ -58,7 +61,7 @@ class DupWindow {
   // IDs the cap pushed out before their span had passed.
   uint64_t Cuts() const { return cuts_; }
   // Bytes of table held.
-  size_t HeldBytes() const { return slots_.capacity() * sizeof(uint64_t); }
+  size_t HeldBytes() const { return (slots_.capacity() + spare_.capacity()) * sizeof(uint64_t); }
 
  private:
   static constexpr int64_t kSlicesPerSpan = 8;
@@ -90,6 +93,7 @@ class DupWindow {
   int64_t sliceMs_ = 0;
   // Power-of-two sized; 0 is a free slot.
   std::vector<uint64_t> slots_;
+  std::vector<uint64_t> spare_;  // the table before the last rebuild, for the next one
   size_t used_ = 0;  // non-zero slots, live or dead
   size_t live_ = 0;
   // Generations oldest_..newest_ are held (none when live_ is 0); those
