@@ -201,7 +201,8 @@ class Node(_qel.Node):
     # Calls that wait -----------------------------------------------------
 
     def ping(self, node_id: str, timeout: float = 3.0) -> float:
-        """The round trip to node_id in seconds; Timeout when none came."""
+        """The round trip to node_id in seconds, in whole milliseconds as the library
+        measures it; Timeout when none came."""
         seconds = self._ping(node_id, int(timeout * 1000))
         if seconds is None:
             raise Timeout(0, f"no answer to ping from {node_id} within {timeout} s")
