@@ -3,12 +3,12 @@
 // forked from this one; this process only coordinates and never opens a
 // node, so each child starts clean.
 //
-//   qel_figures [--runs N] [--verbose] [--only TEXT] [--with qel,qel-tls,qel-busy,tcp,zmq]
+//   qel_figures [--runs N] [--verbose] [--only TEXT] [--with qel,qel-tls,qel-http,qel-busy,tcp,zmq]
 //
 // --only keeps the figures whose name contains TEXT ("direct plain", "relay",
 // "ping", "rpc", "link set-up", "codec", "md5", "file transfer", "file transfer relayed", "scale",
 // "amplification");
-// --with keeps the listed contenders (qel, qel-tls, tcp, zmq; handy under perf).
+// --with keeps the listed contenders (qel, qel-tls, qel-http, tcp, zmq; handy under perf).
 #include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -39,7 +39,7 @@ struct Options {
   int runs = 5;
   bool verbose = false;
   std::string only;
-  std::string with = "qel,qel-tls,qel-busy,tcp,zmq";
+  std::string with = "qel,qel-tls,qel-http,qel-busy,tcp,zmq";
 };
 
 bool WantFigure(const Options& options, const std::string& figure) {
@@ -211,12 +211,13 @@ void ThroughputFigures(bool relay, const Options& options) {
     const std::pair<const char*, Rig (*)(bool, bool)> contenders[] = {
         {"qel", QelThroughputRig},
         {"qel-tls", QelSecureThroughputRig},
+        {"qel-http", QelHttpThroughputRig},
         {"tcp", TcpThroughputRig},
         {"zmq", ZmqThroughputRig}};
     std::vector<Entry> entries;
     for (const auto& [name, build] : contenders) {
       if (!WantContender(options, name)) continue;
-      if (compEnc && name == std::string("qel-tls")) continue;
+      if (compEnc && (name == std::string("qel-tls") || name == std::string("qel-http"))) continue;
       Entry& entry = entries.emplace_back(Entry{name, build(relay, compEnc)});
       PrepareThroughput(entry);
     }
@@ -342,7 +343,7 @@ int main(int argc, char** argv) {
       options.with = argv[++i];
     } else {
       std::fprintf(stderr,
-                   "usage: %s [--runs N] [--verbose] [--only TEXT] [--with qel,qel-tls,qel-busy,tcp,zmq]\n",
+                   "usage: %s [--runs N] [--verbose] [--only TEXT] [--with qel,qel-tls,qel-http,qel-busy,tcp,zmq]\n",
                    argv[0]);
       return 2;
     }

@@ -9,6 +9,9 @@
 #include <vector>
 
 #include <qel/qel.h>
+#ifdef QEL_HAVE_ADMIN
+#include <qel/admin.h>
+#endif
 
 namespace qelbench {
 namespace {
@@ -50,7 +53,7 @@ std::string ReadyLine(qel::cQEL& node) {
   return "ready port=" + std::to_string(node.ListenPort()) + " id=" + node.NodeID();
 }
 
-void Receiver(Channel& channel, const std::string& settings) {
+void Receiver(Channel& channel, const std::string& settings, bool http) {
   UseLoopback();
   qel::cQEL node;
   WatchErrors(node, "receiver");
@@ -64,6 +67,13 @@ void Receiver(Channel& channel, const std::string& settings) {
   };
   node.Initialise("receiver", 0, qel::role_Peer, "", "", settings);
   if (!node.Listen(0)) return channel.Send("fail cannot listen");
+#ifdef QEL_HAVE_ADMIN
+  // Served and idle: what an operator's admin port costs the node's messages.
+  std::optional<qel::AdminServer> admin;
+  if (http) admin.emplace(node, qel::AdminOptions{}).Start();
+#else
+  if (http) return channel.Send("fail built without the admin server");
+#endif
   channel.Send(ReadyLine(node));
   while (std::optional<std::string> line = PumpUntilCommand(channel)) {
     if (!line->starts_with("arm ")) continue;
@@ -238,10 +248,10 @@ std::string QelSettings(bool compEnc, bool secure) {
 
 namespace {
 
-Rig ThroughputRig(bool relay, const std::string& settings) {
+Rig ThroughputRig(bool relay, const std::string& settings, bool http = false) {
   Rig rig;
-  Child& receiver = rig.Add(
-      std::make_unique<Child>("qel receiver", [settings](Channel& c) { Receiver(c, settings); }));
+  Child& receiver = rig.Add(std::make_unique<Child>(
+      "qel receiver", [settings, http](Channel& c) { Receiver(c, settings, http); }));
   std::optional<std::string> ready = receiver.Expect("ready", kReadyTimeoutMs, &rig.failure);
   if (!ready) return rig;
   const std::string receiverID = Field(*ready, "id");
@@ -307,6 +317,10 @@ Rig QelThroughputRig(bool relay, bool compEnc) {
 
 Rig QelSecureThroughputRig(bool relay, bool compEnc) {
   return ThroughputRig(relay, QelSettings(compEnc, true));
+}
+
+Rig QelHttpThroughputRig(bool relay, bool compEnc) {
+  return ThroughputRig(relay, QelSettings(compEnc, false), true);
 }
 
 Rig QelLinkSetupRig(bool secure) {

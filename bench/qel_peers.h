@@ -18,6 +18,8 @@ std::string QelSettings(bool compEnc, bool secure = false);
 Rig QelThroughputRig(bool relay, bool compEnc);
 // The same over TLS links.
 Rig QelSecureThroughputRig(bool relay, bool compEnc);
+// The same with an admin server (HTTP) running beside the receiver, no client asking.
+Rig QelHttpThroughputRig(bool relay, bool compEnc);
 
 // A node dialling a node of another process, waiting for the link to be up
 // (ConnectionEstab), closing it and waiting for ConnectionClosed, once per
