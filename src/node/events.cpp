@@ -27,13 +27,15 @@ bool Observed(const NodeState& node) {
 void Notify(NodeState& node, const char* name, std::vector<typEventField> fields) {
   if (!Observed(node)) return;  // the handler may have shut the node down
   const typEvent event{name, std::move(fields)};
-  // A copy: an observer may add or remove observers; a removed one is skipped.
-  const auto observers = node.Observers;
-  for (const auto& [id, observer] : observers) {
-    if (!node.Owner) return;
-    const bool live = std::any_of(node.Observers.begin(), node.Observers.end(),
-                                  [id = id](const auto& entry) { return entry.first == id; });
-    if (live) RunHandler("event observer", observer, event);
+  // By position, not over a copy of the list (one per event on a busy node): an observer
+  // may add or remove observers, and the walk goes on after it wherever it now stands.
+  auto& observers = node.Observers;
+  for (size_t i = 0; i < observers.size() && node.Owner; ++i) {
+    const auto entry = observers[i];  // it may remove itself while it runs
+    RunHandler("event observer", entry.second, event);
+    const auto at = std::find_if(observers.begin(), observers.end(),
+                                 [&](const auto& other) { return other.first == entry.first; });
+    i = at != observers.end() ? static_cast<size_t>(at - observers.begin()) : i - 1;
   }
 }
 
