@@ -104,6 +104,8 @@ struct NodeSnapshot {
   // node with no other link counts them all the same), and copies dropped as seen before.
   int64_t relayed = 0;
   int64_t duplicatesDropped = 0;
+  // Events raised to the host, handled or not.
+  int64_t eventsRaised = 0;
   // Every reason, in the order cQELStats::RefusalReasons gives.
   std::vector<RefusalSnapshot> refusals;
 };

@@ -67,6 +67,7 @@ std::string Metrics(const NodeSnapshot& s) {
         s.relayed);
   w.One("qel_duplicates_dropped_total", counter,
         "Copies of messages this node dropped as seen before.", s.duplicatesDropped);
+  w.One("qel_events_total", counter, "Events this node raised to its host.", s.eventsRaised);
   w.Family("qel_refusals_total", counter,
            "What this node refused because a peer asked for more than its limits allow, by reason.");
   for (const RefusalSnapshot& r : s.refusals) {

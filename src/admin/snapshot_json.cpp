@@ -62,6 +62,7 @@ Json SnapshotJson(const qel::NodeSnapshot& s) {
           {"bytesSent", s.bytesSent},
           {"relayed", s.relayed},
           {"duplicatesDropped", s.duplicatesDropped},
+          {"eventsRaised", s.eventsRaised},
           {"refusals", std::move(refusals)}};
 }
 

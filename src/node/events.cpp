@@ -14,6 +14,7 @@ namespace {
 template <typename Handler, typename... Args>
 void Raise(NodeState& node, const char* name, Handler cQEL::*event, Args&... args) {
   if (!node.Owner) return;
+  ++node.EventsRaised;
   // A copy: the handler may replace itself or destroy the node object.
   const Handler handler = node.Owner->*event;
   RunHandler(name, handler, args...);

@@ -47,6 +47,8 @@ struct NodeState final : RoutingNode, TransferHost, FetchHost {
   // Who sees every event after the host's handler, by number.
   std::vector<std::pair<int32_t, std::function<void(const typEvent&)>>> Observers;
   int32_t LastObserver = 0;
+  // Events raised since the node was created, watched or not.
+  int64_t EventsRaised = 0;
 
   // What the link table reports.
   bool Alive() const override { return Owner != nullptr; }

@@ -87,6 +87,7 @@ NodeSnapshot TakeSnapshot(NodeState& node) {
   const NodeCounters& counters = node.Counters;
   shot.relayed = counters.Relayed;
   shot.duplicatesDropped = counters.DuplicatesDropped;
+  shot.eventsRaised = node.EventsRaised;
   const Stats& process = TheStats();
   shot.refusals.reserve(static_cast<size_t>(Refusal::kCount));
   for (size_t i = 0; i < static_cast<size_t>(Refusal::kCount); ++i) {

@@ -132,7 +132,8 @@ std::string StatusText(const Json& s) {
           std::to_string(Number(s, "messagesSent")) + "  bytes in " +
           size(Number(s, "bytesReceived")) + " out " + size(Number(s, "bytesSent")) + "  relayed " +
           std::to_string(Number(s, "relayed")) + "  duplicates dropped " +
-          std::to_string(Number(s, "duplicatesDropped")) + "\n";
+          std::to_string(Number(s, "duplicatesDropped")) + "  events " +
+          std::to_string(Number(s, "eventsRaised")) + "\n";
   text += "refused (this node / process):";
   for (const auto& [reason, counts] : Part(s, "refusals").items()) {
     text += " " + reason + " " + std::to_string(Number(counts, "node")) + "/" +
