@@ -49,7 +49,6 @@ class AdminServer {
   cQEL& node_;
   AdminOptions options_;
   std::shared_ptr<State> state_;
-  int32_t observer_ = 0;
 };
 
 }  // namespace qel

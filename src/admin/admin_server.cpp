@@ -77,6 +77,25 @@ struct AdminServer::State {
   std::mutex mutex;
   std::condition_variable listenEnded;
   bool ended = false;
+  // On the loop's thread only.
+  std::optional<int32_t> observer;
+  int64_t unwatchedFrom = 0;  // the node's event count when watching stopped
+
+  // The node is watched only while a stream is open: an unwatched node pays
+  // nothing per event. What it raised meanwhile is counted as skipped, so a
+  // stream that comes back hears how many it missed. Runs on the loop's thread
+  // after each stream opens or closes, and acts on the count it finds then.
+  void Watch() {
+    if (streams > 0 && !observer) {
+      ring.Skip(node->Snapshot().eventsRaised - unwatchedFrom);
+      // Every event, once the host's handler has run, as the console prints it.
+      observer = node->AddEventObserver([this](const typEvent& event) { ring.Push(admin::EventLine(event)); });
+    } else if (streams == 0 && observer) {
+      node->RemoveEventObserver(*observer);
+      observer.reset();
+      unwatchedFrom = node->Snapshot().eventsRaised;
+    }
+  }
 
   // Runs work on the loop's thread and waits for its result. Empty when the
   // loop did not run it in time, the server stops, or the node is shut down.
@@ -164,10 +183,23 @@ std::string AdminServer::Start() {
     res.set_content(text.str(), "application/json");
   });
 
-  s.server.Get("/api/events", [&s](const httplib::Request& req, httplib::Response& res) {
+  s.server.Get("/api/events", [&s, weak](const httplib::Request& req, httplib::Response& res) {
     if (++s.streams > kMaxStreams) {
       --s.streams;
       return Refuse(res, 503, "too many event streams");
+    }
+    // Watching starts before the answer does, so the stream carries every
+    // event raised after its client saw it open.
+    const auto watch = [weak] {
+      try {
+        if (auto state = weak.lock(); state && !state->stopping) state->Watch();
+      } catch (const QelError&) {  // shut down: nothing to watch
+      }
+    };
+    if (!s.OnLoop<bool>([&s](cQEL&) { s.Watch(); return true; }, weak.lock())) {
+      --s.streams;
+      Post(watch);
+      return Refuse(res, 503, "the node's loop is busy or the node is shut down");
     }
     // A client that comes back after a drop goes on where it was, as far as
     // the ring still reaches.
@@ -199,13 +231,15 @@ std::string AdminServer::Start() {
               // A JSON line holds no raw newline: one data line each.
               if (!line.empty() && line.back() == '\n') line.pop_back();
               out += "id: " + std::to_string(number) + "\ndata: " + line + "\n\n";
-              cursor = number;
             }
             if (out.empty()) out = ":\n\n";  // keeps proxies and the client from timing out
           }
           return sink.write(out.data(), out.size());
         },
-        [&s](bool) { --s.streams; });
+        [&s, watch](bool) {
+          --s.streams;
+          Post(watch);
+        });
   });
 
   s.server.Get("/", [](const httplib::Request&, httplib::Response& res) {
@@ -230,16 +264,7 @@ std::string AdminServer::Start() {
     throw QelError(0, "AdminServer::Start",
                    "cannot serve HTTP on " + options_.address + ":" + std::to_string(options_.port));
   }
-  // Every event, once the host's handler has run, as the console prints it. Written out
-  // only while a stream reads: a busy node pays a count, not a JSON line, per event. A
-  // stream that comes back after all were closed hears how many it missed.
-  observer_ = node_.AddEventObserver([&s](const typEvent& event) {
-    if (s.streams > 0) {
-      s.ring.Push(admin::EventLine(event));
-    } else {
-      s.ring.Skip();
-    }
-  });
+  s.unwatchedFrom = node_.Snapshot().eventsRaised;
   s.thread = std::thread([&s] {
     s.server.listen_after_bind();
     std::lock_guard lock(s.mutex);
@@ -256,7 +281,7 @@ void AdminServer::Stop() {
   s.stopping = true;
   s.ring.Close();  // ends the streams
   try {
-    node_.RemoveEventObserver(observer_);
+    if (s.observer) node_.RemoveEventObserver(*s.observer);
   } catch (const QelError&) {  // the node was shut down first: nothing observes it
   }
   {

@@ -19,14 +19,15 @@ void EventRing::Push(std::string line) {
   pushed_.notify_all();
 }
 
-void EventRing::Skip() {
+void EventRing::Skip(uint64_t count) {
+  if (count == 0) return;
   std::lock_guard lock(mutex_);
-  first_ += lines_.size() + 1;
+  first_ += lines_.size() + count;
   lines_.clear();
   bytes_ = 0;
 }
 
-EventRing::Batch EventRing::After(uint64_t cursor, std::chrono::steady_clock::time_point until) {
+EventRing::Batch EventRing::After(uint64_t& cursor, std::chrono::steady_clock::time_point until) {
   std::unique_lock lock(mutex_);
   const auto last = [this] { return first_ + lines_.size() - 1; };
   pushed_.wait_until(lock, until, [&] { return closed_ || last() > cursor; });
@@ -36,7 +37,7 @@ EventRing::Batch EventRing::After(uint64_t cursor, std::chrono::steady_clock::ti
     batch.missed = first_ - cursor - 1;
     cursor = first_ - 1;
   }
-  for (uint64_t n = cursor + 1; n <= last(); ++n) batch.events.emplace_back(n, lines_[n - first_]);
+  for (; cursor < last(); ++cursor) batch.events.emplace_back(cursor + 1, lines_[cursor + 1 - first_]);
   return batch;
 }
 

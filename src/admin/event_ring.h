@@ -26,11 +26,12 @@ class EventRing {
     uint64_t missed = 0;  // events after the cursor that were already dropped
     bool closed = false;
   };
-  // Numbers an event without keeping it, nor any before it: no stream reads them.
-  void Skip();
+  // Numbers count events without keeping them, nor any before them: no stream
+  // read them.
+  void Skip(uint64_t count);
   // The events after cursor, waiting until there is one, the ring closes or
-  // until passes.
-  Batch After(uint64_t cursor, std::chrono::steady_clock::time_point until);
+  // until passes. Moves cursor past them, and past the missed ones.
+  Batch After(uint64_t& cursor, std::chrono::steady_clock::time_point until);
   // The number of the last event pushed (0 before any).
   uint64_t Last() const;
   // Wakes every waiter for good.

@@ -18,6 +18,7 @@
 #include <nlohmann/json.hpp>
 #include <qel/admin.h>
 
+#include "admin/event_ring.h"
 #include "admin/metrics.h"
 #include "../support/peers.h"
 
@@ -164,6 +165,31 @@ TEST(AdminServerTest, TokenIsRequiredOffLoopbackAndCheckedOnEveryRequest) {
             403);
   EXPECT_EQ(Get(port, "/", {{"Authorization", "Bearer s3cret"}, {"Host", "localhost:" + std::to_string(port)}}).status,
             200);
+}
+
+// A reader behind a gap (events dropped, or raised while nothing watched) is
+// told of it once, and then waits for what comes next.
+TEST(EventRingTest, GapIsToldOnceThenTheReaderWaits) {
+  admin::EventRing ring(2, 1 << 20);
+  for (const char* line : {"a", "b", "c"}) ring.Push(line);
+  uint64_t cursor = 0;
+  const auto soon = [] { return std::chrono::steady_clock::now() + std::chrono::milliseconds(20); };
+  admin::EventRing::Batch batch = ring.After(cursor, soon());
+  EXPECT_EQ(batch.missed, 1u);
+  ASSERT_EQ(batch.events.size(), 2u);
+  EXPECT_EQ(batch.events[0], (std::pair<uint64_t, std::string>{2, "b"}));
+  EXPECT_EQ(cursor, 3u);
+
+  ring.Skip(4);
+  batch = ring.After(cursor, soon());
+  EXPECT_EQ(batch.missed, 4u);
+  EXPECT_TRUE(batch.events.empty());
+  batch = ring.After(cursor, soon());
+  EXPECT_EQ(batch.missed, 0u);
+  ring.Push("d");
+  batch = ring.After(cursor, soon());
+  ASSERT_EQ(batch.events.size(), 1u);
+  EXPECT_EQ(batch.events[0].first, 8u);
 }
 
 TEST(AdminServerTest, EventStreamCarriesEventsRaisedAfterItOpened) {
