@@ -155,6 +155,9 @@ def _report(where: str, exc: BaseException) -> None:
     warnings.warn(f"qel: {where} raised, the node goes on:\n{text}", HandlerWarning, stacklevel=2)
 
 
+_CLOSED = object()  # the answer of a call its node's closing ended
+
+
 class _Fetch:
     __slots__ = ("fetch_id", "progress", "future", "ok", "reason")
 
@@ -189,8 +192,17 @@ class Node(_qel.Node):
     # Lifetime -----------------------------------------------------------
 
     def close(self) -> None:
-        """Closes the node's links; every later call raises Error."""
+        """Closes the node's links; every later call raises Error, and the fetches
+        and calls still waiting end with one."""
         self._close()
+        # A closed node raises no more events: what waits for one would wait forever.
+        for fetch_id in list(self._fetches):
+            self._fetch_event("fetch_done", fetch_id, False, "the node was closed")
+        for request, waiting in list(self._calls.items()):
+            if waiting is None:
+                self._calls[request] = _CLOSED
+            elif not waiting.done():
+                waiting.set_exception(Error(0, "the node was closed"))
 
     def __enter__(self):
         return self
@@ -279,6 +291,8 @@ class Node(_qel.Node):
                 if left <= 0:
                     raise Timeout(0, f"no answer to {procedure} from {node_id} within {timeout} s")
                 _qel.process(max(1, int(left * 1000)))
+            if self._calls[request] is _CLOSED:
+                raise Error(0, "the node was closed")
             return self._calls[request]
         finally:
             self._calls.pop(request, None)

@@ -69,7 +69,15 @@ def test_events_while_a_fetch_runs_and_a_raising_handler(tmp_path):
 
         a.bind("echo", lambda params, from_id: params)
         assert await asyncio.wait_for(b.call_async(a.node_id, "echo", "x"), DEADLINE) == "x"
+
+        # Closing a node ends a fetch still waiting on it: it raises no more events.
+        again = b.fetch_async(a.node_id, "\\f.bin", str(tmp_path / "again.bin"),
+                              lambda done, total: b.close())
+        try:
+            await asyncio.wait_for(again, DEADLINE)
+            assert False, "the fetch outlived its node"
+        except qel.Error as e:
+            assert "closed" in str(e)
         a.close()
-        b.close()
 
     asyncio.run(main())
