@@ -26,7 +26,7 @@ __version__ = _qel.version
 __all__ = [
     "Node", "Error", "Timeout", "HandlerWarning", "process", "watch",
     "Message", "Fault", "ConnectionRequest", "Connected", "Disconnected",
-    "FetchProgress", "FetchDone", "RpcReturn", "NodeInfo", "FileInfo",
+    "FetchProgress", "FetchDone", "RpcReturn", "Dropped", "NodeInfo", "FileInfo",
 ]
 
 
@@ -99,6 +99,13 @@ class RpcReturn:
     result: str
     from_id: str
     procedure: str
+
+
+@dataclasses.dataclass(frozen=True)
+class Dropped:
+    """Stands for the oldest events a stream let go, unread, to stay within its limit."""
+    name: ClassVar[str] = "dropped"
+    missed: int
 
 
 _EVENTS = {cls.name: cls for cls in (Message, Fault, ConnectionRequest, Connected,
@@ -335,10 +342,11 @@ class Node(_qel.Node):
 
     # Events -------------------------------------------------------------
 
-    def events(self) -> "EventStream":
-        """An async iterator over the events raised from now on."""
+    def events(self, limit: int = 10_000) -> "EventStream":
+        """An async iterator over the events raised from now on. It holds at most
+        ``limit`` unread: past that the oldest go, and a ``Dropped`` comes in their place."""
         watch()
-        return EventStream(self)
+        return EventStream(self, limit)
 
     def _emit(self, name: str, *args) -> bool:
         if name == "fetch_progress" or name == "fetch_done":
@@ -355,7 +363,7 @@ class Node(_qel.Node):
         if self._streams:
             event = _EVENTS[name](*args)
             for stream in self._streams:
-                stream._queue.put_nowait(event)
+                stream._put(event)
         return refuse
 
     def _fetch_event(self, name: str, fetch_id: str, a, b) -> None:
@@ -406,10 +414,21 @@ class EventStream:
     Several streams may run at once; close one (or leave ``async with``) to
     stop collecting."""
 
-    def __init__(self, node: Node):
+    def __init__(self, node: Node, limit: int):
+        if limit < 1:
+            raise ValueError("an event stream holds at least one event")
         self._node = node
         self._queue: asyncio.Queue = asyncio.Queue()
+        self._limit = limit
+        self._missed = 0
         node._streams.append(self)
+
+    def _put(self, event) -> None:
+        # A reader that falls behind a flood of messages must not hold them all.
+        if self._queue.qsize() >= self._limit:
+            self._queue.get_nowait()
+            self._missed += 1
+        self._queue.put_nowait(event)
 
     def close(self) -> None:
         if self in self._node._streams:
@@ -419,6 +438,9 @@ class EventStream:
         return self
 
     async def __anext__(self):
+        if self._missed:  # they came before every event still held
+            missed, self._missed = self._missed, 0
+            return Dropped(missed)
         return await self._queue.get()
 
     async def __aenter__(self):

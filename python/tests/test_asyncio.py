@@ -39,6 +39,16 @@ def test_events_while_a_fetch_runs_and_a_raising_handler(tmp_path):
             assert got.text == "two"
         early.close()
 
+        # A stream read too slowly keeps its newest events and says how many went.
+        slow, full = b.events(limit=3), b.events()
+        for i in range(10):
+            a.send(f"m{i}", b.node_id)
+        await asyncio.wait_for(first(full, lambda e: e.name == "message" and e.text == "m9"), DEADLINE)
+        full.close()
+        assert [await slow.__anext__() for _ in range(4)] == [
+            qel.Dropped(7), *(qel.Message(f"m{i}", a.node_id) for i in (7, 8, 9))]
+        slow.close()
+
         # The asyncio loop keeps running other work while the fetch goes on,
         # and the stream sees its progress and its end.
         ticks = 0
