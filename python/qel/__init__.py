@@ -182,6 +182,8 @@ class Node(_qel.Node):
         self._streams: list = []
         self._fetches: dict = {}
         self._calls: dict = {}
+        self._pings: dict = {}
+        self._ping_serial = 0
         self._procedures: dict = {}
         self._attach(self)
         _watch_running()
@@ -191,6 +193,10 @@ class Node(_qel.Node):
     def close(self) -> None:
         """Closes the node's links; every later call raises Error."""
         self._close()
+        # The library drops pings in flight when its node closes.
+        for future in self._pings.values():
+            if not future.done():
+                future.set_exception(Error(0, "the node closed"))
 
     def __enter__(self):
         return self
@@ -207,6 +213,23 @@ class Node(_qel.Node):
         if seconds is None:
             raise Timeout(0, f"no answer to ping from {node_id} within {timeout} s")
         return seconds
+
+    async def ping_async(self, node_id: str, timeout: float = 3.0) -> float:
+        """ping() for asyncio: never blocks the asyncio loop. Several may run at
+        once; Timeout also when node_id did not describe itself in time."""
+        watch()
+        future = asyncio.get_running_loop().create_future()
+        self._ping_serial += 1
+        token = self._ping_serial
+        self._pings[token] = future
+        try:
+            self._start_ping(token, node_id, int(timeout * 1000))
+            ms = await future
+        finally:
+            self._pings.pop(token, None)
+        if ms < 0:
+            raise Timeout(0, f"no answer to ping from {node_id} within {timeout} s")
+        return ms / 1000
 
     def node_info(self, node_id: str, cached: bool = True) -> NodeInfo:
         """What node_id announces about itself; Timeout when it did not answer."""
@@ -327,6 +350,11 @@ class Node(_qel.Node):
         return EventStream(self)
 
     def _emit(self, name: str, *args) -> bool:
+        if name == "ping_done":  # not an event: the end of a ping_async
+            future = self._pings.get(args[0])
+            if future is not None and not future.done():
+                future.set_result(args[1])
+            return False
         if name == "fetch_progress" or name == "fetch_done":
             self._fetch_event(name, *args)
         elif name == "rpc_return":
