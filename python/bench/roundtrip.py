@@ -1,6 +1,7 @@
 """Costs of the Python layer: a ping's round trip through the binding (median
-microseconds of wall time per call) and messages received per second through
-``async for``. Run with the module on PYTHONPATH (build/python)."""
+microseconds of wall time per call), blocking and awaited, pings per second with
+many awaited at once, and messages received per second through ``async for``.
+Run with the module on PYTHONPATH (build/python)."""
 import asyncio
 import statistics
 import time
@@ -18,7 +19,7 @@ def linked():
     return a, b
 
 
-async def main(pings=2000, messages=50000):
+async def main(pings=2000, messages=50000, in_flight=100):
     a, b = linked()
     for _ in range(100):
         a.ping(b.node_id)
@@ -28,6 +29,23 @@ async def main(pings=2000, messages=50000):
         a.ping(b.node_id)
         times.append(time.perf_counter() - start)
     print(f"ping through the binding: median {statistics.median(times) * 1e6:.1f} us over {pings}")
+
+    for _ in range(100):
+        await a.ping_async(b.node_id)
+    times = []
+    for _ in range(pings):
+        start = time.perf_counter()
+        await a.ping_async(b.node_id)
+        times.append(time.perf_counter() - start)
+    print(f"ping_async, one at a time: median {statistics.median(times) * 1e6:.1f} us over {pings}")
+
+    rounds = pings * 10 // in_flight
+    start = time.perf_counter()
+    for _ in range(rounds):
+        await asyncio.gather(*(a.ping_async(b.node_id) for _ in range(in_flight)))
+    elapsed = time.perf_counter() - start
+    done = rounds * in_flight
+    print(f"ping_async, {in_flight} in flight: {done / elapsed:,.0f} pings/s ({done} in {elapsed:.2f} s)")
 
     received = 0
     async with b.events() as events:

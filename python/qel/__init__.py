@@ -192,6 +192,8 @@ class Node(_qel.Node):
         self._streams: list = []
         self._fetches: dict = {}
         self._calls: dict = {}
+        self._pings: dict = {}
+        self._ping_serial = 0
         self._procedures: dict = {}
         self._attach(self)
         _watch_running()
@@ -199,8 +201,8 @@ class Node(_qel.Node):
     # Lifetime -----------------------------------------------------------
 
     def close(self) -> None:
-        """Closes the node's links; every later call raises Error, and the fetches
-        and calls still waiting end with one."""
+        """Closes the node's links; every later call raises Error, and the fetches,
+        calls and pings still waiting end with one."""
         self._close()
         # A closed node raises no more events: what waits for one would wait forever.
         for fetch_id in list(self._fetches):
@@ -210,6 +212,9 @@ class Node(_qel.Node):
                 self._calls[request] = _CLOSED
             elif not waiting.done():
                 waiting.set_exception(Error(0, "the node was closed"))
+        for future in self._pings.values():
+            if not future.done():
+                future.set_exception(Error(0, "the node was closed"))
 
     def __enter__(self):
         return self
@@ -226,6 +231,23 @@ class Node(_qel.Node):
         if seconds is None:
             raise Timeout(0, f"no answer to ping from {node_id} within {timeout} s")
         return seconds
+
+    async def ping_async(self, node_id: str, timeout: float = 3.0) -> float:
+        """ping() for asyncio: never blocks the asyncio loop. Several may run at
+        once; Timeout also when node_id did not describe itself in time."""
+        watch()
+        future = asyncio.get_running_loop().create_future()
+        self._ping_serial += 1
+        token = self._ping_serial
+        self._pings[token] = future
+        try:
+            self._start_ping(token, node_id, int(timeout * 1000))
+            ms = await future
+        finally:
+            self._pings.pop(token, None)
+        if ms < 0:
+            raise Timeout(0, f"no answer to ping from {node_id} within {timeout} s")
+        return ms / 1000
 
     def node_info(self, node_id: str, cached: bool = True) -> NodeInfo:
         """What node_id announces about itself; Timeout when it did not answer."""
@@ -349,6 +371,11 @@ class Node(_qel.Node):
         return EventStream(self, limit)
 
     def _emit(self, name: str, *args) -> bool:
+        if name == "ping_done":  # not an event: the end of a ping_async
+            future = self._pings.get(args[0])
+            if future is not None and not future.done():
+                future.set_result(args[1])
+            return False
         if name == "fetch_progress" or name == "fetch_done":
             self._fetch_event(name, *args)
         elif name == "rpc_return":

@@ -112,6 +112,13 @@ class Node {
     if (ms < 0) return std::nullopt;
     return ms / 1000.0;
   }
+  // Starts a ping; its end comes as the event "ping_done" with token and the
+  // round trip in ms (-1: none in time).
+  void StartPing(int64_t token, const std::string& id, int32_t timeoutMs) {
+    HostCall call;
+    node_.PingAsync(
+        id, [this, token](int32_t ms) { Emit("ping_done", token, ms); }, timeoutMs);
+  }
   std::optional<py::dict> Info(const std::string& id, bool cached) {
     std::vector<qel::typNodeInfo> all;
     Checked([&] {
@@ -316,6 +323,7 @@ PYBIND11_MODULE(_qel, m) {
       .def("disconnect", &Node::Disconnect)
       .def("send", &Node::Send, py::arg("text"), py::arg("to"))
       .def("_ping", &Node::Ping)
+      .def("_start_ping", &Node::StartPing)
       .def("_node_info", &Node::Info)
       .def("share", &Node::Share)
       .def("list", &Node::List, py::arg("node_id"), py::arg("path"), py::arg("recursive") = false)

@@ -3,6 +3,8 @@ import os
 import select
 import warnings
 
+import pytest
+
 import qel
 from conftest import DEADLINE, linked
 
@@ -89,5 +91,24 @@ def test_events_while_a_fetch_runs_and_a_raising_handler(tmp_path):
         except qel.Error as e:
             assert "closed" in str(e)
         a.close()
+
+    asyncio.run(main())
+
+
+def test_pings_in_flight_at_once_leave_the_loop_free():
+    async def main():
+        a, b = linked()
+        # A ping that waits out its time: while it does, the others are
+        # sent, answered and awaited.
+        lost = asyncio.create_task(a.ping_async("NOBODY", timeout=2.0))
+        times = await asyncio.wait_for(
+            asyncio.gather(*(a.ping_async(b.node_id) for _ in range(5)), b.ping_async(a.node_id)),
+            DEADLINE)
+        assert all(isinstance(t, float) and t >= 0 for t in times)
+        assert not lost.done()
+        with pytest.raises(qel.Timeout):
+            await asyncio.wait_for(lost, DEADLINE)
+        a.close()
+        b.close()
 
     asyncio.run(main())

@@ -14,6 +14,7 @@
 #include <qel/error.h>
 
 #include "core/debug_log.h"
+#include "core/fault.h"
 #include "core/new_id.h"
 #include "core/node_key.h"
 #include "core/text.h"
@@ -439,6 +440,18 @@ int32_t cQEL::Ping(const std::string& nodeID, int32_t Timeout) {
   return PingNode(*node, nodeID, Timeout);
 }
 
+void cQEL::PingAsync(const std::string& nodeID, std::function<void(int32_t ms)> done,
+                     int32_t Timeout) {
+  auto node = Enter(*this);
+  try {
+    StartPing(*node, nodeID, Timeout, [done = std::move(done)](PingResult result) {
+      RunHandler("PingAsync", done, result.ms);
+    });
+  } catch (...) {
+    ReportCurrentFault(*node);
+  }
+}
+
 void cQEL::updateUser(const std::string& userName, const std::string& Password,
                       enmUserOp Operation) {
   auto node = Enter(*this);
@@ -571,6 +584,7 @@ void cQEL::ShutDown() {
   if (slotIndex < 1) return;  // a handler of the closing connections shut it down already
   // Nobody is left to resend them or to hear that they were lost.
   DropConfirmations(*node);
+  DropPings(*node);
   int32_t start = slotIndex;
   slotIndex = -1;
   TheModule().RemoveSlot(start);

@@ -1,6 +1,8 @@
 #include "routing/discovery.h"
 
 #include <algorithm>
+#include <memory>
+#include <optional>
 
 #include <qel/error.h>
 #include <qel/settings.h>
@@ -185,30 +187,74 @@ std::string KnownAddress(const RoutingNode& node, const std::string& nodeID) {
   return known >= 0 ? KnownNodes()[known].Address() : std::string();
 }
 
-int32_t PingNode(RoutingNode& node, const std::string& nodeID, int32_t timeoutMs) {
-  int32_t index = FindCachedNode(node, nodeID);
-  const int64_t start = TickCount();
+namespace {
+
+void SendPing(RoutingNode& node, PingWait& wait) {
+  wait.reqID = NewID();
+  wait.start = TickCount();
+  SendWithReqID(node, "PING", wait.nodeID, wait.reqID);
+}
+
+// Takes the wait out before its done runs, which may start pings or run the
+// loop; a wait already ended is left alone.
+void EndPing(RoutingNode& node, uint64_t key, int32_t ms) {
+  auto it = node.Pings.find(key);
+  if (it == node.Pings.end()) return;
+  PingWait wait = std::move(it->second);
+  node.Pings.erase(it);
+  wait.done({ms, !wait.reqID.empty()});
+}
+
+// Sends the PINGs that waited for nodeID to describe itself.
+void PingWhenKnown(RoutingNode& node, const std::string& nodeID) {
+  std::vector<uint64_t> asking;
+  for (const auto& [key, wait] : node.Pings) {
+    if (wait.reqID.empty() && wait.nodeID == nodeID) asking.push_back(key);
+  }
+  // Sending may raise events whose handlers end or start pings.
+  for (uint64_t key : asking) {
+    if (auto it = node.Pings.find(key); it != node.Pings.end() && it->second.reqID.empty()) {
+      SendPing(node, it->second);
+    }
+  }
+}
+
+}  // namespace
+
+void StartPing(RoutingNode& node, const std::string& nodeID, int32_t timeoutMs,
+               std::function<void(PingResult)> done) {
+  const uint64_t key = ++node.PingSerial;
+  PingWait& wait = node.Pings[key];
+  wait.nodeID = nodeID;
+  wait.done = std::move(done);
+  wait.deadline = std::make_unique<Timer>([&node, key] { EndPing(node, key, -1); });
+  wait.deadline->SetInterval(timeoutMs);
+  wait.deadline->Enable(true);
+  if (FindCachedNode(node, nodeID) >= 0) {
+    SendPing(node, wait);
+    return;
+  }
   // A node not heard of yet is asked first, within the same time-out.
-  if (index < 0) index = AskNode(node, nodeID, timeoutMs);
-  if (index < 0) {
+  typMessage whois = MakeMessage("WHOIS", nodeID);
+  SendPacket(node, whois);
+}
+
+int32_t PingNode(RoutingNode& node, const std::string& nodeID, int32_t timeoutMs) {
+  // Shared with the wait: a node shut down meanwhile drops it uncalled, and
+  // this wait then ends at its own deadline.
+  auto result = std::make_shared<std::optional<PingResult>>();
+  StartPing(node, nodeID, timeoutMs, [result](PingResult r) { *result = r; });
+  // The ping's deadline ends it; the margin only lets that timer run first.
+  constexpr int64_t kMarginMs = 1000;
+  RunUntil([&] { return result->has_value(); }, int64_t{timeoutMs} + kMarginMs);
+  if (result->has_value() && !(*result)->resolved) {
     throw QelError(errors::kNotInitialised, "Ping", "Cannot ping unresolved node");
   }
-  std::string reqID = NewID();
-  NodeEntry::Ping& ping = node.NodeCache[index].StartPing();
-  ping.ReqID = reqID;
-  ping.Start = TickCount();
-  ping.Time = -1;
-  SendWithReqID(node, "PING", nodeID, reqID);
-  // The cache may be emptied or grow while the loop runs: look the node up
-  // again each time.
-  auto answered = [&]() -> int32_t {
-    int32_t i = FindCachedNode(node, nodeID);
-    const NodeEntry::Ping* ping = i >= 0 ? node.NodeCache[i].LastPing() : nullptr;
-    return ping && ping->ReqID == reqID ? ping->Time : -1;
-  };
-  const int64_t left = std::max<int64_t>(0, timeoutMs - (TickCount() - start));
-  RunUntil([&] { return answered() != -1; }, static_cast<int32_t>(left));
-  return answered();
+  return result->has_value() ? (*result)->ms : -1;
+}
+
+void DropPings(RoutingNode& node) {
+  node.Pings.clear();
 }
 
 void OnWhois(RoutingNode& node, const typMessage& message) {
@@ -302,6 +348,7 @@ void OnInfo(RoutingNode& node, const typMessage& message, LinkId conn) {
                   "INFO: values past " + std::to_string(kMaxInfoBytes) + " bytes in all cut",
                   sender);
   }
+  if (!node.Pings.empty()) PingWhenKnown(node, sender);
 }
 
 void OnPing(RoutingNode& node, const typMessage& message) {
@@ -310,14 +357,13 @@ void OnPing(RoutingNode& node, const typMessage& message) {
 }
 
 void OnPong(RoutingNode& node, const typMessage& message) {
-  int32_t index =
-      FindCachedNode(node, std::string(ReceivedField(message, &WireIndex::source, "Source")));
-  if (index < 0) return;
-  NodeEntry& entry = node.NodeCache[index];
-  if (entry.LastPing() &&
-      ReceivedField(message, &WireIndex::reqID, "ReqID") == entry.LastPing()->ReqID) {
-    NodeEntry::Ping& ping = entry.StartPing();
-    ping.Time = static_cast<int32_t>(TickCount() - ping.Start);
+  const std::string_view source = ReceivedField(message, &WireIndex::source, "Source");
+  const std::string_view reqID = ReceivedField(message, &WireIndex::reqID, "ReqID");
+  for (const auto& [key, wait] : node.Pings) {
+    if (!wait.reqID.empty() && wait.reqID == reqID && wait.nodeID == source) {
+      EndPing(node, key, static_cast<int32_t>(TickCount() - wait.start));
+      return;
+    }
   }
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "net/link_id.h"
 #include "protocol/message.h"
 #include "routing/node_entry.h"
+#include "routing/ping_wait.h"
 
 namespace qel {
 
@@ -42,8 +44,15 @@ std::string ResolveAddress(RoutingNode& node, const std::string& nodeID);
 // process-wide list), without asking the network; "" when unknown.
 std::string KnownAddress(const RoutingNode& node, const std::string& nodeID);
 
-// Milliseconds from PING to PONG, or -1 after timeoutMs.
+// Pings nodeID, asking it who it is first when it is not in the cache, all
+// within timeoutMs; done runs once, from the loop, with how the ping ended.
+void StartPing(RoutingNode& node, const std::string& nodeID, int32_t timeoutMs,
+               std::function<void(PingResult)> done);
+// StartPing, waited for: milliseconds from PING to PONG, or -1 after
+// timeoutMs. Throws when the node did not describe itself in time.
 int32_t PingNode(RoutingNode& node, const std::string& nodeID, int32_t timeoutMs);
+// Forgets the pings in flight; their done is destroyed uncalled.
+void DropPings(RoutingNode& node);
 
 // The encryption key a node announced, or empty.
 std::string KnownKey(const RoutingNode& node, const std::string& nodeID);

@@ -59,20 +59,6 @@ const std::shared_ptr<const NodeStrings>& NoStrings() {
 
 NodeEntry::NodeEntry() : strings_(NoStrings()) {}
 
-NodeEntry::NodeEntry(const NodeEntry& other)
-    : Role(other.Role),
-      directConn(other.directConn),
-      sharingFiles(other.sharingFiles),
-      InfoSerial(other.InfoSerial),
-      InfoTick(other.InfoTick),
-      strings_(other.strings_),
-      ping_(other.ping_ ? std::make_unique<Ping>(*other.ping_) : nullptr) {}
-
-NodeEntry& NodeEntry::operator=(const NodeEntry& other) {
-  if (this != &other) *this = NodeEntry(other);
-  return *this;
-}
-
 void NodeEntry::SetStrings(NodeStrings strings) {
   strings_ = Pool().Intern(std::move(strings));
 }

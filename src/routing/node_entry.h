@@ -48,30 +48,12 @@ class NodeEntry {
   // When that INFO arrived (TickCount).
   int64_t InfoTick = 0;
 
-  // The last ping sent to the node; most entries are never pinged.
-  struct Ping {
-    std::string ReqID;
-    int64_t Start = 0;
-    int32_t Time = -1;
-  };
-  const Ping* LastPing() const { return ping_.get(); }
-  Ping& StartPing() {
-    if (!ping_) ping_ = std::make_unique<Ping>();
-    return *ping_;
-  }
-
-  NodeEntry(const NodeEntry& other);
-  NodeEntry& operator=(const NodeEntry& other);
-  NodeEntry(NodeEntry&&) noexcept = default;
-  NodeEntry& operator=(NodeEntry&&) noexcept = default;
-
   typNodeInfo ToNodeInfo() const {
     return {ID(), Name(), Role, Descriptor(), directConn, Address(), sharingFiles, activeUser()};
   }
 
  private:
   std::shared_ptr<const NodeStrings> strings_;
-  std::unique_ptr<Ping> ping_;
 };
 
 // A node's answers, in the order they first came; position 0 is unused.

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <string>
 
 #include <qel/types.h>
@@ -18,6 +19,7 @@
 #include "routing/key_bindings.h"
 #include "routing/node_entry.h"
 #include "routing/packet_cache.h"
+#include "routing/ping_wait.h"
 #include "routing/resend_window.h"
 #include "routing/route_table.h"
 
@@ -86,6 +88,10 @@ struct RoutingNode : LinkOwner {
   NodeTable NodeCache;
   // INFO messages taken into NodeCache so far.
   uint64_t InfoCount = 0;
+  // Pings in flight, by the order they started: a node may ping the same node
+  // several times at once, so they are not kept with its NodeCache entry.
+  std::map<uint64_t, PingWait> Pings;
+  uint64_t PingSerial = 0;
 
   // When each kind of refusal was last reported (TickCount; 0: never).
   std::array<int64_t, static_cast<size_t>(Refusal::kCount)> RefusalSaidAt{};

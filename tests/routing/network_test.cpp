@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <set>
 
@@ -95,6 +96,40 @@ TEST(NetworkTest, ListenAddressPingOfUnknownNodeAndDisconnectAllOfAcceptedLinks)
   EXPECT_TRUE(b.node.DisconnectAll());
   ASSERT_TRUE(Eventually([&] { return a.closed.size() == 1; }));
   EXPECT_FALSE(b.node.isConnected());
+}
+
+// Pings that do not wait: two to a known node and one to a node asked about
+// first, all in flight at once, each answered once from the loop; one to
+// nobody ends at its deadline; a node shut down drops its own.
+TEST(NetworkTest, PingsInFlightEndOnceEachAndAShutDownNodeDropsItsOwn) {
+  Peer a("a", "", true), b("b"), c("c", Settings("announceSelf=False"), true);
+  b.ConnectTo(a);
+  ASSERT_TRUE(a.node.Connect(c.Address()));
+  ASSERT_TRUE(Eventually([&] { return c.established.size() == 1; }));
+  ASSERT_FALSE(a.Knows(c.ID()));
+  std::map<std::string, std::vector<int32_t>> ends;
+  const auto end = [&](std::string name) {
+    return [&, name](int32_t ms) { ends[name].push_back(ms); };
+  };
+  a.node.PingAsync(b.ID(), end("b"), 5000);
+  a.node.PingAsync(b.ID(), end("b"), 5000);
+  a.node.PingAsync(c.ID(), end("c"), 5000);
+  a.node.PingAsync("NOBODY", end("nobody"), 100);
+  EXPECT_TRUE(ends.empty());  // never from inside the call
+  ASSERT_TRUE(Eventually([&] { return ends.size() == 3 && ends["b"].size() == 2; }));
+  EXPECT_TRUE(ends["b"][0] >= 0 && ends["b"][1] >= 0);
+  ASSERT_EQ(ends["c"].size(), 1u);
+  EXPECT_GE(ends["c"][0], 0);
+  EXPECT_EQ(ends["nobody"], std::vector<int32_t>{-1});
+
+  auto doomed = std::make_unique<Peer>("doomed");
+  doomed->node.PingAsync("NOBODY", end("dropped"), 1);
+  doomed.reset();
+  // Timers run in deadline order: the dropped ping's would have run first.
+  a.node.PingAsync("NOBODY", end("last"), 50);
+  ASSERT_TRUE(Eventually([&] { return ends.contains("last"); }));
+  EXPECT_FALSE(ends.contains("dropped"));
+  EXPECT_EQ(ends["b"].size() + ends["c"].size() + ends["nobody"].size(), 4u);
 }
 
 TEST(NetworkTest, ConfirmedMessagesSettleAndUnconfirmedOnesAreGivenUp) {
