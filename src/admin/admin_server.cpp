@@ -85,16 +85,19 @@ struct AdminServer::State {
   // nothing per event. What it raised meanwhile is counted as skipped, so a
   // stream that comes back hears how many it missed. Runs on the loop's thread
   // after each stream opens or closes, and acts on the count it finds then.
-  void Watch() {
+  // Whether the node is watched now.
+  bool Watch() {
     if (streams > 0 && !observer) {
       ring.Skip(node->Snapshot().eventsRaised - unwatchedFrom);
       // Every event, once the host's handler has run, as the console prints it.
-      observer = node->AddEventObserver([this](const typEvent& event) { ring.Push(admin::EventLine(event)); });
+      observer = node->AddEventObserver(
+          [this](const typEvent& event) { ring.Push(admin::EventLine(event)); });
     } else if (streams == 0 && observer) {
       node->RemoveEventObserver(*observer);
       observer.reset();
       unwatchedFrom = node->Snapshot().eventsRaised;
     }
+    return observer.has_value();
   }
 
   // Runs work on the loop's thread and waits for its result. Empty when the
@@ -196,7 +199,7 @@ std::string AdminServer::Start() {
       } catch (const QelError&) {  // shut down: nothing to watch
       }
     };
-    if (!s.OnLoop<bool>([&s](cQEL&) { s.Watch(); return true; }, weak.lock())) {
+    if (!s.OnLoop<bool>([&s](cQEL&) { return s.Watch(); }, weak.lock()).value_or(false)) {
       --s.streams;
       Post(watch);
       return Refuse(res, 503, "the node's loop is busy or the node is shut down");

@@ -37,7 +37,8 @@ EventRing::Batch EventRing::After(uint64_t& cursor, std::chrono::steady_clock::t
     batch.missed = first_ - cursor - 1;
     cursor = first_ - 1;
   }
-  for (; cursor < last(); ++cursor) batch.events.emplace_back(cursor + 1, lines_[cursor + 1 - first_]);
+  for (; cursor < last(); ++cursor)
+    batch.events.emplace_back(cursor + 1, lines_[cursor + 1 - first_]);
   return batch;
 }
 
