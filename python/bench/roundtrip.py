@@ -48,7 +48,8 @@ async def main(pings=2000, messages=50000, in_flight=100):
     print(f"ping_async, {in_flight} in flight: {done / elapsed:,.0f} pings/s ({done} in {elapsed:.2f} s)")
 
     received = 0
-    async with b.events() as events:
+    # Sends run ahead of the reader here: room for all, none dropped.
+    async with b.events(limit=messages) as events:
         start = time.perf_counter()
         for i in range(messages):
             a.send("m", b.node_id)
