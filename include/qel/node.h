@@ -1,6 +1,7 @@
 // cQEL: one node of the overlay network.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -176,14 +177,14 @@ class QEL_API cQEL {
   // -2147221503 ("Cannot ping unresolved node").
   int32_t Ping(const std::string& nodeID, int32_t Timeout = 3000);
   // Ping without waiting: returns at once, and done runs once, later, from
-  // the event loop, with the round trip in ms or -1 when no answer came
-  // within Timeout ms, -1 too for a node that did not describe itself in
-  // time. A node not known yet is asked first, within the same Timeout. Any
+  // the event loop, with the round trip to the microsecond, or a negative
+  // time when no answer came within Timeout ms (or the node did not describe
+  // itself in time). A node not known yet is asked first, within the same Timeout. Any
   // number may be in flight, to one node or several. ShutDown (and so the
   // destructor) drops the pings in flight: their done is destroyed uncalled.
   // What done throws is stopped and reported as a handler's fault.
-  void PingAsync(const std::string& nodeID, std::function<void(int32_t ms)> done,
-                 int32_t Timeout = 3000);
+  void PingAsync(const std::string& nodeID,
+                 std::function<void(std::chrono::microseconds rtt)> done, int32_t Timeout = 3000);
 
   // Users. Each node keeps a list of users (name, password, the name of the
   // node that last set the record, the time of the change) that the nodes

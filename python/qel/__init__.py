@@ -225,8 +225,8 @@ class Node(_qel.Node):
     # Calls that wait -----------------------------------------------------
 
     def ping(self, node_id: str, timeout: float = 3.0) -> float:
-        """The round trip to node_id in seconds, in whole milliseconds as the library
-        measures it; Timeout when none came."""
+        """The round trip to node_id in seconds, to the microsecond; Timeout when
+        none came (nor, for a node not known yet, its description)."""
         seconds = self._ping(node_id, int(timeout * 1000))
         if seconds is None:
             raise Timeout(0, f"no answer to ping from {node_id} within {timeout} s")
@@ -242,12 +242,12 @@ class Node(_qel.Node):
         self._pings[token] = future
         try:
             self._start_ping(token, node_id, int(timeout * 1000))
-            ms = await future
+            microseconds = await future
         finally:
             self._pings.pop(token, None)
-        if ms < 0:
+        if microseconds < 0:
             raise Timeout(0, f"no answer to ping from {node_id} within {timeout} s")
-        return ms / 1000
+        return microseconds / 1e6
 
     def node_info(self, node_id: str, cached: bool = True) -> NodeInfo:
         """What node_id announces about itself; Timeout when it did not answer."""

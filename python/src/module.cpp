@@ -102,22 +102,30 @@ class Node {
     HostCall call;
     node_.SendMessage(text, to);
   }
+  // The round trip in seconds, to the microsecond; none when no answer came
+  // in time.
   std::optional<double> Ping(const std::string& id, int32_t timeoutMs) {
-    int32_t ms = 0;
+    // Shared with the ping: a node closed meanwhile drops it uncalled.
+    auto rtt = std::make_shared<std::optional<std::chrono::microseconds>>();
     Checked([&] {
+      node_.PingAsync(id, [rtt](std::chrono::microseconds r) { *rtt = r; }, timeoutMs);
       py::gil_scoped_release release;
-      ms = node_.Ping(id, timeoutMs);
+      // The ping's own deadline ends it; the margin only lets that timer run.
+      const auto until = std::chrono::steady_clock::now() +
+                         std::chrono::milliseconds(timeoutMs) + std::chrono::seconds(1);
+      while (!*rtt && std::chrono::steady_clock::now() < until) qel::DoEvents(timeoutMs);
       return true;
     });
-    if (ms < 0) return std::nullopt;
-    return ms / 1000.0;
+    if (!*rtt || (*rtt)->count() < 0) return std::nullopt;
+    return (*rtt)->count() / 1e6;
   }
   // Starts a ping; its end comes as the event "ping_done" with token and the
-  // round trip in ms (-1: none in time).
+  // round trip in microseconds (negative: none in time).
   void StartPing(int64_t token, const std::string& id, int32_t timeoutMs) {
     HostCall call;
     node_.PingAsync(
-        id, [this, token](int32_t ms) { Emit("ping_done", token, ms); }, timeoutMs);
+        id, [this, token](std::chrono::microseconds rtt) { Emit("ping_done", token, rtt.count()); },
+        timeoutMs);
   }
   std::optional<py::dict> Info(const std::string& id, bool cached) {
     std::vector<qel::typNodeInfo> all;

@@ -21,14 +21,13 @@ def test_messages_ping_and_failures_raise(pair):
     assert [link["nodeID"] for link in status["links"]] == [a.node_id]
 
     rtt = a.ping(b.node_id)
-    assert isinstance(rtt, float) and 0 <= rtt < 3
+    assert isinstance(rtt, float) and 0 < rtt < 3  # timed finer than milliseconds
 
     # Failures the library reports through its Error event raise, with its text.
     with pytest.raises(qel.Error, match="refused|failed"):
         a.connect("127.0.0.1:1")
-    with pytest.raises(qel.Error) as unresolved:
+    with pytest.raises(qel.Timeout):
         a.ping("0123456789ABCDEF", timeout=0.2)
-    assert unresolved.value.number == -2147221503
     with pytest.raises(qel.Error):
         a.share("/no/such/folder")
     with pytest.raises(qel.Error):

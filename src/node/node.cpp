@@ -440,12 +440,12 @@ int32_t cQEL::Ping(const std::string& nodeID, int32_t Timeout) {
   return PingNode(*node, nodeID, Timeout);
 }
 
-void cQEL::PingAsync(const std::string& nodeID, std::function<void(int32_t ms)> done,
-                     int32_t Timeout) {
+void cQEL::PingAsync(const std::string& nodeID,
+                     std::function<void(std::chrono::microseconds rtt)> done, int32_t Timeout) {
   auto node = Enter(*this);
   try {
     StartPing(*node, nodeID, Timeout, [done = std::move(done)](PingResult result) {
-      RunHandler("PingAsync", done, result.ms);
+      RunHandler("PingAsync", done, result.rtt);
     });
   } catch (...) {
     ReportCurrentFault(*node);

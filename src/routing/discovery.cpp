@@ -1,6 +1,7 @@
 #include "routing/discovery.h"
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
 #include <optional>
 
@@ -191,18 +192,18 @@ namespace {
 
 void SendPing(RoutingNode& node, PingWait& wait) {
   wait.reqID = NewID();
-  wait.start = TickCount();
+  wait.start = std::chrono::steady_clock::now();
   SendWithReqID(node, "PING", wait.nodeID, wait.reqID);
 }
 
 // Takes the wait out before its done runs, which may start pings or run the
 // loop; a wait already ended is left alone.
-void EndPing(RoutingNode& node, uint64_t key, int32_t ms) {
+void EndPing(RoutingNode& node, uint64_t key, std::chrono::microseconds rtt) {
   auto it = node.Pings.find(key);
   if (it == node.Pings.end()) return;
   PingWait wait = std::move(it->second);
   node.Pings.erase(it);
-  wait.done({ms, !wait.reqID.empty()});
+  wait.done({rtt, !wait.reqID.empty()});
 }
 
 // Sends the PINGs that waited for nodeID to describe itself.
@@ -227,7 +228,9 @@ void StartPing(RoutingNode& node, const std::string& nodeID, int32_t timeoutMs,
   PingWait& wait = node.Pings[key];
   wait.nodeID = nodeID;
   wait.done = std::move(done);
-  wait.deadline = std::make_unique<Timer>([&node, key] { EndPing(node, key, -1); });
+  wait.deadline = std::make_unique<Timer>([&node, key] {
+    EndPing(node, key, std::chrono::microseconds(-1));
+  });
   wait.deadline->SetInterval(timeoutMs);
   wait.deadline->Enable(true);
   if (FindCachedNode(node, nodeID) >= 0) {
@@ -250,7 +253,8 @@ int32_t PingNode(RoutingNode& node, const std::string& nodeID, int32_t timeoutMs
   if (result->has_value() && !(*result)->resolved) {
     throw QelError(errors::kNotInitialised, "Ping", "Cannot ping unresolved node");
   }
-  return result->has_value() ? (*result)->ms : -1;
+  const auto rtt = result->has_value() ? (*result)->rtt : std::chrono::microseconds(-1);
+  return rtt.count() < 0 ? -1 : static_cast<int32_t>(rtt.count() / 1000);
 }
 
 void DropPings(RoutingNode& node) {
@@ -361,7 +365,9 @@ void OnPong(RoutingNode& node, const typMessage& message) {
   const std::string_view reqID = ReceivedField(message, &WireIndex::reqID, "ReqID");
   for (const auto& [key, wait] : node.Pings) {
     if (!wait.reqID.empty() && wait.reqID == reqID && wait.nodeID == source) {
-      EndPing(node, key, static_cast<int32_t>(TickCount() - wait.start));
+      EndPing(node, key,
+              std::chrono::duration_cast<std::chrono::microseconds>(
+                  std::chrono::steady_clock::now() - wait.start));
       return;
     }
   }

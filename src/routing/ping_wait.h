@@ -1,6 +1,7 @@
 // A ping a node waits on: asked, sent, answered or given up.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -12,8 +13,8 @@ namespace qel {
 
 // How a ping ended.
 struct PingResult {
-  // The round trip in ms, or -1 when no answer came in time.
-  int32_t ms = -1;
+  // The round trip, or negative when no answer came in time.
+  std::chrono::microseconds rtt{-1};
   // Whether the node was known or described itself in time, so a PING went.
   bool resolved = false;
 };
@@ -23,8 +24,8 @@ struct PingWait {
   // Empty while the node is asked who it is: the PING goes when its next INFO
   // comes.
   std::string reqID;
-  // When the PING went (TickCount).
-  int64_t start = 0;
+  // When the PING went.
+  std::chrono::steady_clock::time_point start;
   std::function<void(PingResult)> done;
   // Ends the wait with -1; destroying the wait cancels it.
   std::unique_ptr<Timer> deadline;
