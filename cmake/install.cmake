@@ -5,6 +5,10 @@ include(CMakePackageConfigHelpers)
 set(QEL_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/qel)
 
 install(TARGETS qel EXPORT qelTargets)
+# The admin server (qel::admin), where cpp-httplib was found.
+if(TARGET qel_admin)
+  install(TARGETS qel_admin EXPORT qelTargets)
+endif()
 install(DIRECTORY include/qel/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qel
   FILES_MATCHING PATTERN "*.h")
 install(FILES ${PROJECT_BINARY_DIR}/include/qel/version.h

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include <qel/export.h>
 #include <qel/node.h>
 
 namespace qel {
@@ -30,7 +31,7 @@ struct AdminOptions {
 //
 // Create, start, stop and destroy it on the loop's thread. The node object
 // must outlive the server; shutting the node down first is fine.
-class AdminServer {
+class QEL_API AdminServer {
  public:
   AdminServer(cQEL& node, AdminOptions options);
   ~AdminServer();  // stops

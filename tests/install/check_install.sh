@@ -26,6 +26,9 @@ echo "find_package(qel):"
   -DCMAKE_PREFIX_PATH="$prefix" -DQEL_HOST="$host" > /dev/null
 "$cmake" --build "$work/cmake" > /dev/null
 "$work/cmake/consumer"
+if [ -f "$build/lib/libqel_admin.so.2" ]; then
+  "$work/cmake/admin_consumer"
+fi
 
 echo "pkg-config qel:"
 flags=$(PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig" "$pkg_config" --cflags --libs qel)
