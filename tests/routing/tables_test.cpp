@@ -185,8 +185,12 @@ TEST(DupWindowTest, LongChurnKeepsHeldIdsAndForgetsOldOnesWithinTheCap) {
   auto id = [](int64_t n) { return "m" + std::to_string(n); };
   for (int64_t t = 0; t < 5000; ++t) {
     for (int64_t n = 3 * t; n < 3 * t + 3; ++n) ASSERT_FALSE(window.Note(id(n), t)) << n;
-    if (t >= 8) ASSERT_TRUE(window.Note(id(3 * (t - 7)), t)) << t;
-    if (t >= 300) ASSERT_FALSE(window.Note(id(3 * (t - 300) + 1), t)) << t;
+    if (t >= 8) {
+      ASSERT_TRUE(window.Note(id(3 * (t - 7)), t)) << t;
+    }
+    if (t >= 300) {
+      ASSERT_FALSE(window.Note(id(3 * (t - 300) + 1), t)) << t;
+    }
   }
   EXPECT_EQ(window.Cuts(), 0u);
 
