@@ -12,6 +12,9 @@
 #include <string>
 
 #include <qel/qel.h>
+#ifdef QEL_HAVE_ADMIN
+#include <qel/admin.h>
+#endif
 
 #include "admin/event_json.h"
 #include "admin/snapshot_json.h"
@@ -254,7 +257,23 @@ class Node {
   void Close() {
     Detach();
     HostCall call;
+#ifdef QEL_HAVE_ADMIN
+    admin_.reset();
+#endif
     node_.ShutDown();
+  }
+
+  std::string ServeHttp(const std::string& address, int32_t port, const std::string& token) {
+#ifdef QEL_HAVE_ADMIN
+    HostCall call;
+    if (admin_) throw qel::QelError(0, "qel", "this node serves HTTP already");
+    auto server = std::make_unique<qel::AdminServer>(node_, qel::AdminOptions{address, port, token});
+    std::string url = server->Start();
+    admin_ = std::move(server);
+    return url;
+#else
+    throw qel::QelError(0, "qel", "this qel was built without cpp-httplib: it serves no HTTP");
+#endif
   }
 
  private:
@@ -288,6 +307,9 @@ class Node {
   py::handle self_;  // borrowed: the Python object owns this one
   std::string lastError_;
   std::set<std::string> returns_;
+#ifdef QEL_HAVE_ADMIN
+  std::unique_ptr<qel::AdminServer> admin_;  // after node_: it goes first
+#endif
 };
 
 }  // namespace
@@ -347,5 +369,9 @@ PYBIND11_MODULE(_qel, m) {
       .def("_bind", &Node::Bind)
       .def("_unbind", &Node::Unbind)
       .def("_start_call", &Node::StartCall)
-      .def("_close", &Node::Close);
+      .def("_close", &Node::Close)
+      .def("serve_http", &Node::ServeHttp, py::arg("address") = "127.0.0.1", py::arg("port") = 0,
+           py::arg("token") = "",
+           "Serves metrics, status, events and a live page over HTTP; returns the URL. "
+           "Off loopback a token is needed. Answered while QEL's loop runs.");
 }

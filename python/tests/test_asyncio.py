@@ -1,6 +1,8 @@
 import asyncio
+import json
 import os
 import select
+import urllib.request
 import warnings
 
 import pytest
@@ -108,6 +110,20 @@ def test_pings_in_flight_at_once_leave_the_loop_free():
         assert not lost.done()
         with pytest.raises(qel.Timeout):
             await asyncio.wait_for(lost, DEADLINE)
+        a.close()
+        b.close()
+
+    asyncio.run(main())
+
+
+def test_http_side_is_answered_from_the_asyncio_loop():
+    async def main():
+        a, b = linked()
+        url = a.serve_http()
+        # Each request is posted to QEL's loop, which only asyncio runs here.
+        fetch = lambda: urllib.request.urlopen(url + "/api/status", timeout=10).read()
+        status = json.loads(await asyncio.get_running_loop().run_in_executor(None, fetch))
+        assert [link["nodeID"] for link in status["links"]] == [b.node_id]
         a.close()
         b.close()
 
