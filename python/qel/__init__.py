@@ -277,8 +277,12 @@ class Node(_qel.Node):
         """Fetches a shared file into ``local``, running the loop until it is
         complete; progress(done, total) follows it. Error when it fails."""
         state = self._begin_fetch(node_id, remote, local, progress, None, start, end, resume, verify)
-        while state.ok is None:
-            _qel.process(1000)
+        try:
+            while state.ok is None:
+                _qel.process(1000)
+        except BaseException:  # KeyboardInterrupt, or a handler's exception
+            self._abandon(state)
+            raise
         if not state.ok:
             raise Error(0, f"fetch of {remote} failed: {state.reason}")
 
@@ -286,11 +290,17 @@ class Node(_qel.Node):
                           progress: Optional[Callable[[int, int], None]] = None, *,
                           start: int = -1, end: int = -1, resume: bool = False,
                           verify: bool = False) -> None:
-        """fetch() for asyncio: never blocks the asyncio loop."""
+        """fetch() for asyncio: never blocks the asyncio loop. Cancelling it (as
+        ``asyncio.wait_for`` does at its time-out) cancels the fetch."""
         watch()
         future = asyncio.get_running_loop().create_future()
-        self._begin_fetch(node_id, remote, local, progress, future, start, end, resume, verify)
-        await future
+        state = self._begin_fetch(node_id, remote, local, progress, future, start, end, resume,
+                                  verify)
+        try:
+            await future
+        except asyncio.CancelledError:
+            self._abandon(state)
+            raise
 
     def start_fetch(self, node_id: str, remote: str, local: str,
                     progress: Optional[Callable[[int, int], None]] = None, *,
@@ -300,6 +310,11 @@ class Node(_qel.Node):
         and one fetch_done event follow."""
         return self._begin_fetch(node_id, remote, local, progress, None,
                                  start, end, resume, verify).fetch_id
+
+    def _abandon(self, state: _Fetch) -> None:
+        # Nobody waits for it any more: left running, it would go on writing the file.
+        if state.ok is None:
+            self.cancel_fetch(state.fetch_id)
 
     def _begin_fetch(self, node_id, remote, local, progress, future, start, end, resume, verify):
         fetch_id = self._start_fetch(node_id, remote, local, start, end, resume, verify)

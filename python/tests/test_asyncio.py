@@ -72,6 +72,14 @@ def test_events_while_a_fetch_runs_and_a_raising_handler(tmp_path):
         assert done.ok and local.read_bytes() == data
         assert ticks > 1
 
+        # A fetch whose awaiting task is cancelled stops, instead of writing on unheard.
+        dropped = asyncio.create_task(b.fetch_async(a.node_id, "\\f.bin", str(tmp_path / "x.bin")))
+        await asyncio.sleep(0)  # lets it start
+        dropped.cancel()
+        with pytest.raises(asyncio.CancelledError):
+            await dropped
+        assert not [t for t in b.snapshot()["transfers"] if t["incoming"]]
+
         # A handler that raises is reported; the node goes on.
         b.on_message = lambda text, from_id: {}["missing"]
         with warnings.catch_warnings(record=True) as caught:
