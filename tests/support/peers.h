@@ -140,4 +140,32 @@ inline std::string RawMsg(const std::string& id, const std::string& fields, cons
          "ID: " + id + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
+// Every handler of target runs the loop; the first ones make one sender send
+// more, read in those loops one and two levels down, while a second sender
+// floods. send(flood, tag, count, size) sends count messages, tag0 to tagN,
+// each padded with size dots, from the flood sender or the other. Each
+// sender's messages must come in the order sent.
+inline void ExpectOrderWhileHandlersRunTheLoop(
+    Peer& target,
+    const std::function<void(bool flood, const std::string& tag, int count, size_t size)>& send) {
+  std::vector<std::string> fromPeer, fromFlood;
+  target.node.MessageReceived = [&](std::string& text, std::string&, std::string&) {
+    (text[0] == 'd' ? fromFlood : fromPeer).push_back(text.substr(0, text.find('.')));
+    if (text.starts_with("a0.")) {
+      send(false, "b", 6, 10);
+      send(true, "d", 10, 1000);
+    }
+    if (text.starts_with("a1.")) send(false, "c", 6, 10);
+    target.node.GetNodeInfo("NOBODY", false);  // waits Timeout, running the loop
+  };
+  send(false, "a", 6, 10);
+  ASSERT_TRUE(Eventually([&] { return fromPeer.size() == 18 && fromFlood.size() == 10; }));
+  std::vector<std::string> sent;
+  for (const char* tag : {"a", "b", "c"}) {
+    for (int i = 0; i < 6; ++i) sent.push_back(tag + std::to_string(i));
+  }
+  EXPECT_EQ(fromPeer, sent);
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(fromFlood[i], "d" + std::to_string(i));
+}
+
 }  // namespace qel::test
